@@ -1,0 +1,21 @@
+# Every dependency comes from Debian's archive (scripts/setup.sh installs them).
+find_package(Threads REQUIRED)
+find_package(TBB REQUIRED)
+find_package(nlohmann_json 3.11 REQUIRED)
+find_package(embree 3 REQUIRED)
+find_package(assimp REQUIRED)
+find_package(TinyGLTF REQUIRED)
+
+find_path(LODEPNG_INCLUDE_DIR lodepng.h REQUIRED)
+find_library(LODEPNG_LIBRARY lodepng REQUIRED)
+add_library(kv_lodepng INTERFACE)
+target_include_directories(kv_lodepng INTERFACE ${LODEPNG_INCLUDE_DIR})
+target_link_libraries(kv_lodepng INTERFACE ${LODEPNG_LIBRARY})
+
+if(KV_BUILD_TESTS)
+  find_package(GTest REQUIRED)
+  find_package(OpenEXR REQUIRED)
+endif()
+if(KV_BUILD_BENCH)
+  find_package(tinyobjloader REQUIRED)
+endif()

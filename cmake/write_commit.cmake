@@ -1,0 +1,20 @@
+# Outside a git checkout the commit is the documented placeholder.
+set(commit "000000000000")
+find_program(GIT git)
+if(GIT)
+  execute_process(COMMAND ${GIT} -C ${SOURCE_DIR} rev-parse HEAD
+                  OUTPUT_VARIABLE out RESULT_VARIABLE rc ERROR_QUIET
+                  OUTPUT_STRIP_TRAILING_WHITESPACE)
+  if(rc EQUAL 0 AND out MATCHES "^[0-9a-f]+$")
+    string(SUBSTRING "${out}" 0 12 commit)
+  endif()
+endif()
+set(text "#pragma once\n#define KV_SOURCE_COMMIT \"${commit}\"\n")
+if(EXISTS ${OUTPUT})
+  file(READ ${OUTPUT} old)
+else()
+  set(old "")
+endif()
+if(NOT old STREQUAL text)
+  file(WRITE ${OUTPUT} "${text}")
+endif()

@@ -1,0 +1,157 @@
+// Every operating-system call of the program, as plain functions. No other
+// folder includes an OS header. Failures are reported as the system's error
+// number (errno on Linux) where the caller words the message itself.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kv::platform {
+
+// ---- process -------------------------------------------------------------
+
+int hardware_thread_count();
+std::uint32_t process_id();
+std::optional<std::string> get_env(const char* name);
+
+// Opts the process out of execution-speed power throttling. The platform
+// may not have the setting; then nothing happens.
+void opt_out_of_power_throttling();
+
+// Below-normal priority for the whole process (nice 10) and for the calling
+// thread alone.
+void lower_process_priority();
+void lower_thread_priority();
+
+// Memory the system could give us now (MemAvailable); 0 when unknown.
+std::uint64_t memory_available_bytes();
+// Highest resident set size of this process so far.
+std::uint64_t peak_resident_bytes();
+
+// The system's text for an error number; "error N" when it has none.
+std::string system_error_text(int error);
+
+// ---- standard streams ----------------------------------------------------
+
+// Writes all bytes; false when the stream failed.
+bool write_stdout(std::string_view text);
+bool write_stderr(std::string_view text);
+
+// ---- files ---------------------------------------------------------------
+
+struct FileStatus {
+  bool is_regular = false;
+  bool is_directory = false;
+  bool is_symlink = false;  // the link itself, not followed
+  bool read_only = false;   // no write permission bit for anyone
+  std::uint64_t size = 0;
+  std::int64_t mtime_ns = 0;  // last write, ns since the Unix epoch
+};
+
+// Status of the path itself (links not followed). nullopt with *error set
+// (ENOENT when it does not exist).
+std::optional<FileStatus> file_status(const std::filesystem::path& path, int* error);
+
+// Sets the last-write time; returns 0 or the error number.
+int set_last_write_time(const std::filesystem::path& path, std::int64_t mtime_ns);
+
+// Lexical absolute form of the path; no link resolution.
+std::filesystem::path absolute_path(const std::filesystem::path& path);
+
+// Creates the folder and its missing parents; 0 or the error number.
+int create_directories(const std::filesystem::path& path);
+
+// rename(2) with replacement of an existing target; 0 or the error number.
+int rename_replace(const std::filesystem::path& from, const std::filesystem::path& to);
+
+// unlink(2); 0 or the error number.
+int remove_file(const std::filesystem::path& path);
+
+// True for errors that may pass when the operation is retried soon.
+bool is_transient_rename_error(int error);
+
+void sleep_ms(int milliseconds);
+
+struct DirEntry {
+  std::string name;  // file name only
+  FileStatus status;
+};
+// The entries of a folder (without "." and ".."); nullopt with *error set.
+std::optional<std::vector<DirEntry>> list_directory(const std::filesystem::path& path, int* error);
+
+// An open file descriptor, closed on destruction.
+class File {
+ public:
+  File() = default;
+  explicit File(int fd) : fd_(fd) {}
+  ~File();
+  File(File&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
+  File& operator=(File&& other) noexcept;
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+
+  // Opens an existing file for reading; *error set on failure.
+  static File open_read(const std::filesystem::path& path, int* error);
+  // Creates a new file for writing, failing when the name exists (EEXIST).
+  static File create_exclusive(const std::filesystem::path& path, int* error);
+  // Creates or truncates a file for writing.
+  static File create_truncate(const std::filesystem::path& path, int* error);
+
+  bool is_open() const { return fd_ >= 0; }
+  // Writes every byte, retrying short writes; 0 or the error number.
+  int write_all(const void* data, std::size_t size);
+  // Reads up to size bytes at the current position, retrying short reads
+  // until the end of the file; returns the count read, or -1 with *error.
+  std::int64_t read_full(void* data, std::size_t size, int* error);
+  // Size of the open file; -1 with *error on failure.
+  std::int64_t size(int* error) const;
+  // Flushes to the file system's cache and closes; 0 or the error number.
+  int close();
+
+ private:
+  int fd_ = -1;
+};
+
+// Reads a whole file into memory; nullopt with *error set.
+std::optional<std::string> read_file(const std::filesystem::path& path, int* error);
+
+// A read-only memory mapping of a whole file.
+class MappedFile {
+ public:
+  MappedFile() = default;
+  ~MappedFile();
+  MappedFile(MappedFile&& other) noexcept;
+  MappedFile& operator=(MappedFile&& other) noexcept;
+  MappedFile(const MappedFile&) = delete;
+  MappedFile& operator=(const MappedFile&) = delete;
+
+  // Maps the file; *error set on failure. An empty file maps to no bytes.
+  static std::optional<MappedFile> open(const std::filesystem::path& path, int* error);
+  const unsigned char* data() const { return data_; }
+  std::size_t size() const { return size_; }
+
+ private:
+  const unsigned char* data_ = nullptr;
+  std::size_t size_ = 0;
+};
+
+// ---- child processes (tests and tools) ------------------------------------
+
+struct ProcessResult {
+  int exit_code = -1;  // -1 when the child did not exit normally
+  std::string out;
+  std::string err;
+};
+// Runs a program with the arguments (argv[0] included), feeding stdin_text
+// and collecting stdout and stderr. env_set entries ("NAME=value") are added
+// to the environment and env_unset names removed from it.
+ProcessResult run_process(const std::vector<std::string>& argv, std::string_view stdin_text,
+                          const std::vector<std::string>& env_set = {},
+                          const std::vector<std::string>& env_unset = {});
+
+}  // namespace kv::platform

@@ -1,0 +1,491 @@
+// Linux implementation of the platform operations.
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <thread>
+
+#include "platform/platform.h"
+
+extern char** environ;
+
+namespace kv::platform {
+
+// ---- process -------------------------------------------------------------
+
+int hardware_thread_count() {
+  const unsigned n = std::thread::hardware_concurrency();
+  return n == 0 ? 1 : static_cast<int>(n);
+}
+
+std::uint32_t process_id() { return static_cast<std::uint32_t>(::getpid()); }
+
+std::optional<std::string> get_env(const char* name) {
+  const char* value = std::getenv(name);
+  if (value == nullptr) {
+    return std::nullopt;
+  }
+  return std::string(value);
+}
+
+void opt_out_of_power_throttling() {
+  // Linux has no per-process execution-speed throttling to opt out of.
+}
+
+void lower_process_priority() { (void)::setpriority(PRIO_PROCESS, 0, 10); }
+
+void lower_thread_priority() {
+  // On Linux the nice value is per thread when addressed by thread id.
+  const auto tid = static_cast<id_t>(::syscall(SYS_gettid));
+  (void)::setpriority(PRIO_PROCESS, tid, 10);
+}
+
+std::uint64_t memory_available_bytes() {
+  std::ifstream meminfo("/proc/meminfo");
+  std::string key;
+  std::uint64_t value = 0;
+  std::string unit;
+  while (meminfo >> key >> value >> unit) {
+    if (key == "MemAvailable:") {
+      return value * 1024;
+    }
+  }
+  return 0;
+}
+
+std::uint64_t peak_resident_bytes() {
+  rusage usage{};
+  if (::getrusage(RUSAGE_SELF, &usage) != 0) {
+    return 0;
+  }
+  return static_cast<std::uint64_t>(usage.ru_maxrss) * 1024;
+}
+
+std::string system_error_text(int error) {
+  char buffer[256];
+  buffer[0] = '\0';
+  // GNU strerror_r may return a static string instead of filling the buffer.
+  const char* text = ::strerror_r(error, buffer, sizeof buffer);
+  if (text == nullptr || text[0] == '\0') {
+    return "error " + std::to_string(error);
+  }
+  return text;
+}
+
+// ---- standard streams ----------------------------------------------------
+
+namespace {
+
+bool write_fd(int fd, std::string_view text) {
+  const char* p = text.data();
+  std::size_t left = text.size();
+  while (left > 0) {
+    const ssize_t n = ::write(fd, p, left);
+    if (n < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      return false;
+    }
+    p += n;
+    left -= static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+FileStatus to_status(const struct stat& st) {
+  FileStatus status;
+  status.is_regular = S_ISREG(st.st_mode);
+  status.is_directory = S_ISDIR(st.st_mode);
+  status.is_symlink = S_ISLNK(st.st_mode);
+  status.read_only = (st.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0;
+  status.size = static_cast<std::uint64_t>(st.st_size);
+  status.mtime_ns = static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000LL +
+                    static_cast<std::int64_t>(st.st_mtim.tv_nsec);
+  return status;
+}
+
+}  // namespace
+
+bool write_stdout(std::string_view text) {
+  std::fflush(stdout);  // keep order with anything written through stdio
+  return write_fd(STDOUT_FILENO, text);
+}
+
+bool write_stderr(std::string_view text) {
+  std::fflush(stderr);
+  return write_fd(STDERR_FILENO, text);
+}
+
+// ---- files ---------------------------------------------------------------
+
+std::optional<FileStatus> file_status(const std::filesystem::path& path, int* error) {
+  struct stat st{};
+  if (::lstat(path.c_str(), &st) != 0) {
+    *error = errno;
+    return std::nullopt;
+  }
+  return to_status(st);
+}
+
+int set_last_write_time(const std::filesystem::path& path, std::int64_t mtime_ns) {
+  timespec times[2];
+  times[0].tv_sec = 0;
+  times[0].tv_nsec = UTIME_OMIT;
+  times[1].tv_sec = static_cast<time_t>(mtime_ns / 1000000000LL);
+  times[1].tv_nsec = static_cast<long>(mtime_ns % 1000000000LL);
+  if (times[1].tv_nsec < 0) {
+    times[1].tv_nsec += 1000000000L;
+    times[1].tv_sec -= 1;
+  }
+  return ::utimensat(AT_FDCWD, path.c_str(), times, 0) == 0 ? 0 : errno;
+}
+
+std::filesystem::path absolute_path(const std::filesystem::path& path) {
+  std::error_code ec;
+  auto result = std::filesystem::absolute(path, ec);
+  return ec ? path : result.lexically_normal();
+}
+
+int create_directories(const std::filesystem::path& path) {
+  std::error_code ec;
+  std::filesystem::create_directories(path, ec);
+  return ec ? ec.value() : 0;
+}
+
+int rename_replace(const std::filesystem::path& from, const std::filesystem::path& to) {
+  return ::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
+}
+
+int remove_file(const std::filesystem::path& path) {
+  return ::unlink(path.c_str()) == 0 ? 0 : errno;
+}
+
+bool is_transient_rename_error(int error) { return error == EBUSY || error == ETXTBSY; }
+
+void sleep_ms(int milliseconds) {
+  std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+}
+
+std::optional<std::vector<DirEntry>> list_directory(const std::filesystem::path& path,
+                                                    int* error) {
+  DIR* dir = ::opendir(path.c_str());
+  if (dir == nullptr) {
+    *error = errno;
+    return std::nullopt;
+  }
+  std::vector<DirEntry> entries;
+  while (dirent* entry = ::readdir(dir)) {
+    const std::string name = entry->d_name;
+    if (name == "." || name == "..") {
+      continue;
+    }
+    struct stat st{};
+    if (::fstatat(::dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+      continue;  // vanished while listing
+    }
+    entries.push_back({name, to_status(st)});
+  }
+  ::closedir(dir);
+  return entries;
+}
+
+File::~File() {
+  if (fd_ >= 0) {
+    ::close(fd_);
+  }
+}
+
+File& File::operator=(File&& other) noexcept {
+  if (this != &other) {
+    if (fd_ >= 0) {
+      ::close(fd_);
+    }
+    fd_ = other.fd_;
+    other.fd_ = -1;
+  }
+  return *this;
+}
+
+File File::open_read(const std::filesystem::path& path, int* error) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    *error = errno;
+  }
+  return File(fd);
+}
+
+File File::create_exclusive(const std::filesystem::path& path, int* error) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  if (fd < 0) {
+    *error = errno;
+  }
+  return File(fd);
+}
+
+File File::create_truncate(const std::filesystem::path& path, int* error) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  if (fd < 0) {
+    *error = errno;
+  }
+  return File(fd);
+}
+
+int File::write_all(const void* data, std::size_t size) {
+  const auto* p = static_cast<const char*>(data);
+  while (size > 0) {
+    const std::size_t step = size < (std::size_t{1} << 30) ? size : (std::size_t{1} << 30);
+    const ssize_t n = ::write(fd_, p, step);
+    if (n < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      return errno;
+    }
+    if (n == 0) {
+      return ENOSPC;
+    }
+    p += n;
+    size -= static_cast<std::size_t>(n);
+  }
+  return 0;
+}
+
+std::int64_t File::read_full(void* data, std::size_t size, int* error) {
+  auto* p = static_cast<char*>(data);
+  std::size_t total = 0;
+  while (total < size) {
+    const std::size_t step =
+        size - total < (std::size_t{1} << 30) ? size - total : (std::size_t{1} << 30);
+    const ssize_t n = ::read(fd_, p + total, step);
+    if (n < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      *error = errno;
+      return -1;
+    }
+    if (n == 0) {
+      break;
+    }
+    total += static_cast<std::size_t>(n);
+  }
+  return static_cast<std::int64_t>(total);
+}
+
+std::int64_t File::size(int* error) const {
+  struct stat st{};
+  if (::fstat(fd_, &st) != 0) {
+    *error = errno;
+    return -1;
+  }
+  return static_cast<std::int64_t>(st.st_size);
+}
+
+int File::close() {
+  if (fd_ < 0) {
+    return 0;
+  }
+  const int fd = fd_;
+  fd_ = -1;
+  return ::close(fd) == 0 ? 0 : errno;
+}
+
+std::optional<std::string> read_file(const std::filesystem::path& path, int* error) {
+  File file = File::open_read(path, error);
+  if (!file.is_open()) {
+    return std::nullopt;
+  }
+  const std::int64_t size = file.size(error);
+  if (size < 0) {
+    return std::nullopt;
+  }
+  std::string bytes(static_cast<std::size_t>(size), '\0');
+  const std::int64_t got = file.read_full(bytes.data(), bytes.size(), error);
+  if (got < 0) {
+    return std::nullopt;
+  }
+  bytes.resize(static_cast<std::size_t>(got));
+  return bytes;
+}
+
+MappedFile::~MappedFile() {
+  if (data_ != nullptr) {
+    ::munmap(const_cast<unsigned char*>(data_), size_);
+  }
+}
+
+MappedFile::MappedFile(MappedFile&& other) noexcept : data_(other.data_), size_(other.size_) {
+  other.data_ = nullptr;
+  other.size_ = 0;
+}
+
+MappedFile& MappedFile::operator=(MappedFile&& other) noexcept {
+  if (this != &other) {
+    if (data_ != nullptr) {
+      ::munmap(const_cast<unsigned char*>(data_), size_);
+    }
+    data_ = other.data_;
+    size_ = other.size_;
+    other.data_ = nullptr;
+    other.size_ = 0;
+  }
+  return *this;
+}
+
+std::optional<MappedFile> MappedFile::open(const std::filesystem::path& path, int* error) {
+  File file = File::open_read(path, error);
+  if (!file.is_open()) {
+    return std::nullopt;
+  }
+  const std::int64_t size = file.size(error);
+  if (size < 0) {
+    return std::nullopt;
+  }
+  MappedFile mapped;
+  if (size == 0) {
+    return mapped;
+  }
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    *error = errno;
+    return std::nullopt;
+  }
+  void* data = ::mmap(nullptr, static_cast<std::size_t>(size), PROT_READ, MAP_PRIVATE, fd, 0);
+  const int map_error = errno;
+  ::close(fd);
+  if (data == MAP_FAILED) {
+    *error = map_error;
+    return std::nullopt;
+  }
+  mapped.data_ = static_cast<const unsigned char*>(data);
+  mapped.size_ = static_cast<std::size_t>(size);
+  return mapped;
+}
+
+// ---- child processes -----------------------------------------------------
+
+ProcessResult run_process(const std::vector<std::string>& argv, std::string_view stdin_text,
+                          const std::vector<std::string>& env_set,
+                          const std::vector<std::string>& env_unset) {
+  ProcessResult result;
+  int in_pipe[2], out_pipe[2], err_pipe[2];
+  if (::pipe2(in_pipe, O_CLOEXEC) != 0 || ::pipe2(out_pipe, O_CLOEXEC) != 0 ||
+      ::pipe2(err_pipe, O_CLOEXEC) != 0) {
+    return result;
+  }
+  std::vector<std::string> env_strings;
+  for (char** e = environ; *e != nullptr; ++e) {
+    const std::string entry = *e;
+    const std::string name = entry.substr(0, entry.find('='));
+    bool drop = false;
+    for (const auto& unset : env_unset) {
+      drop = drop || unset == name;
+    }
+    for (const auto& set : env_set) {
+      drop = drop || set.substr(0, set.find('=')) == name;
+    }
+    if (!drop) {
+      env_strings.push_back(entry);
+    }
+  }
+  env_strings.insert(env_strings.end(), env_set.begin(), env_set.end());
+  std::vector<char*> envp;
+  for (auto& s : env_strings) {
+    envp.push_back(s.data());
+  }
+  envp.push_back(nullptr);
+  std::vector<std::string> args = argv;
+  std::vector<char*> argp;
+  for (auto& s : args) {
+    argp.push_back(s.data());
+  }
+  argp.push_back(nullptr);
+
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, in_pipe[0], STDIN_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, out_pipe[1], STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, err_pipe[1], STDERR_FILENO);
+  pid_t pid = -1;
+  const int rc = ::posix_spawn(&pid, argp[0], &actions, nullptr, argp.data(), envp.data());
+  posix_spawn_file_actions_destroy(&actions);
+  ::close(in_pipe[0]);
+  ::close(out_pipe[1]);
+  ::close(err_pipe[1]);
+  if (rc != 0) {
+    ::close(in_pipe[1]);
+    ::close(out_pipe[0]);
+    ::close(err_pipe[0]);
+    result.err = system_error_text(rc);
+    return result;
+  }
+  // Feed stdin and drain both outputs together so no pipe fills up.
+  std::size_t fed = 0;
+  int in_fd = in_pipe[1];
+  if (stdin_text.empty()) {
+    ::close(in_fd);
+    in_fd = -1;
+  } else {
+    ::fcntl(in_fd, F_SETFL, O_NONBLOCK);
+  }
+  struct sigaction ignore{}, previous{};
+  ignore.sa_handler = SIG_IGN;
+  ::sigaction(SIGPIPE, &ignore, &previous);
+  int out_fd = out_pipe[0], err_fd = err_pipe[0];
+  char buffer[65536];
+  while (out_fd >= 0 || err_fd >= 0) {
+    pollfd fds[3];
+    int count = 0;
+    if (out_fd >= 0) fds[count++] = {out_fd, POLLIN, 0};
+    if (err_fd >= 0) fds[count++] = {err_fd, POLLIN, 0};
+    if (in_fd >= 0) fds[count++] = {in_fd, POLLOUT, 0};
+    if (::poll(fds, static_cast<nfds_t>(count), -1) < 0) {
+      if (errno == EINTR) continue;
+      break;
+    }
+    for (int i = 0; i < count; ++i) {
+      if (fds[i].revents == 0) continue;
+      if (fds[i].fd == in_fd) {
+        const ssize_t n = ::write(in_fd, stdin_text.data() + fed, stdin_text.size() - fed);
+        if (n > 0) fed += static_cast<std::size_t>(n);
+        if (n < 0 && errno != EAGAIN && errno != EINTR) fed = stdin_text.size();
+        if (fed == stdin_text.size()) {
+          ::close(in_fd);
+          in_fd = -1;
+        }
+        continue;
+      }
+      const ssize_t n = ::read(fds[i].fd, buffer, sizeof buffer);
+      if (n > 0) {
+        (fds[i].fd == out_fd ? result.out : result.err).append(buffer, static_cast<std::size_t>(n));
+      } else if (n == 0 || (errno != EINTR && errno != EAGAIN)) {
+        ::close(fds[i].fd);
+        (fds[i].fd == out_fd ? out_fd : err_fd) = -1;
+      }
+    }
+  }
+  if (in_fd >= 0) ::close(in_fd);
+  ::sigaction(SIGPIPE, &previous, nullptr);
+  int status = 0;
+  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return result;
+}
+
+}  // namespace kv::platform
