@@ -31,7 +31,7 @@ endfunction()
 
 # One test executable per subsystem folder under tests/.
 function(kv_test_folder name)
-  cmake_parse_arguments(ARG "" "" "DEPS" ${ARGN})
+  cmake_parse_arguments(ARG "NEEDS_BINARY" "" "DEPS" ${ARGN})
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
   if(NOT sources)
     return()
@@ -42,7 +42,9 @@ function(kv_test_folder name)
   target_compile_definitions(${name} PRIVATE
     KV_BINARY="$<TARGET_FILE:korvane>"
     KV_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
-  add_dependencies(${name} korvane)
+  if(ARG_NEEDS_BINARY)
+    add_dependencies(${name} korvane)  # end-to-end tests run the built binary
+  endif()
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
                        PROPERTIES TIMEOUT 600)
 endfunction()
