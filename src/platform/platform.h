@@ -105,6 +105,9 @@ class File {
   bool is_open() const { return fd_ >= 0; }
   // Writes every byte, retrying short writes; 0 or the error number.
   int write_all(const void* data, std::size_t size);
+  // One write(2) call (retried on EINTR): the count accepted, which may be
+  // short or 0, or -1 with *error set.
+  std::int64_t write_some(const void* data, std::size_t size, int* error);
   // Reads up to size bytes at the current position, retrying short reads
   // until the end of the file; returns the count read, or -1 with *error.
   std::int64_t read_full(void* data, std::size_t size, int* error);

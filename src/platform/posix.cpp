@@ -265,6 +265,20 @@ int File::write_all(const void* data, std::size_t size) {
   return 0;
 }
 
+std::int64_t File::write_some(const void* data, std::size_t size, int* error) {
+  const std::size_t step = size < (std::size_t{1} << 30) ? size : (std::size_t{1} << 30);
+  for (;;) {
+    const ssize_t n = ::write(fd_, data, step);
+    if (n >= 0) {
+      return static_cast<std::int64_t>(n);
+    }
+    if (errno != EINTR) {
+      *error = errno;
+      return -1;
+    }
+  }
+}
+
 std::int64_t File::read_full(void* data, std::size_t size, int* error) {
   auto* p = static_cast<char*>(data);
   std::size_t total = 0;
