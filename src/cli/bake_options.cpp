@@ -79,9 +79,8 @@ void read_padding_color(std::string_view option, std::string_view value,
   std::size_t start = 0;
   for (;;) {
     const std::size_t comma = value.find(',', start);
-    std::string_view piece = value.substr(start, comma == std::string_view::npos
-                                                     ? std::string_view::npos
-                                                     : comma - start);
+    std::string_view piece = value.substr(
+        start, comma == std::string_view::npos ? std::string_view::npos : comma - start);
     if (stored == 3) {
       throw UsageError("--padding-color takes at most 3 values");
     }
@@ -103,7 +102,8 @@ using OptionReader =
 const std::unordered_map<std::string_view, OptionReader>& option_table() {
   static const std::unordered_map<std::string_view, OptionReader> table = [] {
     std::unordered_map<std::string_view, OptionReader> t;
-    auto path_option = [&](std::string_view name, std::filesystem::path NormalBakeSettings::*field) {
+    auto path_option = [&](std::string_view name,
+                           std::filesystem::path NormalBakeSettings::*field) {
       t[name] = [field](NormalBakeSettings& s, Given&, std::string_view, std::string_view v) {
         s.*field = read_path(v);
       };
@@ -164,14 +164,12 @@ const std::unordered_map<std::string_view, OptionReader>& option_table() {
     };
     t["--padding-color"] = [](NormalBakeSettings& s, Given&, std::string_view o,
                               std::string_view v) { read_padding_color(o, v, s.padding_color); };
-    t["--normal-format"] = [](NormalBakeSettings& s, Given&, std::string_view,
-                              std::string_view v) {
+    t["--normal-format"] = [](NormalBakeSettings& s, Given&, std::string_view, std::string_view v) {
       static constexpr std::array<std::string_view, 2> words = {"opengl", "directx"};
       s.normal_format = static_cast<std::uint32_t>(
           read_word(v, words, "--normal-format takes opengl or directx"));
     };
-    t["--tangent-space"] = [](NormalBakeSettings& s, Given&, std::string_view,
-                              std::string_view v) {
+    t["--tangent-space"] = [](NormalBakeSettings& s, Given&, std::string_view, std::string_view v) {
       static constexpr std::array<std::string_view, 2> words = {"per-fragment", "per-vertex"};
       s.tangent_space = static_cast<std::uint32_t>(
           read_word(v, words, "--tangent-space takes per-fragment or per-vertex"));
@@ -212,15 +210,13 @@ const std::unordered_map<std::string_view, OptionReader>& option_table() {
       static constexpr std::array<std::string_view, 3> words = {"auto", "gpu", "cpu"};
       s.backend = std::string(words[read_word(v, words, "--backend takes auto, gpu or cpu")]);
     };
-    t["--gpu-pipeline"] = [](NormalBakeSettings& s, Given&, std::string_view,
-                             std::string_view v) {
+    t["--gpu-pipeline"] = [](NormalBakeSettings& s, Given&, std::string_view, std::string_view v) {
       static constexpr std::array<std::string_view, 2> words = {"batched", "resident"};
       s.gpu_pipeline =
           std::string(words[read_word(v, words, "--gpu-pipeline takes batched or resident")]);
       s.gpu_pipeline_given = true;
     };
-    t["--gpu-precision"] = [](NormalBakeSettings& s, Given&, std::string_view,
-                              std::string_view v) {
+    t["--gpu-precision"] = [](NormalBakeSettings& s, Given&, std::string_view, std::string_view v) {
       static constexpr std::array<std::string_view, 3> words = {"exact", "fp32-resolve", "fp32"};
       s.gpu_precision = std::string(
           words[read_word(v, words, "--gpu-precision takes exact, fp32-resolve or fp32")]);
@@ -242,8 +238,7 @@ const std::unordered_map<std::string_view, OptionReader>& option_table() {
       }
       s.gpu_band_growth = static_cast<std::int32_t>(value);
     };
-    t["--gpu-band-ms"] = [](NormalBakeSettings& s, Given&, std::string_view o,
-                            std::string_view v) {
+    t["--gpu-band-ms"] = [](NormalBakeSettings& s, Given&, std::string_view o, std::string_view v) {
       const float value = read_number(o, v);
       if (!(value >= 0.5f && value <= 1000.0f)) {
         throw UsageError("--gpu-band-ms takes 0.5 to 1000");
@@ -262,8 +257,7 @@ const std::unordered_map<std::string_view, OptionReader>& option_table() {
       }
       s.uv_snap_bits = value;
     };
-    t["--uv-snap-unit"] = [](NormalBakeSettings& s, Given&, std::string_view,
-                             std::string_view v) {
+    t["--uv-snap-unit"] = [](NormalBakeSettings& s, Given&, std::string_view, std::string_view v) {
       static constexpr std::array<std::string_view, 2> words = {"sample", "texel"};
       s.uv_snap_texel = read_word(v, words, "--uv-snap-unit takes sample or texel") == 1;
     };
@@ -291,7 +285,7 @@ const std::unordered_map<std::string_view, OptionReader>& option_table() {
 
 bool is_command_line_only(std::string_view option) {
   static constexpr std::array<std::string_view, 12> options = {
-      "--low",   "--high",         "--out-normal", "--out-opacity", "--report", "--progress",
+      "--low",     "--high",         "--out-normal", "--out-opacity", "--report", "--progress",
       "--preview", "--preview-size", "--quads",      "--cache-dir",   "--help",   "-h"};
   for (auto o : options) {
     if (option == o) {

@@ -5,6 +5,8 @@
 namespace kv::cli {
 
 const std::string& bake_usage_text() {
+  // One source line per output line keeps the text readable.
+  // clang-format off
   static const std::string text =
       "korvane 0.4.0 - tangent-space Normal and Opacity maps matched to a fixed version of the\n"
       "reference painting application's baker\n"
@@ -88,6 +90,7 @@ const std::string& bake_usage_text() {
       "Outputs are uncompressed float32 OpenEXR files whose values lie on the UNORM16 grid; a .png\n"
       "output path gives a 16-bit PNG holding the same UNORM16 codes.\n"
       "stdout ends with one JSON summary line; errors go to stderr with a nonzero exit code.\n";
+  // clang-format on
   return text;
 }
 

@@ -23,7 +23,9 @@ WorkerPool::WorkerPool(int threads)
 
 WorkerPool::~WorkerPool() = default;
 
-void WorkerPool::run(const std::function<void()>& fn) const { arena_->arena.execute(fn); }
+void WorkerPool::run(const std::function<void()>& fn) const {
+  arena_->arena.execute(fn);
+}
 
 void WorkerPool::for_chunks(std::uint64_t count, std::uint64_t chunk_size,
                             const ChunkFn& fn) const {

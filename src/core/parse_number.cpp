@@ -87,8 +87,12 @@ std::optional<T> parse_float(std::string_view text) {
 
 }  // namespace
 
-std::optional<float> parse_float32(std::string_view text) { return parse_float<float>(text); }
+std::optional<float> parse_float32(std::string_view text) {
+  return parse_float<float>(text);
+}
 
-std::optional<double> parse_float64(std::string_view text) { return parse_float<double>(text); }
+std::optional<double> parse_float64(std::string_view text) {
+  return parse_float<double>(text);
+}
 
 }  // namespace kv

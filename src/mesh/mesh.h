@@ -31,10 +31,10 @@ struct Mesh {
   std::vector<std::string> materials;
   std::vector<std::uint32_t> triangle_materials;  // one per triangle, or empty
   std::vector<std::string> blocks;
-  std::vector<std::uint32_t> object_blocks;     // one per object, or empty
-  std::vector<std::string> object_alt_names;    // one per object, or empty
-  std::vector<std::uint32_t> polygroups;        // one per triangle, or empty
-  std::vector<std::array<float, 3>> colors;     // one per corner, or empty
+  std::vector<std::uint32_t> object_blocks;   // one per object, or empty
+  std::vector<std::string> object_alt_names;  // one per object, or empty
+  std::vector<std::uint32_t> polygroups;      // one per triangle, or empty
+  std::vector<std::array<float, 3>> colors;   // one per corner, or empty
 };
 
 // Counters a reader fills while it builds a Mesh.

@@ -32,7 +32,9 @@ int hardware_thread_count() {
   return n == 0 ? 1 : static_cast<int>(n);
 }
 
-std::uint32_t process_id() { return static_cast<std::uint32_t>(::getpid()); }
+std::uint32_t process_id() {
+  return static_cast<std::uint32_t>(::getpid());
+}
 
 std::optional<std::string> get_env(const char* name) {
   const char* value = std::getenv(name);
@@ -46,7 +48,9 @@ void opt_out_of_power_throttling() {
   // Linux has no per-process execution-speed throttling to opt out of.
 }
 
-void lower_process_priority() { (void)::setpriority(PRIO_PROCESS, 0, 10); }
+void lower_process_priority() {
+  (void)::setpriority(PRIO_PROCESS, 0, 10);
+}
 
 void lower_thread_priority() {
   // On Linux the nice value is per thread when addressed by thread id.
@@ -134,7 +138,7 @@ bool write_stderr(std::string_view text) {
 // ---- files ---------------------------------------------------------------
 
 std::optional<FileStatus> file_status(const std::filesystem::path& path, int* error) {
-  struct stat st{};
+  struct stat st {};
   if (::lstat(path.c_str(), &st) != 0) {
     *error = errno;
     return std::nullopt;
@@ -175,14 +179,15 @@ int remove_file(const std::filesystem::path& path) {
   return ::unlink(path.c_str()) == 0 ? 0 : errno;
 }
 
-bool is_transient_rename_error(int error) { return error == EBUSY || error == ETXTBSY; }
+bool is_transient_rename_error(int error) {
+  return error == EBUSY || error == ETXTBSY;
+}
 
 void sleep_ms(int milliseconds) {
   std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 
-std::optional<std::vector<DirEntry>> list_directory(const std::filesystem::path& path,
-                                                    int* error) {
+std::optional<std::vector<DirEntry>> list_directory(const std::filesystem::path& path, int* error) {
   DIR* dir = ::opendir(path.c_str());
   if (dir == nullptr) {
     *error = errno;
@@ -194,7 +199,7 @@ std::optional<std::vector<DirEntry>> list_directory(const std::filesystem::path&
     if (name == "." || name == "..") {
       continue;
     }
-    struct stat st{};
+    struct stat st {};
     if (::fstatat(::dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
       continue;  // vanished while listing
     }
@@ -302,7 +307,7 @@ std::int64_t File::read_full(void* data, std::size_t size, int* error) {
 }
 
 std::int64_t File::size(int* error) const {
-  struct stat st{};
+  struct stat st {};
   if (::fstat(fd_, &st) != 0) {
     *error = errno;
     return -1;
@@ -457,7 +462,8 @@ ProcessResult run_process(const std::vector<std::string>& argv, std::string_view
   } else {
     ::fcntl(in_fd, F_SETFL, O_NONBLOCK);
   }
-  struct sigaction ignore{}, previous{};
+  struct sigaction ignore {
+  }, previous{};
   ignore.sa_handler = SIG_IGN;
   ::sigaction(SIGPIPE, &ignore, &previous);
   int out_fd = out_pipe[0], err_fd = err_pipe[0];
@@ -465,19 +471,26 @@ ProcessResult run_process(const std::vector<std::string>& argv, std::string_view
   while (out_fd >= 0 || err_fd >= 0) {
     pollfd fds[3];
     int count = 0;
-    if (out_fd >= 0) fds[count++] = {out_fd, POLLIN, 0};
-    if (err_fd >= 0) fds[count++] = {err_fd, POLLIN, 0};
-    if (in_fd >= 0) fds[count++] = {in_fd, POLLOUT, 0};
+    if (out_fd >= 0)
+      fds[count++] = {out_fd, POLLIN, 0};
+    if (err_fd >= 0)
+      fds[count++] = {err_fd, POLLIN, 0};
+    if (in_fd >= 0)
+      fds[count++] = {in_fd, POLLOUT, 0};
     if (::poll(fds, static_cast<nfds_t>(count), -1) < 0) {
-      if (errno == EINTR) continue;
+      if (errno == EINTR)
+        continue;
       break;
     }
     for (int i = 0; i < count; ++i) {
-      if (fds[i].revents == 0) continue;
+      if (fds[i].revents == 0)
+        continue;
       if (fds[i].fd == in_fd) {
         const ssize_t n = ::write(in_fd, stdin_text.data() + fed, stdin_text.size() - fed);
-        if (n > 0) fed += static_cast<std::size_t>(n);
-        if (n < 0 && errno != EAGAIN && errno != EINTR) fed = stdin_text.size();
+        if (n > 0)
+          fed += static_cast<std::size_t>(n);
+        if (n < 0 && errno != EAGAIN && errno != EINTR)
+          fed = stdin_text.size();
         if (fed == stdin_text.size()) {
           ::close(in_fd);
           in_fd = -1;
@@ -493,7 +506,8 @@ ProcessResult run_process(const std::vector<std::string>& argv, std::string_view
       }
     }
   }
-  if (in_fd >= 0) ::close(in_fd);
+  if (in_fd >= 0)
+    ::close(in_fd);
   ::sigaction(SIGPIPE, &previous, nullptr);
   int status = 0;
   while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {

@@ -1,0 +1,232 @@
+// Runs the built binary and checks stdout, stderr and the exit code.
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "core/json_line.h"
+#include "support/test_support.h"
+
+namespace kv {
+namespace {
+
+using test::run_korvane;
+
+const std::string kHint = "\nRun korvane --help for the options.\n";
+
+void expect_usage_error(const std::vector<std::string>& args, const std::string& message) {
+  const auto r = run_korvane(args);
+  EXPECT_EQ(r.exit_code, 2) << message;
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err, "korvane: " + message + kHint);
+}
+
+TEST(Dispatch, VersionPrintsThreeLines) {
+  const auto r = run_korvane({"--version"});
+  EXPECT_EQ(r.exit_code, 0);
+  EXPECT_EQ(r.err, "");
+  EXPECT_TRUE(std::regex_match(r.out, std::regex("Korvane Engine \\(korvane\\) 0\\.4\\.0\n"
+                                                 "commit: [0-9a-f]{12}\n"
+                                                 "platform: linux-x64\n")))
+      << r.out;
+  expect_usage_error({"--version", "--help"}, "--version takes no other option");
+  // Only recognised as the first argument: elsewhere it is a bake option.
+  expect_usage_error({"--low", "a.obj", "--version"}, "missing value for --version");
+  expect_usage_error({"--low", "a.obj", "--version", "1"}, "unknown option --version");
+}
+
+TEST(Dispatch, UsageErrorIsTwoLines) {
+  const auto r = run_korvane({});
+  EXPECT_EQ(r.exit_code, 2);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err,
+            "korvane: --low, --high, --size and --out-normal are required\n"
+            "Run korvane --help for the options.\n");
+  expect_usage_error({"--threads", "4x"}, "invalid value for --threads: '4x'");
+  expect_usage_error({"--low",
+                      "bad\xFF"
+                      ".obj",
+                      "--high", "h", "--out-normal", "n", "--size", "4"},
+                     "a path is not valid UTF-8");
+}
+
+TEST(Dispatch, HelpPrintsTheUsageAndReadsNoFile) {
+  for (const std::vector<std::string>& args : {std::vector<std::string>{"--help"},
+                                               {"-h"},
+                                               {"--size", "5", "--help", "--nonsense"},
+                                               {"--low", "/no/such/file.obj", "--help"}}) {
+    const auto r = run_korvane(args);
+    EXPECT_EQ(r.exit_code, 0);
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(r.out.rfind("korvane 0.4.0", 0), 0u) << r.out.substr(0, 80);
+    EXPECT_NE(r.out.find("\nUsage: korvane --low <low.obj|.kvm> --high "
+                         "<high.obj|.kvm|.gltf|.glb|.fbx> --size <W> --out-normal "
+                         "<normal.exr|.png> [options]\n"),
+              std::string::npos);
+    EXPECT_NE(r.out.find("korvane serve --parent-pid <pid> [--threads <n>] [--cache-dir <dir>]\n"),
+              std::string::npos);
+    EXPECT_NE(r.out.find("korvane transfer --mode uv2uv|m2m ...  (Texture Transfer; korvane "
+                         "transfer --help)\n"),
+              std::string::npos);
+    const std::string last =
+        "stdout ends with one JSON summary line; errors go to stderr with a nonzero exit code.\n";
+    ASSERT_GE(r.out.size(), last.size());
+    EXPECT_EQ(r.out.substr(r.out.size() - last.size()), last);
+  }
+  expect_usage_error({"--nonsense", "--help"}, "unknown option --nonsense");
+}
+
+TEST(Dispatch, HelpListsEveryOptionInTableOrder) {
+  const auto r = run_korvane({"--help"});
+  std::size_t at = 0;
+  for (const char* option : {"--low ",
+                             "--high ",
+                             "--out-normal ",
+                             "--out-opacity ",
+                             "--report ",
+                             "--cache-dir ",
+                             "--preview ",
+                             "--size ",
+                             "--height ",
+                             "--udim ",
+                             "--aa ",
+                             "--front ",
+                             "--rear ",
+                             "--relative-scale ",
+                             "--average-normals ",
+                             "--ignore-backface ",
+                             "--dilation ",
+                             "--padding ",
+                             "--padding-color ",
+                             "--normal-format ",
+                             "--tangent-space ",
+                             "--match ",
+                             "--low-suffix ",
+                             "--high-suffix ",
+                             "--raster-material ",
+                             "--uv-tile ",
+                             "--quads ",
+                             "--threads ",
+                             "--backend ",
+                             "--gpu-pipeline ",
+                             "--gpu-precision ",
+                             "--gpu-band-pause-ms ",
+                             "--gpu-band-growth ",
+                             "--gpu-band-ms ",
+                             "--uv-snap-bits ",
+                             "--uv-snap-unit ",
+                             "--memory-budget-mb ",
+                             "--progress ",
+                             "--preview-size ",
+                             "--gpu-info ",
+                             "--help",
+                             "--version",
+                             "--parent-pid ",
+                             "--load-threads ",
+                             "--cache-max-mb ",
+                             "KORVANE_POWER_THROTTLING=os",
+                             "UNORM16"}) {
+    const std::size_t found = r.out.find(std::string("\n  ") + option, at);
+    const std::size_t anywhere = r.out.find(option, at);
+    ASSERT_NE(anywhere, std::string::npos) << option << " missing or out of order";
+    at = (found != std::string::npos && found <= anywhere) ? found + 1 : anywhere;
+  }
+}
+
+TEST(Dispatch, GpuInfo) {
+  const auto r = run_korvane({"--gpu-info"});
+  EXPECT_EQ(r.exit_code, 1);  // no usable GPU in this build
+  EXPECT_EQ(r.err, "");
+  ASSERT_FALSE(r.out.empty());
+  EXPECT_EQ(r.out.back(), '\n');
+  EXPECT_EQ(r.out.find('\n'), r.out.size() - 1);  // exactly one line
+  const Json report = Json::parse(r.out);
+  const std::vector<std::string> keys = {"available",
+                                         "device",
+                                         "driver",
+                                         "api_version",
+                                         "ray_query",
+                                         "acceleration_structure",
+                                         "buffer_device_address",
+                                         "float64",
+                                         "int64",
+                                         "denorm_preserve_32",
+                                         "denorm_preserve_64",
+                                         "rte_32",
+                                         "rte_64",
+                                         "signed_zero_inf_nan_32",
+                                         "signed_zero_inf_nan_64",
+                                         "subgroup_size",
+                                         "timestamp_period_ns",
+                                         "vram_budget",
+                                         "vram_usage"};
+  ASSERT_EQ(report.size(), 1u);
+  const Json& gpu = report.at("gpu");
+  std::vector<std::string> seen;
+  for (const auto& item : gpu.items()) {
+    seen.push_back(item.key());
+  }
+  EXPECT_EQ(seen, keys);
+  EXPECT_EQ(gpu["available"], false);
+  EXPECT_EQ(gpu["device"], "");
+  EXPECT_EQ(gpu["api_version"], "0.0.0");
+  EXPECT_EQ(gpu["vram_budget"], 0);
+
+  expect_usage_error({"--gpu-info", "--threads", "2"}, "--gpu-info takes no other option");
+  expect_usage_error({"--low", "x", "--gpu-info"}, "--gpu-info takes no other option");
+  // Found anywhere in the list, even as a value.
+  expect_usage_error({"--low", "--gpu-info"}, "--gpu-info takes no other option");
+}
+
+TEST(Dispatch, OtherCommandsOnlyAsFirstArgument) {
+  for (const char* command : {"serve", "transfer", "meshmaps"}) {
+    const auto r = run_korvane({command});
+    EXPECT_EQ(r.exit_code, 1) << command;
+    EXPECT_EQ(r.err, std::string("korvane: korvane ") + command + " is not built yet\n");
+    EXPECT_EQ(r.out, "");
+  }
+  expect_usage_error({"--size", "4", "transfer"}, "unexpected argument 'transfer'");
+  expect_usage_error({"--low", "a", "meshmaps", "1"}, "unexpected argument 'meshmaps'");
+  expect_usage_error({"--low", "a", "--size", "serve"}, "invalid value for --size: 'serve'");
+}
+
+TEST(Dispatch, BakeStartChecksExitWithOne) {
+  const std::vector<std::string> base = {"--low", "l.obj",        "--high",
+                                         "h.obj", "--out-normal", "n.exr"};
+  auto run = [&](const std::vector<std::string>& extra) {
+    std::vector<std::string> args = base;
+    args.insert(args.end(), extra.begin(), extra.end());
+    return run_korvane(args);
+  };
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+      {{"--size", "0"}, "output size must be 1 to 16384 texels per side"},
+      {{"--size", "16385"}, "output size must be 1 to 16384 texels per side"},
+      {{"--size", "64", "--height", "0"}, "output size must be 1 to 16384 texels per side"},
+      {{"--size", "64", "--aa", "3"}, "antialiasing must be 1, 2, 4 or 8 sub-samples per side"},
+      {{"--size", "64", "--udim", "2000"}, "UDIM tile must be 1001 to 1999"},
+      {{"--size", "64", "--front", "-0.5"}, "ray distances must be finite and not negative"},
+      {{"--size", "64", "--rear", "inf"}, "ray distances must be finite and not negative"},
+      {{"--size", "64", "--rear", "nan"}, "ray distances must be finite and not negative"},
+      // The size is checked first.
+      {{"--size", "0", "--aa", "3"}, "output size must be 1 to 16384 texels per side"},
+  };
+  for (const auto& [extra, message] : cases) {
+    const auto r = run(extra);
+    EXPECT_EQ(r.exit_code, 1) << message;
+    EXPECT_EQ(r.err, "korvane: " + message + "\n");
+    EXPECT_EQ(r.out, "");
+  }
+}
+
+TEST(Dispatch, PowerThrottlingVariableNeverChangesTheOutcome) {
+  for (const char* value : {"os", "OS", "os ", "1", ""}) {
+    const auto r =
+        run_korvane({"--version"}, {}, {std::string("KORVANE_POWER_THROTTLING=") + value});
+    EXPECT_EQ(r.exit_code, 0) << value;
+    EXPECT_EQ(r.err, "");
+  }
+}
+
+}  // namespace
+}  // namespace kv
