@@ -101,10 +101,15 @@ class File {
   static File create_exclusive(const std::filesystem::path& path, int* error);
   // Creates or truncates a file for writing.
   static File create_truncate(const std::filesystem::path& path, int* error);
+  // Creates or truncates a file for reading and writing.
+  static File create_read_write(const std::filesystem::path& path, int* error);
 
   bool is_open() const { return fd_ >= 0; }
   // Writes every byte, retrying short writes; 0 or the error number.
   int write_all(const void* data, std::size_t size);
+  // Writes every byte at the given offset (the file position is unchanged);
+  // 0 or the error number.
+  int write_all_at(const void* data, std::size_t size, std::uint64_t offset);
   // One write(2) call (retried on EINTR): the count accepted, which may be
   // short or 0, or -1 with *error set.
   std::int64_t write_some(const void* data, std::size_t size, int* error);

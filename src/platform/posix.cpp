@@ -250,6 +250,34 @@ File File::create_truncate(const std::filesystem::path& path, int* error) {
   return File(fd);
 }
 
+File File::create_read_write(const std::filesystem::path& path, int* error) {
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  if (fd < 0) {
+    *error = errno;
+  }
+  return File(fd);
+}
+
+int File::write_all_at(const void* data, std::size_t size, std::uint64_t offset) {
+  const auto* p = static_cast<const char*>(data);
+  while (size > 0) {
+    const ssize_t n = ::pwrite(fd_, p, size, static_cast<off_t>(offset));
+    if (n < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      return errno;
+    }
+    if (n == 0) {
+      return ENOSPC;
+    }
+    p += n;
+    size -= static_cast<std::size_t>(n);
+    offset += static_cast<std::uint64_t>(n);
+  }
+  return 0;
+}
+
 int File::write_all(const void* data, std::size_t size) {
   const auto* p = static_cast<const char*>(data);
   while (size > 0) {
