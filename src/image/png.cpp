@@ -1,0 +1,412 @@
+#include "image/png.h"
+
+#include <lodepng.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "core/error.h"
+#include "core/parallel.h"
+#include "platform/platform.h"
+
+namespace kv {
+
+const char* component_type_name(ComponentType type) {
+  switch (type) {
+    case ComponentType::kU8:
+      return "u8";
+    case ComponentType::kU16:
+      return "u16";
+    case ComponentType::kF16:
+      return "f16";
+    case ComponentType::kF32:
+      return "f32";
+  }
+  return "unknown";
+}
+
+std::size_t component_bytes(ComponentType type) {
+  switch (type) {
+    case ComponentType::kU8:
+      return 1;
+    case ComponentType::kU16:
+    case ComponentType::kF16:
+      return 2;
+    case ComponentType::kF32:
+      return 4;
+  }
+  return 0;
+}
+
+namespace {
+
+// Images at least this large have their rows prepared on the worker threads.
+constexpr std::size_t kParallelBytes = 8388608;
+constexpr std::uint64_t kMaxRowTasks = 256;
+
+LodePNGColorType colour_type(int channels) {
+  switch (channels) {
+    case 1:
+      return LCT_GREY;
+    case 2:
+      return LCT_GREY_ALPHA;
+    case 3:
+      return LCT_RGB;
+    default:
+      return LCT_RGBA;
+  }
+}
+
+// The samples of one image, as the encoder needs them described.
+struct SampleView {
+  const unsigned char* data = nullptr;  // native byte order
+  unsigned width = 0;
+  unsigned height = 0;
+  int channels = 0;
+  std::size_t sample_bytes = 0;  // 1 or 2
+  std::size_t row_bytes() const { return std::size_t{width} * channels * sample_bytes; }
+};
+
+// Rows in PNG byte order with the filter type chosen for each row.
+struct PreparedRows {
+  std::vector<unsigned char> bytes;
+  std::vector<unsigned char> filters;
+  // Texels whose filtered bytes are all zero: flat areas, which LZ77 turns
+  // into long matches and plain Huffman coding cannot.
+  std::uint64_t flat_texels = 0;
+};
+
+void copy_rows_big_endian(const SampleView& image, unsigned char* out, std::uint64_t begin,
+                          std::uint64_t end) {
+  const std::size_t row = image.row_bytes();
+  const unsigned char* in = image.data + begin * row;
+  unsigned char* dest = out + begin * row;
+  const std::size_t bytes = static_cast<std::size_t>(end - begin) * row;
+  if (image.sample_bytes == 1) {
+    std::memcpy(dest, in, bytes);
+    return;
+  }
+  for (std::size_t i = 0; i < bytes; i += 2) {
+    std::uint16_t sample = 0;
+    std::memcpy(&sample, in + i, 2);
+    dest[i] = static_cast<unsigned char>(sample >> 8);
+    dest[i + 1] = static_cast<unsigned char>(sample & 0xffu);
+  }
+}
+
+unsigned char paeth(int a, int b, int c) {
+  const int p = a + b - c;
+  const int pa = p > a ? p - a : a - p;
+  const int pb = p > b ? p - b : b - p;
+  const int pc = p > c ? p - c : c - p;
+  if (pa <= pb && pa <= pc) {
+    return static_cast<unsigned char>(a);
+  }
+  return static_cast<unsigned char>(pb <= pc ? b : c);
+}
+
+// The filter with the smallest sum of filtered bytes taken as signed values
+// (the usual minimum-sum heuristic); adds the row's all-zero texels under that
+// filter to *flat.
+unsigned char choose_filter(const unsigned char* row, const unsigned char* above, std::size_t size,
+                            std::size_t texel_bytes, std::uint64_t* flat) {
+  std::uint64_t sums[5] = {0, 0, 0, 0, 0};
+  std::uint64_t flats[5] = {0, 0, 0, 0, 0};
+  unsigned char nonzero[5] = {0, 0, 0, 0, 0};
+  for (std::size_t i = 0; i < size; ++i) {
+    const int x = row[i];
+    const int a = i >= texel_bytes ? row[i - texel_bytes] : 0;
+    const int b = above != nullptr ? above[i] : 0;
+    const int c = above != nullptr && i >= texel_bytes ? above[i - texel_bytes] : 0;
+    const unsigned char filtered[5] = {
+        static_cast<unsigned char>(x), static_cast<unsigned char>(x - a),
+        static_cast<unsigned char>(x - b), static_cast<unsigned char>(x - ((a + b) >> 1)),
+        static_cast<unsigned char>(x - paeth(a, b, c))};
+    const bool texel_end = (i + 1) % texel_bytes == 0;
+    for (int f = 0; f < 5; ++f) {
+      sums[f] += filtered[f] < 128 ? filtered[f] : 256u - filtered[f];
+      nonzero[f] |= filtered[f];
+      if (texel_end) {
+        flats[f] += nonzero[f] == 0 ? 1 : 0;
+        nonzero[f] = 0;
+      }
+    }
+  }
+  int best = 0;
+  for (int f = 1; f < 5; ++f) {
+    if (sums[f] < sums[best]) {
+      best = f;
+    }
+  }
+  *flat += flats[best];
+  return static_cast<unsigned char>(best);
+}
+
+void choose_filters(const SampleView& image, PreparedRows& rows, std::uint64_t begin,
+                    std::uint64_t end, std::uint64_t* flat) {
+  const std::size_t size = image.row_bytes();
+  const std::size_t texel_bytes = static_cast<std::size_t>(image.channels) * image.sample_bytes;
+  for (std::uint64_t y = begin; y < end; ++y) {
+    const unsigned char* row = rows.bytes.data() + y * size;
+    const unsigned char* above = y > 0 ? row - size : nullptr;
+    rows.filters[y] = choose_filter(row, above, size, texel_bytes, flat);
+  }
+}
+
+PreparedRows prepare_rows(const SampleView& image, int threads) {
+  PreparedRows rows;
+  rows.bytes.resize(image.row_bytes() * image.height);
+  rows.filters.resize(image.height);
+  if (rows.bytes.size() < kParallelBytes) {
+    copy_rows_big_endian(image, rows.bytes.data(), 0, image.height);
+    choose_filters(image, rows, 0, image.height, &rows.flat_texels);
+    return rows;
+  }
+  // Up to 256 tasks of whole rows; each row's choice depends only on its own
+  // bytes and the row above, so the result is the same on any thread count.
+  const std::uint64_t tasks = std::min<std::uint64_t>(image.height, kMaxRowTasks);
+  const std::uint64_t rows_per_task = chunk_count(image.height, tasks);
+  WorkerPool pool(threads);
+  pool.for_chunks(image.height, rows_per_task,
+                  [&](std::uint64_t, std::uint64_t begin, std::uint64_t end) {
+                    copy_rows_big_endian(image, rows.bytes.data(), begin, end);
+                  });
+  const std::vector<std::uint64_t> flats = pool.map_chunks<std::uint64_t>(
+      image.height, rows_per_task, [&](std::uint64_t begin, std::uint64_t end) {
+        std::uint64_t flat = 0;
+        choose_filters(image, rows, begin, end, &flat);
+        return flat;
+      });
+  for (std::uint64_t flat : flats) {
+    rows.flat_texels += flat;
+  }
+  return rows;
+}
+
+// Compression settings chosen for speed: maps with many flat texels get LZ77
+// with a small window and no lazy matching; busy maps (normal maps, noise)
+// compress as well or better with Huffman coding alone, at about three times
+// the speed.
+std::vector<unsigned char> encode_samples(const SampleView& image, int threads) {
+  const PreparedRows rows = prepare_rows(image, threads);
+  const std::uint64_t texels = std::uint64_t{image.width} * image.height;
+  lodepng::State state;
+  state.info_raw.colortype = colour_type(image.channels);
+  state.info_raw.bitdepth = static_cast<unsigned>(8 * image.sample_bytes);
+  state.info_png.color.colortype = state.info_raw.colortype;
+  state.info_png.color.bitdepth = state.info_raw.bitdepth;
+  state.encoder.auto_convert = 0;
+  state.encoder.filter_palette_zero = 0;
+  state.encoder.filter_strategy = LFS_PREDEFINED;
+  state.encoder.predefined_filters = rows.filters.data();
+  state.encoder.zlibsettings.btype = 2;
+  state.encoder.zlibsettings.use_lz77 = rows.flat_texels * 4 >= texels ? 1 : 0;
+  state.encoder.zlibsettings.windowsize = 1024;
+  state.encoder.zlibsettings.minmatch = 3;
+  state.encoder.zlibsettings.nicematch = 258;
+  state.encoder.zlibsettings.lazymatching = 0;
+  std::vector<unsigned char> png;
+  const unsigned error = lodepng::encode(png, rows.bytes.data(), image.width, image.height, state);
+  if (error != 0) {
+    throw Error(std::string("PNG: cannot encode: ") + lodepng_error_text(error));
+  }
+  return png;
+}
+
+// "<target>.tmp", removed again unless it was renamed onto the target.
+class PlainTempFile {
+ public:
+  explicit PlainTempFile(std::filesystem::path target)
+      : target_(std::move(target)), path_(target_.native() + ".tmp") {}
+  ~PlainTempFile() {
+    file_.close();
+    if (created_) {
+      platform::remove_file(path_);
+    }
+  }
+  PlainTempFile(const PlainTempFile&) = delete;
+  PlainTempFile& operator=(const PlainTempFile&) = delete;
+
+  void write_and_replace(const std::vector<unsigned char>& bytes) {
+    int error = 0;
+    file_ = platform::File::create_truncate(path_, &error);
+    if (!file_.is_open()) {
+      throw Error("cannot create " + path_.string());
+    }
+    created_ = true;
+    if (file_.write_all(bytes.data(), bytes.size()) != 0 || file_.close() != 0) {
+      throw Error("cannot write " + path_.string());
+    }
+    for (int attempt = 1;; ++attempt) {
+      error = platform::rename_replace(path_, target_);
+      if (error == 0) {
+        created_ = false;
+        return;
+      }
+      if (!platform::is_transient_rename_error(error) || attempt == 20) {
+        break;
+      }
+      platform::sleep_ms(10);
+    }
+    throw Error("cannot rename " + path_.string() + " to " + target_.string() + ": " +
+                platform::system_error_text(error));
+  }
+
+ private:
+  std::filesystem::path target_;
+  std::filesystem::path path_;
+  platform::File file_;
+  bool created_ = false;
+};
+
+}  // namespace
+
+void writePngCodes(const std::filesystem::path& path, int width, int height, int channels,
+                   std::span<const std::uint16_t> codes, int threads) {
+  const bool valid = width >= 1 && height >= 1 && channels >= 1 && channels <= 4 &&
+                     codes.size() == static_cast<std::size_t>(width) *
+                                         static_cast<std::size_t>(height) *
+                                         static_cast<std::size_t>(channels);
+  if (!valid) {
+    throw Error(path.string() + ": PNG: invalid map");
+  }
+  SampleView view;
+  view.data = reinterpret_cast<const unsigned char*>(codes.data());
+  view.width = static_cast<unsigned>(width);
+  view.height = static_cast<unsigned>(height);
+  view.channels = channels;
+  view.sample_bytes = 2;
+  std::vector<unsigned char> png;
+  try {
+    png = encode_samples(view, threads);
+  } catch (const Error& e) {
+    throw Error(path.string() + ": " + e.what());
+  }
+  const std::filesystem::path parent = path.parent_path();
+  if (!parent.empty()) {
+    platform::create_directories(parent);  // a failure shows when the file is created
+  }
+  PlainTempFile temp(path);
+  temp.write_and_replace(png);
+}
+
+std::vector<unsigned char> encodePng(const TexelImage& image, int threads) {
+  if (image.type != ComponentType::kU8 && image.type != ComponentType::kU16) {
+    throw Error(std::string("PNG stores 8- or 16-bit integer texels only, not ") +
+                component_type_name(image.type));
+  }
+  if (image.data.empty()) {
+    throw Error("PNG: no texel data");
+  }
+  if (image.channels < 1 || image.channels > 4) {
+    throw Error("PNG: the channel count must be 1 to 4");
+  }
+  if (image.width < 1 || image.height < 1 || image.data.size() != image.expected_bytes()) {
+    throw Error("PNG: the texel data does not match " + std::to_string(image.width) + " x " +
+                std::to_string(image.height) + " x " + std::to_string(image.channels) + " " +
+                component_type_name(image.type) + " texels");
+  }
+  SampleView view;
+  view.data = image.data.data();
+  view.width = static_cast<unsigned>(image.width);
+  view.height = static_cast<unsigned>(image.height);
+  view.channels = image.channels;
+  view.sample_bytes = component_bytes(image.type);
+  return encode_samples(view, threads);
+}
+
+TexelImage readPng(const std::filesystem::path& path) {
+  int error = 0;
+  platform::File file = platform::File::open_read(path, &error);
+  if (!file.is_open()) {
+    throw Error("cannot open " + path.string());
+  }
+  const std::int64_t size = file.size(&error);
+  if (size < 0) {
+    throw Error("cannot read " + path.string());
+  }
+  std::vector<unsigned char> bytes(static_cast<std::size_t>(size));
+  if (file.read_full(bytes.data(), bytes.size(), &error) != size) {
+    throw Error("cannot read " + path.string());
+  }
+  file.close();
+
+  lodepng::State state;
+  unsigned width = 0;
+  unsigned height = 0;
+  unsigned code = lodepng_inspect(&width, &height, &state, bytes.data(), bytes.size());
+  if (code != 0) {
+    throw Error(std::string("PNG: ") + lodepng_error_text(code));
+  }
+  const LodePNGColorType stored = state.info_png.color.colortype;
+  const unsigned depth = state.info_png.color.bitdepth;
+  bool palette = false;
+  switch (stored) {
+    case LCT_GREY:
+      state.info_raw.colortype = LCT_GREY;
+      state.info_raw.bitdepth = depth < 8 ? 8 : depth;  // k-bit grey widens as v * 255 / (2^k - 1)
+      break;
+    case LCT_GREY_ALPHA:
+    case LCT_RGB:
+    case LCT_RGBA:
+      state.info_raw.colortype = stored;
+      state.info_raw.bitdepth = depth;
+      break;
+    case LCT_PALETTE:
+      state.info_raw.colortype = LCT_RGBA;
+      state.info_raw.bitdepth = 8;
+      palette = true;
+      break;
+    default:
+      throw Error("PNG: unsupported colour type");
+  }
+  if (width > static_cast<unsigned>(INT_MAX) || height > static_cast<unsigned>(INT_MAX) ||
+      std::uint64_t{width} * height > (std::uint64_t{1} << 40)) {
+    throw Error("PNG: the image size is out of range");
+  }
+  std::vector<unsigned char> decoded;
+  code = lodepng::decode(decoded, width, height, state, bytes.data(), bytes.size());
+  if (code != 0) {
+    throw Error(std::string("PNG: ") + lodepng_error_text(code));
+  }
+  bytes = std::vector<unsigned char>();
+
+  TexelImage image;
+  image.width = static_cast<int>(width);
+  image.height = static_cast<int>(height);
+  image.channels = static_cast<int>(lodepng_get_channels(&state.info_raw));
+  image.type = state.info_raw.bitdepth == 16 ? ComponentType::kU16 : ComponentType::kU8;
+  if (decoded.size() != image.expected_bytes()) {
+    throw Error("PNG: decoded data size does not match the image");
+  }
+  if (palette) {
+    // A palette without transparency gives RGB texels.
+    bool opaque = true;
+    for (std::size_t i = 3; i < decoded.size() && opaque; i += 4) {
+      opaque = decoded[i] == 255;
+    }
+    if (opaque) {
+      std::size_t out = 0;
+      for (std::size_t i = 0; i < decoded.size(); i += 4) {
+        decoded[out++] = decoded[i];
+        decoded[out++] = decoded[i + 1];
+        decoded[out++] = decoded[i + 2];
+      }
+      decoded.resize(out);
+      image.channels = 3;
+    }
+  }
+  if (image.type == ComponentType::kU16) {
+    for (std::size_t i = 0; i + 1 < decoded.size(); i += 2) {
+      const auto sample = static_cast<std::uint16_t>((decoded[i] << 8) | decoded[i + 1]);
+      std::memcpy(decoded.data() + i, &sample, 2);
+    }
+  }
+  image.data = std::move(decoded);
+  return image;
+}
+
+}  // namespace kv
