@@ -1,0 +1,511 @@
+#include "mesh/obj_reader.h"
+
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <charconv>
+#include <cstring>
+#include <random>
+#include <string>
+
+#include "core/error.h"
+#include "support/test_support.h"
+
+namespace kv {
+namespace {
+
+const std::filesystem::path kPath = "dir/model.obj";
+
+ObjReadResult parse(std::string_view text, MeshReadOptions options = {}) {
+  return parse_obj(text, kPath, options);
+}
+
+// The message of the error a text fails with ("" when it is read).
+std::string failure(std::string_view text, MeshReadOptions options = {}) {
+  try {
+    parse(text, options);
+  } catch (const Error& error) {
+    return error.what();
+  }
+  return "";
+}
+
+std::vector<std::array<std::uint32_t, 3>> positions_of(const Mesh& mesh) {
+  std::vector<std::array<std::uint32_t, 3>> out;
+  for (const Triangle& t : mesh.triangles) {
+    out.push_back({t.corners[0].position, t.corners[1].position, t.corners[2].position});
+  }
+  return out;
+}
+
+using Tri = std::array<std::uint32_t, 3>;
+
+void expect_same_mesh(const ObjReadResult& a, const ObjReadResult& b) {
+  const Mesh& x = a.mesh;
+  const Mesh& y = b.mesh;
+  ASSERT_EQ(x.positions.size(), y.positions.size());
+  ASSERT_EQ(x.uvs.size(), y.uvs.size());
+  ASSERT_EQ(x.normals.size(), y.normals.size());
+  ASSERT_EQ(x.triangles.size(), y.triangles.size());
+  ASSERT_EQ(x.colors.size(), y.colors.size());
+  EXPECT_EQ(std::memcmp(x.positions.data(), y.positions.data(), x.positions.size() * 12), 0);
+  EXPECT_EQ(std::memcmp(x.uvs.data(), y.uvs.data(), x.uvs.size() * 16), 0);
+  EXPECT_EQ(std::memcmp(x.normals.data(), y.normals.data(), x.normals.size() * 12), 0);
+  EXPECT_EQ(std::memcmp(x.triangles.data(), y.triangles.data(), x.triangles.size() * 40), 0);
+  EXPECT_EQ(std::memcmp(x.colors.data(), y.colors.data(), x.colors.size() * 12), 0);
+  EXPECT_EQ(x.objects, y.objects);
+  EXPECT_EQ(x.materials, y.materials);
+  EXPECT_EQ(x.triangle_materials, y.triangle_materials);
+  EXPECT_EQ(x.blocks, y.blocks);
+  EXPECT_EQ(x.object_blocks, y.object_blocks);
+  EXPECT_EQ(a.material_libraries, b.material_libraries);
+  EXPECT_EQ(a.stats.lines, b.stats.lines);
+  EXPECT_EQ(a.stats.quads_split, b.stats.quads_split);
+  EXPECT_EQ(a.stats.polygons_inexact, b.stats.polygons_inexact);
+}
+
+TEST(ObjReader, ReadsElementsAndCorners) {
+  const auto r = parse(
+      "# a comment line\n"
+      "v 1 2 3\n"
+      "v -1.5 +2.25 3e2 # trailing comment\n"
+      "\tv\t0 0\t1\r\n"
+      "vt 0.25 0.75\n"
+      "vt 0.5\n"
+      "vt 0.1 0.2 0.3\n"
+      "vn 0 0 2\n"
+      "vn 3 4 0\n"
+      "f 1/1/1 2/2/2 3/3/2\n"
+      "f 1//2 2//1 3//1\n"
+      "f 3/1 2/2 1/3\n");
+  const Mesh& m = r.mesh;
+  ASSERT_EQ(m.positions.size(), 3u);
+  EXPECT_EQ(m.positions[1], (std::array<float, 3>{-1.5f, 2.25f, 300.0f}));
+  EXPECT_EQ(m.positions[2], (std::array<float, 3>{0, 0, 1}));
+  ASSERT_EQ(m.uvs.size(), 3u);
+  EXPECT_EQ(m.uvs[0], (std::array<double, 2>{0.25, 0.75}));
+  EXPECT_EQ(m.uvs[1], (std::array<double, 2>{0.5, 0.0}));  // a lone u has v = 0
+  EXPECT_EQ(m.uvs[2], (std::array<double, 2>{0.1, 0.2}));  // w is dropped
+  ASSERT_EQ(m.normals.size(), 2u);
+  EXPECT_EQ(m.normals[0], (std::array<float, 3>{0, 0, 1}));
+  EXPECT_EQ(m.normals[1], (std::array<float, 3>{3.0f * (1.0f / 5.0f), 4.0f * (1.0f / 5.0f), 0}));
+  ASSERT_EQ(m.triangles.size(), 3u);
+  const Triangle& a = m.triangles[0];
+  EXPECT_EQ(a.corners[2].position, 2u);
+  EXPECT_EQ(a.corners[2].uv, 2);
+  EXPECT_EQ(a.corners[2].normal, 1);
+  const Triangle& b = m.triangles[1];
+  EXPECT_EQ(b.corners[0].uv, -1);
+  EXPECT_EQ(b.corners[0].normal, 1);
+  const Triangle& c = m.triangles[2];
+  EXPECT_EQ(c.corners[0].position, 2u);
+  EXPECT_EQ(c.corners[0].uv, 0);
+  EXPECT_EQ(c.corners[0].normal, -1);
+  // No o/g lines and no usemtl: the object and the material "default".
+  EXPECT_EQ(m.objects, std::vector<std::string>{"default"});
+  EXPECT_EQ(m.materials, std::vector<std::string>{"default"});
+  EXPECT_EQ(m.triangle_materials, (std::vector<std::uint32_t>{0, 0, 0}));
+  EXPECT_TRUE(m.blocks.empty());
+  EXPECT_TRUE(m.object_blocks.empty());
+  EXPECT_TRUE(m.colors.empty());
+}
+
+TEST(ObjReader, IndicesResolveRelativeToTheLinesBefore) {
+  const std::string three = "v 0 0 0\nv 1 0 0\nv 0 1 0\n";
+  EXPECT_EQ(positions_of(parse(three + "f -1 -2 -3\n").mesh), (std::vector<Tri>{{2, 1, 0}}));
+  // A negative index counts only the elements defined before its line.
+  const auto r = parse(three + "f -3 -2 -1\nv 5 5 5\nf -1 -2 -3\nf +1 +-1 2\n");
+  EXPECT_EQ(positions_of(r.mesh), (std::vector<Tri>{{0, 1, 2}, {3, 2, 1}, {0, 3, 1}}));
+
+  EXPECT_EQ(failure("f 1 2 3\nv 0 0 0\n"), "dir/model.obj: vertex index out of range: 1");
+  EXPECT_EQ(failure(three + "f 1 2 4\nv 0 0 1\n"), "dir/model.obj: vertex index out of range: 4");
+  EXPECT_EQ(failure(three + "f 1 2 -4\n"), "dir/model.obj: vertex index out of range: -4");
+  EXPECT_EQ(failure(three + "f 0 1 2\n"), "dir/model.obj: invalid vertex index '0'");
+  EXPECT_EQ(failure(three + "f 1 2 -0\n"), "dir/model.obj: invalid vertex index '-0'");
+  EXPECT_EQ(failure(three + "f 1 2 3x\n"), "dir/model.obj: invalid vertex index '3x'");
+  EXPECT_EQ(failure(three + "f 1 2 -+3\n"), "dir/model.obj: invalid vertex index '-+3'");
+  EXPECT_EQ(failure(three + "f 1 2 99999999999999999999\n"),
+            "dir/model.obj: invalid vertex index '99999999999999999999'");
+  EXPECT_EQ(failure(three + "f 1 2 9223372036854775807\n"),
+            "dir/model.obj: vertex index out of range: 9223372036854775807");
+  EXPECT_EQ(failure(three + "f 1 2 3/\n"), "dir/model.obj: invalid texture coordinate index '3/'");
+  EXPECT_EQ(failure(three + "vt 0 0\nf 1 2 3/a/1\n"),
+            "dir/model.obj: invalid texture coordinate index '3/a/1'");
+  EXPECT_EQ(failure(three + "f 1 2 3/1\n"),
+            "dir/model.obj: texture coordinate index out of range: 3/1");
+  EXPECT_EQ(failure(three + "f 1 2 3//\n"), "dir/model.obj: invalid normal index '3//'");
+  EXPECT_EQ(failure(three + "vt 0 0\nvn 0 0 1\nf 1 2 3/1/1/1\n"),
+            "dir/model.obj: invalid normal index '3/1/1/1'");
+  EXPECT_EQ(failure(three + "vn 0 0 1\nf 1 2 3//-2\n"),
+            "dir/model.obj: normal index out of range: 3//-2");
+}
+
+TEST(ObjReader, FacesFollowTheTriangulationRule) {
+  const std::string square = "v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\n";
+  auto quad = parse(square + "f 1 2 3 4\n");
+  EXPECT_EQ(positions_of(quad.mesh), (std::vector<Tri>{{0, 1, 3}, {1, 2, 3}}));
+  EXPECT_EQ(quad.stats.quads_split, 1u);
+  EXPECT_EQ(quad.stats.polygons_inexact, 0u);
+
+  MeshReadOptions reject;
+  reject.quads = QuadPolicy::reject;
+  reject.polygons = PolygonPolicy::reject;
+  EXPECT_EQ(failure(square + "f 1 2 3 4\n", reject),
+            "dir/model.obj: quad face, but quads are set to be rejected; triangulate the mesh "
+            "before export");
+  EXPECT_EQ(failure(square + "f 1 2\n"), "dir/model.obj: face with fewer than three corners");
+  EXPECT_EQ(failure(square + "f\n"), "dir/model.obj: face with fewer than three corners");
+  EXPECT_EQ(failure(square + "f 1 2 # 3 4\n"), "dir/model.obj: face with fewer than three corners");
+
+  // A convex pentagon keeps its fan; with polygons refused it fails.
+  const std::string pentagon = "v 0 0 0\nv 2 0 0\nv 3 1 0\nv 2 2 0\nv 0 2 0\n";
+  auto fan = parse(pentagon + "f 1 2 3 4 5\n");
+  EXPECT_EQ(positions_of(fan.mesh), (std::vector<Tri>{{0, 1, 2}, {0, 2, 3}, {0, 3, 4}}));
+  EXPECT_EQ(fan.stats.polygons_inexact, 0u);
+  EXPECT_EQ(fan.stats.quads_split, 0u);
+  EXPECT_EQ(failure(pentagon + "f 1 2 3 4 5\n", reject),
+            "dir/model.obj: face with 5 corners, but polygons are set to be rejected; "
+            "triangulate the mesh before export");
+
+  // A concave pentagon is re-triangulated; a self-intersecting one keeps its
+  // fan and counts as inexact.
+  const std::string chevron = "v 0 0 0\nv 2 0 0\nv 2 2 0\nv 1 1 0\nv 0 2 0\n";
+  auto clipped = parse(chevron + "f 1 2 3 4 5\n");
+  EXPECT_EQ(positions_of(clipped.mesh), (std::vector<Tri>{{1, 2, 3}, {3, 4, 0}, {3, 0, 1}}));
+  EXPECT_EQ(clipped.stats.polygons_inexact, 0u);
+  const std::string bow_tie = "v 0 0 0\nv 2 2 0\nv 2 0 0\nv 0 2 0\nv -1 1 0\n";
+  auto crossed = parse(bow_tie + chevron + "f 1 2 3 4 5\nf 6 7 8 9 10\nf 1 2 3 4 5\n");
+  EXPECT_EQ(positions_of(crossed.mesh), (std::vector<Tri>{{0, 1, 2},
+                                                          {0, 2, 3},
+                                                          {0, 3, 4},  // inexact: fan
+                                                          {6, 7, 8},
+                                                          {8, 9, 5},
+                                                          {8, 5, 6},
+                                                          {0, 1, 2},
+                                                          {0, 2, 3},
+                                                          {0, 3, 4}}));
+  EXPECT_EQ(crossed.stats.polygons_inexact, 2u);
+}
+
+TEST(ObjReader, ComponentsAreCheckedAndRoundedCorrectly) {
+  const std::string tail = "f 1 1 1\n";
+  EXPECT_EQ(failure("v 1 2\n" + tail), "dir/model.obj: missing vertex position component");
+  EXPECT_EQ(failure("v 1 2 # 3\n" + tail), "dir/model.obj: missing vertex position component");
+  EXPECT_EQ(failure("v 1 2 abc\n" + tail),
+            "dir/model.obj: invalid vertex position component 'abc'");
+  EXPECT_EQ(failure("v 1 2 3,5\n" + tail),
+            "dir/model.obj: invalid vertex position component '3,5'");
+  EXPECT_EQ(failure("v 1 2 ++3\n" + tail),
+            "dir/model.obj: invalid vertex position component '++3'");
+  EXPECT_EQ(failure("v 1 2 1e39\n" + tail),
+            "dir/model.obj: invalid vertex position component '1e39'");
+  EXPECT_EQ(failure("v 1 2 nan\n" + tail),
+            "dir/model.obj: invalid vertex position component 'nan'");
+  EXPECT_EQ(failure("v 1 2 -inf\n" + tail),
+            "dir/model.obj: invalid vertex position component '-inf'");
+  EXPECT_EQ(failure("v 1 2 0x10\n" + tail),
+            "dir/model.obj: invalid vertex position component '0x10'");
+  EXPECT_EQ(failure("v 0 0 0\nvt\n" + tail), "dir/model.obj: missing texture coordinate component");
+  EXPECT_EQ(failure("v 0 0 0\nvt 0 1e309\n" + tail),
+            "dir/model.obj: invalid texture coordinate component '1e309'");
+  EXPECT_EQ(failure("v 0 0 0\nvn 0 1\n" + tail), "dir/model.obj: missing normal component");
+  EXPECT_EQ(failure("v 0 0 0\nvn 0 1 .\n" + tail), "dir/model.obj: invalid normal component '.'");
+  EXPECT_EQ(failure("v 0 0 0\nvn 0 0 0\n" + tail), "dir/model.obj: zero-length normal");
+  EXPECT_EQ(failure("v 0 0 0\nvn 1e30 0 0\n" + tail), "dir/model.obj: zero-length normal");
+  // Extra components are ignored (w of a position, but a seventh number is
+  // not a colour either).
+  auto extra = parse("v 1 2 3 4\nv 1 2 3 0.5 0.5 0.5 9\n" + tail);
+  EXPECT_EQ(extra.mesh.positions[0], (std::array<float, 3>{1, 2, 3}));
+  EXPECT_TRUE(extra.mesh.colors.empty());
+  // Underflow rounds to zero, keeping the sign.
+  auto tiny = parse("v 1e-60 -1e-60 1e-400\nvt 1e-400 -2e-400\n" + tail);
+  EXPECT_EQ(std::bit_cast<std::uint32_t>(tiny.mesh.positions[0][1]), 0x80000000u);
+  EXPECT_EQ(tiny.mesh.positions[0][0], 0.0f);
+  EXPECT_TRUE(std::signbit(tiny.mesh.uvs[0][1]));
+
+  // Float positions and double UVs are correctly rounded, including decimals
+  // whose double is exactly half-way between two floats.
+  std::vector<std::string> texts = {"16777217",
+                                    "16777217.000000001",
+                                    "0.1",
+                                    "3.4028235e38",
+                                    "1.17549435e-38",
+                                    "1e-45",
+                                    "7e-46",
+                                    "123456789012345678",
+                                    "-0.000001",
+                                    "2.5e-7",
+                                    "33554435",
+                                    "4.0000001",
+                                    "9007199254740993",
+                                    "0.30000000000000004"};
+  std::mt19937_64 random(7);
+  for (int i = 0; i < 4000; ++i) {
+    const int digits = 1 + static_cast<int>(random() % 18);
+    std::string mantissa;
+    for (int d = 0; d < digits; ++d) {
+      mantissa += static_cast<char>('0' + random() % 10);
+    }
+    const int point = static_cast<int>(random() % (digits + 1));
+    mantissa.insert(static_cast<std::size_t>(point), ".");
+    // Up to about 1e38: no float overflows; the smallest underflow.
+    const int exponent = static_cast<int>(random() % 60) - 40;
+    texts.push_back((random() % 2 ? "-" : "") + mantissa + "e" + std::to_string(exponent));
+  }
+  std::string text;
+  for (const std::string& t : texts) {
+    text += "v " + t + " 0 0\nvt " + t + " 0\n";
+  }
+  auto rounded = parse(text + tail);
+  for (std::size_t i = 0; i < texts.size(); ++i) {
+    float f = 0;
+    double d = 0;
+    const std::string& t = texts[i];
+    if (std::from_chars(t.data(), t.data() + t.size(), f).ec == std::errc::result_out_of_range) {
+      f = t[0] == '-' ? -0.0f : 0.0f;  // underflow: a zero of the text's sign
+    }
+    std::from_chars(t.data(), t.data() + t.size(), d);
+    ASSERT_EQ(std::bit_cast<std::uint32_t>(rounded.mesh.positions[i][0]),
+              std::bit_cast<std::uint32_t>(f))
+        << t;
+    ASSERT_EQ(std::bit_cast<std::uint64_t>(rounded.mesh.uvs[i][0]), std::bit_cast<std::uint64_t>(d))
+        << t;
+  }
+  // The double of this decimal is a float midpoint; the float rounds up.
+  EXPECT_EQ(rounded.mesh.positions[1][0], 16777218.0f);
+  EXPECT_EQ(rounded.mesh.positions[0][0], 16777216.0f);
+}
+
+TEST(ObjReader, ObjectsBlocksAndMaterials) {
+  const std::string tri = "v 0 0 0\nv 1 0 0\nv 0 1 0\n";
+  // Faces before the first o/g are in "default"; two g Body blocks are one
+  // object; names are the trimmed rest of the line.
+  auto r =
+      parse(tri + "f 1 2 3\ng Body\nf 1 2 3\ng  Left Arm \t\nf 1 2 3\ng Body # again\nf 1 2 3\n");
+  EXPECT_EQ(r.mesh.objects, (std::vector<std::string>{"default", "Body", "Left Arm"}));
+  std::vector<std::uint32_t> objects;
+  for (const Triangle& t : r.mesh.triangles) {
+    objects.push_back(t.object);
+  }
+  EXPECT_EQ(objects, (std::vector<std::uint32_t>{0, 1, 2, 1}));
+  // g lines without any o line make no blocks.
+  EXPECT_TRUE(r.mesh.blocks.empty());
+  EXPECT_TRUE(r.mesh.object_blocks.empty());
+
+  // With g lines, each o opens a block that the following g objects join.
+  auto b = parse(tri +
+                 "o Car\ng Wheel\nf 1 2 3\ng Door\nf 1 2 3\no Tree\ng Leaf\nf 1 2 3\n"
+                 "o Car\ng Seat\nf 1 2 3\ng Wheel\nf 1 2 3\n");
+  EXPECT_EQ(b.mesh.objects,
+            (std::vector<std::string>{"Car", "Wheel", "Door", "Tree", "Leaf", "Seat"}));
+  EXPECT_EQ(b.mesh.blocks, (std::vector<std::string>{"Car", "Tree"}));
+  EXPECT_EQ(b.mesh.object_blocks, (std::vector<std::uint32_t>{0, 0, 0, 1, 1, 0}));
+  // Objects made before the first o take the block "default".
+  auto early = parse(tri + "f 1 2 3\ng Part\nf 1 2 3\no Whole\ng Piece\nf 1 2 3\n");
+  EXPECT_EQ(early.mesh.objects, (std::vector<std::string>{"default", "Part", "Whole", "Piece"}));
+  EXPECT_EQ(early.mesh.blocks, (std::vector<std::string>{"Whole", "default"}));
+  EXPECT_EQ(early.mesh.object_blocks, (std::vector<std::uint32_t>{1, 1, 0, 0}));
+  // o lines alone make objects, no blocks.
+  auto plain = parse(tri + "o A\nf 1 2 3\no B\nf 1 2 3\n");
+  EXPECT_EQ(plain.mesh.objects, (std::vector<std::string>{"A", "B"}));
+  EXPECT_TRUE(plain.mesh.blocks.empty());
+
+  // Materials in order of first use; a face with none current uses
+  // "default"; mtllib names are all recorded.
+  auto m = parse("mtllib a.mtl  b c.mtl\n" + tri +
+                 "f 1 2 3\nusemtl Red Paint\nf 1 2 3\nusemtl Blue\nf 1 2 3\nusemtl Red Paint\n"
+                 "f 1 2 3\nmtllib d.mtl\n");
+  EXPECT_EQ(m.mesh.materials, (std::vector<std::string>{"default", "Red Paint", "Blue"}));
+  EXPECT_EQ(m.mesh.triangle_materials, (std::vector<std::uint32_t>{0, 1, 2, 1}));
+  EXPECT_EQ(m.material_libraries, (std::vector<std::string>{"a.mtl", "b", "c.mtl", "d.mtl"}));
+  auto first = parse("usemtl Skin\n" + tri + "f 1 2 3\n");
+  EXPECT_EQ(first.mesh.materials, (std::vector<std::string>{"Skin"}));
+
+  EXPECT_EQ(failure(tri + "o " + std::string(65537, 'x') + "\nf 1 2 3\n"),
+            "dir/model.obj: object name is longer than 65536 bytes");
+  EXPECT_NO_THROW(parse(tri + "o " + std::string(65536, 'x') + "\nf 1 2 3\n"));
+}
+
+TEST(ObjReader, ColoursLinesAndOtherStatements) {
+  auto r = parse(
+      "v 0 0 0 1 0 0\nv 1 0 0\nv 0 1 0 0 0.5 1\n"
+      "l 1 2\nl 2 3\ns off\nusemap x\nvp 0.5\ncstype bezier\n"
+      "f 1 2 3\nf 3 2 1\n");
+  ASSERT_EQ(r.mesh.colors.size(), 6u);
+  EXPECT_EQ(r.mesh.colors[0], (std::array<float, 3>{1, 0, 0}));
+  EXPECT_EQ(r.mesh.colors[1], (std::array<float, 3>{1, 1, 1}));  // no colour: white
+  EXPECT_EQ(r.mesh.colors[2], (std::array<float, 3>{0, 0.5f, 1}));
+  EXPECT_EQ(r.mesh.colors[3], (std::array<float, 3>{0, 0.5f, 1}));
+  EXPECT_EQ(r.stats.lines, 2u);
+  EXPECT_EQ(failure("v 0 0 0 1 0 x\nf 1 1 1\n"),
+            "dir/model.obj: invalid vertex color component 'x'");
+  // Vertical tab, form feed and CR are whitespace too.
+  auto spaced = parse("v\v1\f2\r3\r\nf 1 1 1\r\n");
+  EXPECT_EQ(spaced.mesh.positions[0], (std::array<float, 3>{1, 2, 3}));
+}
+
+TEST(ObjReader, FilesHooksAndWholeFileFailures) {
+  test::ScratchDir dir;
+  const auto path = dir / "cube.obj";
+  EXPECT_THROW(
+      {
+        try {
+          read_obj(path, {});
+        } catch (const Error& error) {
+          EXPECT_EQ(std::string(error.what()), "cannot open mesh file: " + path.string());
+          throw;
+        }
+      },
+      Error);
+  const std::string text = "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n";
+  test::write_text_file(path, text);
+  MeshReadOptions options;
+  int calls = 0;
+  options.on_text = [&](std::string_view seen) {
+    ++calls;
+    EXPECT_EQ(seen, text);
+  };
+  const auto r = read_obj(path, options);
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(r.mesh.triangles.size(), 1u);
+
+  test::write_text_file(path, "v 0 0 0\n# nothing else\n");
+  try {
+    read_obj(path, {});
+    FAIL() << "a mesh without faces was read";
+  } catch (const Error& error) {
+    EXPECT_EQ(std::string(error.what()), path.string() + ": mesh has no faces: " + path.string());
+  }
+  EXPECT_EQ(failure(""), "dir/model.obj: mesh has no faces: dir/model.obj");
+
+  // The memory estimate: 3 triangles, file size 24 + 16 * (5 * 3 + 1 * 3 * 8)
+  // + 12 * (3 positions + 3 triangles) bytes.
+  const std::string small = "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\nf 1 2 3\nf 1 2 3\n";
+  const std::uint64_t estimate = small.size() + 16 * (5 * 3 + 3 * 8) + 12 * 6;
+  MeshReadOptions limited;
+  limited.threads = 1;
+  limited.memory_limit_bytes = estimate;
+  EXPECT_NO_THROW(parse(small, limited));
+  limited.memory_limit_bytes = estimate - 1;
+  EXPECT_EQ(failure(small, limited),
+            "dir/model.obj: the mesh file dir/model.obj gives 3 triangles and needs about 1 MB; "
+            "the limit is 0 MB");
+}
+
+TEST(ObjReaderChunks, ChunksEndBehindTheFirstNewlineAfterTheirMinimum) {
+  // Floor 3: each chunk reaches 2 bytes, then ends behind the next "\n".
+  EXPECT_EQ(obj_chunk_starts("aaaa\nbbbb\ncccc\n", 4, 3), (std::vector<std::uint64_t>{0, 5, 10}));
+  // No newline after the search start: the chunk runs to the end.
+  EXPECT_EQ(obj_chunk_starts("ab\ncd", 1, 4), (std::vector<std::uint64_t>{0}));
+  // A newline exactly at the search start counts.
+  EXPECT_EQ(obj_chunk_starts("abc\nd", 1, 4), (std::vector<std::uint64_t>{0, 4}));
+  // The minimum end at the end of the buffer: one chunk.
+  EXPECT_EQ(obj_chunk_starts("abc\n", 1, 4), (std::vector<std::uint64_t>{0}));
+  EXPECT_EQ(obj_chunk_starts("abcd\n", 1, 4), (std::vector<std::uint64_t>{0}));
+  EXPECT_EQ(obj_chunk_starts("", 2, 4), (std::vector<std::uint64_t>{0}));
+  // Above the floor the target is size / (4 T).
+  const std::string lines(4000, '\n');
+  const auto starts = obj_chunk_starts(lines, 2, 100);
+  ASSERT_EQ(starts.size(), 8u);
+  for (std::size_t i = 0; i < starts.size(); ++i) {
+    EXPECT_EQ(starts[i], 501 * i);
+  }
+  // The real floor keeps a text below 1 MiB in one chunk.
+  EXPECT_EQ(obj_chunk_starts(std::string(1048575, '\n'), 8).size(), 1u);
+  EXPECT_EQ(obj_chunk_starts(std::string(1048578, '\n'), 8).size(), 2u);
+}
+
+// A text whose elements, objects, materials and relative indices cross many
+// chunk boundaries when cut into small chunks.
+std::string busy_text(int rows) {
+  std::string text = "mtllib scene.mtl\n";
+  for (int i = 0; i < rows; ++i) {
+    const float x = static_cast<float>(i) * 0.37f;
+    text +=
+        "v " + std::to_string(x) + " " + std::to_string(i % 7) + " 0." + std::to_string(i) + "\n";
+    text += "v " + std::to_string(x) + " 1 0\nv " + std::to_string(x + 1) + " 1 0\n";
+    text += "v " + std::to_string(x + 1) + " 0 0\nv " + std::to_string(x + 0.5f) + " -1 0\n";
+    text += "vt 0." + std::to_string(i) + " 0.5\nvn 0 " + std::to_string(i % 3) + " 1\n";
+    if (i % 5 == 0) {
+      text += (i % 10 == 0 ? "o Part" : "g Piece") + std::to_string(i % 4) + "\n";
+    }
+    if (i % 3 == 0) {
+      text += "usemtl mat" + std::to_string(i % 4) + "\n";
+    }
+    switch (i % 4) {
+      case 0:
+        text += "f -5/-1/-1 -4/-1/-1 -3/-1/-1\n";
+        break;
+      case 1:
+        text += "f -5//-1 -4//-1 -3//-1 -2//-1\n";
+        break;
+      case 2:
+        text += "f -5/-1 -2/-1 -3/-1 -4/-1 -1/-1\n";  // concave or crossed
+        break;
+      default:
+        text += "f -5 -4 -3 -2 -1 # pentagon\nl -1 -2\n";
+        break;
+    }
+  }
+  return text;
+}
+
+TEST(ObjReaderChunks, ChunkingAndThreadCountDoNotChangeTheMesh) {
+  const std::string text = busy_text(600);
+  MeshReadOptions one;
+  one.threads = 1;
+  const ObjReadResult whole = parse(text, one);
+  ASSERT_EQ(obj_chunk_starts(text, 1).size(), 1u);
+  EXPECT_EQ(whole.mesh.triangles.size(), 600u / 4 * (1 + 2 + 3 + 3));
+  EXPECT_EQ(whole.stats.quads_split, 150u);
+  EXPECT_EQ(whole.stats.lines, 150u);
+  EXPECT_GT(whole.mesh.blocks.size(), 0u);
+  for (int threads : {1, 2, 3}) {
+    for (std::uint64_t floor : {1u, 64u, 977u, 10000u}) {
+      MeshReadOptions options;
+      options.threads = threads;
+      ASSERT_GT(obj_chunk_starts(text, threads, floor).size(), 1u);
+      const ObjReadResult cut = detail::parse_obj_chunked(text, kPath, options, floor);
+      SCOPED_TRACE("threads " + std::to_string(threads) + " floor " + std::to_string(floor));
+      expect_same_mesh(whole, cut);
+    }
+  }
+}
+
+TEST(ObjReaderChunks, LargeFilesReadTheSameOnOneAndTwoThreads) {
+  test::ScratchDir dir;
+  const auto path = dir / "large.obj";
+  std::string text = busy_text(40000);
+  ASSERT_GT(text.size(), 3u * 1048576);
+  test::write_text_file(path, text);
+  MeshReadOptions one;
+  one.threads = 1;
+  MeshReadOptions two;
+  two.threads = 2;
+  expect_same_mesh(read_obj(path, one), read_obj(path, two));
+}
+
+TEST(ObjReaderChunks, TheFirstErrorInFileOrderWins) {
+  std::string text = busy_text(300);
+  const std::size_t middle = text.size() / 2;
+  const std::size_t line = text.find('\n', middle) + 1;
+  std::string damaged = text.substr(0, line) + "v 1 2 bad\n" + text.substr(line) +
+                        "vn 0 0 0\nf 1 2 3 4 5 6 7 8 9 10 11 12 1000000\n";
+  for (int threads : {1, 2}) {
+    for (std::uint64_t floor : {1u, 200u, 1048576u}) {
+      MeshReadOptions options;
+      options.threads = threads;
+      try {
+        detail::parse_obj_chunked(damaged, kPath, options, floor);
+        FAIL() << "a damaged text was read";
+      } catch (const Error& error) {
+        EXPECT_STREQ(error.what(), "dir/model.obj: invalid vertex position component 'bad'");
+      }
+    }
+  }
+  // Within one chunk the earlier line wins too.
+  EXPECT_EQ(failure("vn 0 0 0\nv 1 2 bad\nf 1 1 1\n"), "dir/model.obj: zero-length normal");
+}
+
+}  // namespace
+}  // namespace kv
