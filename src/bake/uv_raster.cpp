@@ -128,8 +128,13 @@ UvRaster::UvRaster(const Mesh& mesh, std::int32_t width, std::int32_t height, st
                   " triangle references in the UV raster grid; check for very large, stacked or "
                   "scattered UV triangles");
     }
-    for (std::int32_t row = first_row; row <= last_row; ++row) {
-      for (std::int32_t col = first_col; col <= last_col; ++col) {
+  }
+
+  // Counting sort: references per cell, prefix sums, then every triangle in
+  // increasing order appended to each cell of its box.
+  for (const auto& box : boxes_) {
+    for (std::int32_t row = box[2]; row <= box[3]; ++row) {
+      for (std::int32_t col = box[0]; col <= box[1]; ++col) {
         ++offsets_[static_cast<std::uint64_t>(row) * static_cast<std::uint64_t>(grid_width_) +
                    static_cast<std::uint64_t>(col) + 1];
       }

@@ -1,0 +1,237 @@
+#include "bake/mikktspace.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <numbers>
+
+#include "core/error.h"
+
+namespace kv {
+namespace {
+
+using Vec = std::array<float, 3>;
+using Uv = std::array<float, 2>;
+
+constexpr Vec kUp = {0.0f, 0.0f, 1.0f};
+
+void add(std::vector<MikkCorner>& out, Vec p, Vec n, Uv uv) {
+  out.push_back({p, n, uv});
+}
+
+void expect_tangent(const CornerTangent& t, Vec expected, float sign, const char* what,
+                    double tolerance = 1e-6) {
+  EXPECT_NEAR(t.tangent[0], expected[0], tolerance) << what;
+  EXPECT_NEAR(t.tangent[1], expected[1], tolerance) << what;
+  EXPECT_NEAR(t.tangent[2], expected[2], tolerance) << what;
+  EXPECT_EQ(t.sign, sign) << what;
+}
+
+// Unit square in z = 0 as two triangles, UVs from a linear map of (x, y).
+std::vector<MikkCorner> planar_quad(Uv (*map)(float, float)) {
+  const Vec p[4] = {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}};
+  std::vector<MikkCorner> c;
+  for (int i : {0, 1, 2, 0, 2, 3}) {
+    add(c, p[i], kUp, map(p[i][0], p[i][1]));
+  }
+  return c;
+}
+
+TEST(MikkTSpacePlanar, TangentFollowsTheUDirection) {
+  const auto identity = planar_quad([](float x, float y) { return Uv{x, y}; });
+  for (const CornerTangent& t : mikktspace_tangents(identity)) {
+    expect_tangent(t, {1, 0, 0}, 1.0f, "u = x");
+  }
+  // u along y, v along -x: still a right-handed layout, tangent +y.
+  const auto rotated = planar_quad([](float x, float y) { return Uv{y, -x}; });
+  for (const CornerTangent& t : mikktspace_tangents(rotated)) {
+    expect_tangent(t, {0, 1, 0}, 1.0f, "u = y");
+  }
+  // A stretched and sheared layout, u = 2x + y and v = y: moving along +x
+  // changes u alone, so the tangent is still +x.
+  const auto sheared = planar_quad([](float x, float y) { return Uv{2 * x + y, y}; });
+  for (const CornerTangent& t : mikktspace_tangents(sheared)) {
+    expect_tangent(t, {1, 0, 0}, 1.0f, "sheared");
+  }
+}
+
+TEST(MikkTSpaceMirror, MirroredHalfGetsNegativeSignAndItsOwnGroup) {
+  // A strip x in [-1, 1]; the left half mirrors the right (u = |x|), so the
+  // seam corners at x = 0 are identical in position, normal and UV.
+  std::vector<MikkCorner> c;
+  const auto quad = [&](float x0, float x1) {
+    const Vec p[4] = {{x0, 0, 0}, {x1, 0, 0}, {x1, 1, 0}, {x0, 1, 0}};
+    for (int i : {0, 1, 2, 0, 2, 3}) {
+      add(c, p[i], kUp, {std::fabs(p[i][0]), p[i][1]});
+    }
+  };
+  quad(-1, 0);
+  quad(0, 1);
+  const auto tangents = mikktspace_tangents(c);
+  ASSERT_EQ(tangents.size(), 12u);
+  for (std::size_t k = 0; k < 6; ++k) {
+    // Mirrored: u grows towards -x, and the frame is left-handed.
+    expect_tangent(tangents[k], {-1, 0, 0}, -1.0f, "left half");
+  }
+  for (std::size_t k = 6; k < 12; ++k) {
+    expect_tangent(tangents[k], {1, 0, 0}, 1.0f, "right half");
+  }
+  // The bitangent sign * (n x t) points along +v (+y) on both halves.
+  for (const CornerTangent& t : tangents) {
+    const float by = t.sign * (kUp[2] * t.tangent[0] - kUp[0] * t.tangent[2]);
+    EXPECT_NEAR(by, 1.0f, 1e-6);
+  }
+}
+
+// An open cylinder of radius 1 around z, u = angle / (2 pi), v = z, with the
+// UV seam at angle 0 (the corners there differ in u: 0 and 1).
+std::vector<MikkCorner> cylinder(int segments, const std::vector<float>& angles) {
+  std::vector<MikkCorner> c;
+  for (int i = 0; i < segments; ++i) {
+    const float a0 = angles[static_cast<std::size_t>(i)];
+    const float a1 = angles[static_cast<std::size_t>(i + 1)];
+    const float u0 = a0 / (2 * std::numbers::pi_v<float>);
+    const float u1 = a1 / (2 * std::numbers::pi_v<float>);
+    // The last angle is 2 pi: its position must equal angle 0 exactly.
+    const Vec n0 = {std::cos(a0), std::sin(a0), 0};
+    const Vec n1 = i + 1 == segments ? Vec{1, 0, 0} : Vec{std::cos(a1), std::sin(a1), 0};
+    const Vec b0 = {n0[0], n0[1], 0}, b1 = {n1[0], n1[1], 0};
+    const Vec t0 = {n0[0], n0[1], 1}, t1 = {n1[0], n1[1], 1};
+    add(c, b0, n0, {u0, 0});
+    add(c, b1, n1, {u1, 0});
+    add(c, t1, n1, {u1, 1});
+    add(c, b0, n0, {u0, 0});
+    add(c, t1, n1, {u1, 1});
+    add(c, t0, n0, {u0, 1});
+  }
+  return c;
+}
+
+TEST(MikkTSpaceCylinder, TangentsFollowTheCircleAcrossTheSeam) {
+  // Uneven segments: a welded seam would average faces of different widths,
+  // but every corner's tangent is still the circle's direction there.
+  const std::vector<float> angles = {
+      0.0f, 0.4f, 1.1f, 2.0f, 2.9f, 3.7f, 4.6f, 5.5f, 2 * std::numbers::pi_v<float>};
+  const int segments = 8;
+  const auto corners = cylinder(segments, angles);
+  const auto tangents = mikktspace_tangents(corners);
+  for (std::size_t k = 0; k < corners.size(); ++k) {
+    const Vec& n = corners[k].normal;
+    // Circle direction at the corner's angle, counter-clockwise.
+    expect_tangent(tangents[k], {-n[1], n[0], 0}, 1.0f, "cylinder", 2e-6);
+  }
+}
+
+TEST(MikkTSpaceWeld, OnlyIdenticalCornersShareATangent) {
+  // Two triangles meeting at the edge (0,0,0)-(0,1,0), folded, each with a
+  // different u direction. With one normal for the shared corners the
+  // tangent there is shared; with each triangle's own normal it is not.
+  const Vec a = {0, 0, 0}, b = {0, 1, 0}, c1 = {1, 0, 0}, c2 = {-1, 0, 1};
+  const auto build = [&](Vec shared_normal_1, Vec shared_normal_2) {
+    std::vector<MikkCorner> c;
+    add(c, a, shared_normal_1, {0.5f, 0});
+    add(c, c1, kUp, {1.0f, 0});
+    add(c, b, shared_normal_1, {0.5f, 1});
+    add(c, a, shared_normal_2, {0.5f, 0});
+    add(c, b, shared_normal_2, {0.5f, 1});
+    add(c, c2, {0.70710677f, 0, 0.70710677f}, {0.0f, 0.2f});
+    return c;
+  };
+  const Vec mid = {0.38268343f, 0, 0.92387953f};
+  const auto welded = mikktspace_tangents(build(mid, mid));
+  for (int k : {0, 2}) {
+    EXPECT_EQ(welded[static_cast<std::size_t>(k)].tangent,
+              welded[static_cast<std::size_t>(k == 0 ? 3 : 4)].tangent);
+  }
+  // The corner at c1 belongs to the first triangle alone: its u direction is +x.
+  expect_tangent(welded[1], {1, 0, 0}, 1.0f, "lone corner");
+
+  const auto split = mikktspace_tangents(build(kUp, {0.70710677f, 0, 0.70710677f}));
+  // Unwelded, the first triangle's corners keep its own +x direction.
+  expect_tangent(split[0], {1, 0, 0}, 1.0f, "split first");
+  expect_tangent(split[2], {1, 0, 0}, 1.0f, "split first");
+  EXPECT_NE(split[0].tangent, split[3].tangent);
+}
+
+TEST(MikkTSpaceWeighting, CornerAnglesWeighTheFaceTangents) {
+  // Two triangles around the centre c: the first spans 90 degrees there with
+  // u along +x, the second 45 degrees with u along (1, 1)/sqrt(2).
+  const Vec c = {0, 0, 0}, a = {1, 0, 0}, b = {0, 1, 0}, d = {-1, 1, 0};
+  std::vector<MikkCorner> corners;
+  add(corners, c, kUp, {0, 0});
+  add(corners, a, kUp, {1, 0});
+  add(corners, b, kUp, {0, 1});
+  add(corners, c, kUp, {0, 0});
+  add(corners, b, kUp, {0, 1});
+  add(corners, d, kUp, {-1, 2});
+  const auto t = mikktspace_tangents(corners);
+  const double r = std::sqrt(0.5);
+  const double x = std::numbers::pi / 2 + std::numbers::pi / 4 * r;
+  const double y = std::numbers::pi / 4 * r;
+  const double len = std::hypot(x, y);
+  const Vec centre = {static_cast<float>(x / len), static_cast<float>(y / len), 0};
+  expect_tangent(t[0], centre, 1.0f, "centre, first triangle");
+  expect_tangent(t[3], centre, 1.0f, "centre, second triangle");
+  expect_tangent(t[1], {1, 0, 0}, 1.0f, "a");
+  expect_tangent(t[5], {static_cast<float>(r), static_cast<float>(r), 0}, 1.0f, "d");
+  // At b the angles are 45 (first) and 90 degrees (second): the weights swap.
+  const double bx = std::numbers::pi / 4 + std::numbers::pi / 2 * r;
+  const double by = std::numbers::pi / 2 * r;
+  const double blen = std::hypot(bx, by);
+  expect_tangent(t[2], {static_cast<float>(bx / blen), static_cast<float>(by / blen), 0}, 1.0f,
+                 "b");
+}
+
+TEST(MikkTSpaceDegenerate, DegenerateAndZeroUvTrianglesBorrowOrDefault) {
+  std::vector<MikkCorner> c;
+  // A healthy quad with u along +y (tangent (0, 1, 0)).
+  const Vec p[4] = {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}};
+  for (int i : {0, 1, 2, 0, 2, 3}) {
+    add(c, p[i], kUp, {p[i][1], -p[i][0]});
+  }
+  // A positional degenerate triangle: two corners at p0 (identical to the
+  // quad's corner there) and one at a point no good triangle uses.
+  add(c, p[0], kUp, {0, 0});
+  add(c, p[0], kUp, {0, 0});
+  add(c, {5, 5, 0}, kUp, {3, 3});
+  // A triangle with zero UV area joined to the quad's edge p1-p2.
+  add(c, p[2], kUp, {1, -1});
+  add(c, p[1], kUp, {0, -1});
+  add(c, {2, 0.5f, 0}, kUp, {0.5f, -1});
+  const auto t = mikktspace_tangents(c);
+  ASSERT_EQ(t.size(), 12u);
+  for (std::size_t k = 0; k < 6; ++k) {
+    expect_tangent(t[k], {0, 1, 0}, 1.0f, "quad");
+  }
+  expect_tangent(t[6], {0, 1, 0}, 1.0f, "degenerate corner on p0");
+  expect_tangent(t[7], {0, 1, 0}, 1.0f, "degenerate corner on p0");
+  // No good corner shares this vertex: the untouched default frame.
+  expect_tangent(t[8], {1, 0, 0}, -1.0f, "degenerate lone corner");
+  // The zero-UV-area triangle joins the groups it touches...
+  expect_tangent(t[9], {0, 1, 0}, 1.0f, "zero-area corner on p2");
+  expect_tangent(t[10], {0, 1, 0}, 1.0f, "zero-area corner on p1");
+  // ...but cannot start a group of its own.
+  expect_tangent(t[11], {1, 0, 0}, -1.0f, "zero-area lone corner");
+}
+
+TEST(MikkTSpaceInput, EmptyAndMeshForms) {
+  EXPECT_TRUE(mikktspace_tangents(std::span<const MikkCorner>()).empty());
+  Mesh mesh;
+  mesh.positions = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}};
+  mesh.uvs = {{0, 0}, {0, 1}, {-1, 0}};
+  Triangle tri;
+  for (std::uint32_t i = 0; i < 3; ++i) {
+    tri.corners[i] = {i, static_cast<std::int32_t>(i), -1};
+  }
+  mesh.triangles.push_back(tri);
+  const std::vector<std::array<float, 3>> normals(3, kUp);
+  const auto t = mikktspace_tangents(mesh, normals);
+  // u falls from 0 to -1 along +y and v grows along +x: tangent -y.
+  for (const CornerTangent& c : t) {
+    expect_tangent(c, {0, -1, 0}, 1.0f, "mesh form");
+  }
+  EXPECT_THROW(mikktspace_tangents(mesh, std::vector<std::array<float, 3>>(2, kUp)), Error);
+}
+
+}  // namespace
+}  // namespace kv
