@@ -1,0 +1,208 @@
+// The program's one door to the Embree library. Every Embree call of the
+// program goes through the functions below, written against the Embree 4
+// interface; when only Embree 3 is installed they map to its equivalents
+// (an intersection context in place of the ray-query context and the
+// optional intersect arguments).
+#pragma once
+
+#if __has_include(<embree4/rtcore.h>)
+#include <embree4/rtcore.h>
+#else
+#include <embree3/rtcore.h>
+#endif
+
+#include <cstddef>
+#include <cstdint>
+
+namespace kv::embree {
+
+using Device = RTCDevice;
+using Scene = RTCScene;
+using Geometry = RTCGeometry;
+using FilterArguments = RTCFilterFunctionNArguments;
+using FilterFunction = RTCFilterFunctionN;
+using ErrorFunction = RTCErrorFunction;
+using MemoryMonitorFunction = RTCMemoryMonitorFunction;
+
+inline constexpr unsigned kInvalidId = RTC_INVALID_GEOMETRY_ID;
+
+// The per-ray context handed to filter functions. Callers embed it as the
+// first member of their own record and find the record again from the
+// filter's context pointer.
+#if RTC_VERSION_MAJOR >= 4
+using RayQueryContext = RTCRayQueryContext;
+inline void init_context(RayQueryContext* context) {
+  rtcInitRayQueryContext(context);
+}
+#else
+using RayQueryContext = RTCIntersectContext;
+inline void init_context(RayQueryContext* context) {
+  rtcInitIntersectContext(context);
+}
+#endif
+
+// ---- device ----------------------------------------------------------------
+
+inline Device new_device(const char* config) {
+  return rtcNewDevice(config);
+}
+inline void release_device(Device device) {
+  rtcReleaseDevice(device);
+}
+inline RTCError device_error(Device device) {
+  return rtcGetDeviceError(device);
+}
+inline std::int64_t device_version(Device device) {
+  return static_cast<std::int64_t>(rtcGetDeviceProperty(device, RTC_DEVICE_PROPERTY_VERSION));
+}
+inline void set_error_function(Device device, ErrorFunction fn, void* user) {
+  rtcSetDeviceErrorFunction(device, fn, user);
+}
+inline void set_memory_monitor(Device device, MemoryMonitorFunction fn, void* user) {
+  rtcSetDeviceMemoryMonitorFunction(device, fn, user);
+}
+
+// ---- scene -------------------------------------------------------------------
+
+struct SceneOptions {
+  bool compact = false;
+  bool low_quality = false;
+};
+
+// A scene with the program's flags: always robust, compact on request.
+inline Scene new_scene(Device device, const SceneOptions& options) {
+  Scene scene = rtcNewScene(device);
+  if (scene == nullptr) {
+    return nullptr;
+  }
+  int flags = RTC_SCENE_FLAG_ROBUST;
+  if (options.compact) {
+    flags |= RTC_SCENE_FLAG_COMPACT;
+  }
+  rtcSetSceneFlags(scene, static_cast<RTCSceneFlags>(flags));
+  if (options.low_quality) {
+    rtcSetSceneBuildQuality(scene, RTC_BUILD_QUALITY_LOW);
+  }
+  return scene;
+}
+// A scene with no flags and the default build quality.
+inline Scene new_plain_scene(Device device) {
+  return rtcNewScene(device);
+}
+inline void release_scene(Scene scene) {
+  rtcReleaseScene(scene);
+}
+inline void commit_scene(Scene scene) {
+  rtcCommitScene(scene);
+}
+inline unsigned attach_geometry(Scene scene, Geometry geometry) {
+  return rtcAttachGeometry(scene, geometry);
+}
+
+// ---- triangle geometry -------------------------------------------------------------
+
+inline Geometry new_triangle_geometry(Device device) {
+  return rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
+}
+inline void release_geometry(Geometry geometry) {
+  rtcReleaseGeometry(geometry);
+}
+inline void commit_geometry(Geometry geometry) {
+  rtcCommitGeometry(geometry);
+}
+
+// Float triples with stride 12; nullptr when Embree could not allocate.
+inline float* new_vertex_buffer(Geometry geometry, std::size_t count) {
+  return static_cast<float*>(
+      rtcSetNewGeometryBuffer(geometry, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3, 12, count));
+}
+// Unsigned 32-bit triples with stride 12; nullptr when Embree could not allocate.
+inline std::uint32_t* new_index_buffer(Geometry geometry, std::size_t count) {
+  return static_cast<std::uint32_t*>(
+      rtcSetNewGeometryBuffer(geometry, RTC_BUFFER_TYPE_INDEX, 0, RTC_FORMAT_UINT3, 12, count));
+}
+
+// The filter runs for every candidate hit of the geometry (intersect queries).
+inline void set_intersect_filter(Geometry geometry, FilterFunction filter, void* user) {
+  rtcSetGeometryUserData(geometry, user);
+  rtcSetGeometryIntersectFilterFunction(geometry, filter);
+}
+
+// ---- rays --------------------------------------------------------------------
+
+// A single ray with tnear 0, every mask bit set and no hit yet.
+inline RTCRayHit make_ray(const float origin[3], const float direction[3], float t_far) {
+  RTCRayHit r{};
+  r.ray.org_x = origin[0];
+  r.ray.org_y = origin[1];
+  r.ray.org_z = origin[2];
+  r.ray.tnear = 0.0f;
+  r.ray.dir_x = direction[0];
+  r.ray.dir_y = direction[1];
+  r.ray.dir_z = direction[2];
+  r.ray.time = 0.0f;
+  r.ray.tfar = t_far;
+  r.ray.mask = 0xFFFFFFFFu;
+  r.ray.id = 0;
+  r.ray.flags = 0;
+  r.hit.geomID = kInvalidId;
+  r.hit.primID = kInvalidId;
+  r.hit.instID[0] = kInvalidId;
+  return r;
+}
+
+// Closest hit, with the geometry filters seeing `context`.
+inline void intersect1(Scene scene, RayQueryContext* context, RTCRayHit* rayhit) {
+#if RTC_VERSION_MAJOR >= 4
+  RTCIntersectArguments args;
+  rtcInitIntersectArguments(&args);
+  args.context = context;
+  rtcIntersect1(scene, rayhit, &args);
+#else
+  rtcIntersect1(scene, context, rayhit);
+#endif
+}
+
+// Closest hit with a default context.
+inline void intersect1(Scene scene, RTCRayHit* rayhit) {
+#if RTC_VERSION_MAJOR >= 4
+  rtcIntersect1(scene, rayhit, nullptr);
+#else
+  RTCIntersectContext context;
+  rtcInitIntersectContext(&context);
+  rtcIntersect1(scene, &context, rayhit);
+#endif
+}
+
+// ---- inside a filter function ----------------------------------------------
+
+inline unsigned filter_lane_count(const FilterArguments* args) {
+  return args->N;
+}
+inline bool filter_lane_valid(const FilterArguments* args, unsigned i) {
+  return args->valid[i] != 0;
+}
+inline void filter_refuse(const FilterArguments* args, unsigned i) {
+  args->valid[i] = 0;
+}
+inline RayQueryContext* filter_context(const FilterArguments* args) {
+  return args->context;
+}
+inline void* filter_user(const FilterArguments* args) {
+  return args->geometryUserPtr;
+}
+inline unsigned filter_prim_id(const FilterArguments* args, unsigned i) {
+  return RTCHitN_primID(args->hit, args->N, i);
+}
+inline float filter_u(const FilterArguments* args, unsigned i) {
+  return RTCHitN_u(args->hit, args->N, i);
+}
+inline float filter_v(const FilterArguments* args, unsigned i) {
+  return RTCHitN_v(args->hit, args->N, i);
+}
+// The candidate's distance: Embree has stored it in the ray's tfar.
+inline float filter_t(const FilterArguments* args, unsigned i) {
+  return RTCRayN_tfar(args->ray, args->N, i);
+}
+
+}  // namespace kv::embree
