@@ -14,28 +14,28 @@
 
 namespace kv {
 
-const char* component_type_name(ComponentType type) {
-  switch (type) {
-    case ComponentType::kU8:
+const char* sample_format_name(SampleFormat format) {
+  switch (format) {
+    case SampleFormat::u8:
       return "u8";
-    case ComponentType::kU16:
+    case SampleFormat::u16:
       return "u16";
-    case ComponentType::kF16:
+    case SampleFormat::f16:
       return "f16";
-    case ComponentType::kF32:
+    case SampleFormat::f32:
       return "f32";
   }
   return "unknown";
 }
 
-std::size_t component_bytes(ComponentType type) {
-  switch (type) {
-    case ComponentType::kU8:
+std::size_t sample_format_bytes(SampleFormat format) {
+  switch (format) {
+    case SampleFormat::u8:
       return 1;
-    case ComponentType::kU16:
-    case ComponentType::kF16:
+    case SampleFormat::u16:
+    case SampleFormat::f16:
       return 2;
-    case ComponentType::kF32:
+    case SampleFormat::f32:
       return 4;
   }
   return 0;
@@ -70,13 +70,10 @@ struct SampleView {
   std::size_t row_bytes() const { return std::size_t{width} * channels * sample_bytes; }
 };
 
-// Rows in PNG byte order with the filter type chosen for each row.
+// Rows in PNG byte order, and how repetitive they are.
 struct PreparedRows {
   std::vector<unsigned char> bytes;
-  std::vector<unsigned char> filters;
-  // Texels whose filtered bytes are all zero: flat areas, which LZ77 turns
-  // into long matches and plain Huffman coding cannot.
-  std::uint64_t flat_texels = 0;
+  std::uint64_t repeated_bytes = 0;
 };
 
 void copy_rows_big_endian(const SampleView& image, unsigned char* out, std::uint64_t begin,
@@ -97,102 +94,56 @@ void copy_rows_big_endian(const SampleView& image, unsigned char* out, std::uint
   }
 }
 
-unsigned char paeth(int a, int b, int c) {
-  const int p = a + b - c;
-  const int pa = p > a ? p - a : a - p;
-  const int pb = p > b ? p - b : b - p;
-  const int pc = p > c ? p - c : c - p;
-  if (pa <= pb && pa <= pc) {
-    return static_cast<unsigned char>(a);
-  }
-  return static_cast<unsigned char>(pb <= pc ? b : c);
-}
-
-// The filter with the smallest sum of filtered bytes taken as signed values
-// (the usual minimum-sum heuristic); adds the row's all-zero texels under that
-// filter to *flat.
-unsigned char choose_filter(const unsigned char* row, const unsigned char* above, std::size_t size,
-                            std::size_t texel_bytes, std::uint64_t* flat) {
-  std::uint64_t sums[5] = {0, 0, 0, 0, 0};
-  std::uint64_t flats[5] = {0, 0, 0, 0, 0};
-  unsigned char nonzero[5] = {0, 0, 0, 0, 0};
-  for (std::size_t i = 0; i < size; ++i) {
-    const int x = row[i];
-    const int a = i >= texel_bytes ? row[i - texel_bytes] : 0;
-    const int b = above != nullptr ? above[i] : 0;
-    const int c = above != nullptr && i >= texel_bytes ? above[i - texel_bytes] : 0;
-    const unsigned char filtered[5] = {
-        static_cast<unsigned char>(x), static_cast<unsigned char>(x - a),
-        static_cast<unsigned char>(x - b), static_cast<unsigned char>(x - ((a + b) >> 1)),
-        static_cast<unsigned char>(x - paeth(a, b, c))};
-    const bool texel_end = (i + 1) % texel_bytes == 0;
-    for (int f = 0; f < 5; ++f) {
-      sums[f] += filtered[f] < 128 ? filtered[f] : 256u - filtered[f];
-      nonzero[f] |= filtered[f];
-      if (texel_end) {
-        flats[f] += nonzero[f] == 0 ? 1 : 0;
-        nonzero[f] = 0;
-      }
-    }
-  }
-  int best = 0;
-  for (int f = 1; f < 5; ++f) {
-    if (sums[f] < sums[best]) {
-      best = f;
-    }
-  }
-  *flat += flats[best];
-  return static_cast<unsigned char>(best);
-}
-
-void choose_filters(const SampleView& image, PreparedRows& rows, std::uint64_t begin,
-                    std::uint64_t end, std::uint64_t* flat) {
-  const std::size_t size = image.row_bytes();
-  const std::size_t texel_bytes = static_cast<std::size_t>(image.channels) * image.sample_bytes;
+// Bytes equal to the byte one texel to their left: flat areas, which LZ77
+// turns into long matches and plain Huffman coding cannot.
+std::uint64_t repeated_bytes(const unsigned char* rows, std::size_t row_bytes,
+                             std::size_t texel_bytes, std::uint64_t begin, std::uint64_t end) {
+  std::uint64_t repeated = 0;
   for (std::uint64_t y = begin; y < end; ++y) {
-    const unsigned char* row = rows.bytes.data() + y * size;
-    const unsigned char* above = y > 0 ? row - size : nullptr;
-    rows.filters[y] = choose_filter(row, above, size, texel_bytes, flat);
+    const unsigned char* row = rows + y * row_bytes;
+    std::uint32_t in_row = 0;
+    for (std::size_t i = texel_bytes; i < row_bytes; ++i) {
+      in_row += row[i] == row[i - texel_bytes] ? 1u : 0u;
+    }
+    repeated += in_row;
   }
+  return repeated;
 }
 
 PreparedRows prepare_rows(const SampleView& image, int threads) {
   PreparedRows rows;
-  rows.bytes.resize(image.row_bytes() * image.height);
-  rows.filters.resize(image.height);
+  const std::size_t row_bytes = image.row_bytes();
+  const std::size_t texel_bytes = static_cast<std::size_t>(image.channels) * image.sample_bytes;
+  rows.bytes.resize(row_bytes * image.height);
   if (rows.bytes.size() < kParallelBytes) {
     copy_rows_big_endian(image, rows.bytes.data(), 0, image.height);
-    choose_filters(image, rows, 0, image.height, &rows.flat_texels);
+    rows.repeated_bytes =
+        repeated_bytes(rows.bytes.data(), row_bytes, texel_bytes, 0, image.height);
     return rows;
   }
-  // Up to 256 tasks of whole rows; each row's choice depends only on its own
-  // bytes and the row above, so the result is the same on any thread count.
+  // Up to 256 tasks of whole rows, counts joined in order: the same result on
+  // any thread count.
   const std::uint64_t tasks = std::min<std::uint64_t>(image.height, kMaxRowTasks);
   const std::uint64_t rows_per_task = chunk_count(image.height, tasks);
   WorkerPool pool(threads);
-  pool.for_chunks(image.height, rows_per_task,
-                  [&](std::uint64_t, std::uint64_t begin, std::uint64_t end) {
-                    copy_rows_big_endian(image, rows.bytes.data(), begin, end);
-                  });
-  const std::vector<std::uint64_t> flats = pool.map_chunks<std::uint64_t>(
+  const std::vector<std::uint64_t> counts = pool.map_chunks<std::uint64_t>(
       image.height, rows_per_task, [&](std::uint64_t begin, std::uint64_t end) {
-        std::uint64_t flat = 0;
-        choose_filters(image, rows, begin, end, &flat);
-        return flat;
+        copy_rows_big_endian(image, rows.bytes.data(), begin, end);
+        return repeated_bytes(rows.bytes.data(), row_bytes, texel_bytes, begin, end);
       });
-  for (std::uint64_t flat : flats) {
-    rows.flat_texels += flat;
+  for (std::uint64_t count : counts) {
+    rows.repeated_bytes += count;
   }
   return rows;
 }
 
-// Compression settings chosen for speed: maps with many flat texels get LZ77
-// with a small window and no lazy matching; busy maps (normal maps, noise)
-// compress as well or better with Huffman coding alone, at about three times
-// the speed.
+// Settings chosen for speed. Every row takes the Paeth filter, which on these
+// maps compresses as well as choosing per row and costs nothing to choose.
+// Mostly flat maps (masks, padding) get LZ77 with a small window and no lazy
+// matching; busy maps (normal maps, noise) compress as well or better with
+// Huffman coding alone, at about three times the speed.
 std::vector<unsigned char> encode_samples(const SampleView& image, int threads) {
   const PreparedRows rows = prepare_rows(image, threads);
-  const std::uint64_t texels = std::uint64_t{image.width} * image.height;
   lodepng::State state;
   state.info_raw.colortype = colour_type(image.channels);
   state.info_raw.bitdepth = static_cast<unsigned>(8 * image.sample_bytes);
@@ -200,10 +151,9 @@ std::vector<unsigned char> encode_samples(const SampleView& image, int threads) 
   state.info_png.color.bitdepth = state.info_raw.bitdepth;
   state.encoder.auto_convert = 0;
   state.encoder.filter_palette_zero = 0;
-  state.encoder.filter_strategy = LFS_PREDEFINED;
-  state.encoder.predefined_filters = rows.filters.data();
+  state.encoder.filter_strategy = LFS_FOUR;
   state.encoder.zlibsettings.btype = 2;
-  state.encoder.zlibsettings.use_lz77 = rows.flat_texels * 4 >= texels ? 1 : 0;
+  state.encoder.zlibsettings.use_lz77 = rows.repeated_bytes * 4 >= rows.bytes.size() * 3 ? 1 : 0;
   state.encoder.zlibsettings.windowsize = 1024;
   state.encoder.zlibsettings.minmatch = 3;
   state.encoder.zlibsettings.nicematch = 258;
@@ -294,9 +244,9 @@ void writePngCodes(const std::filesystem::path& path, int width, int height, int
 }
 
 std::vector<unsigned char> encodePng(const TexelImage& image, int threads) {
-  if (image.type != ComponentType::kU8 && image.type != ComponentType::kU16) {
+  if (image.format != SampleFormat::u8 && image.format != SampleFormat::u16) {
     throw Error(std::string("PNG stores 8- or 16-bit integer texels only, not ") +
-                component_type_name(image.type));
+                sample_format_name(image.format));
   }
   if (image.data.empty()) {
     throw Error("PNG: no texel data");
@@ -307,14 +257,14 @@ std::vector<unsigned char> encodePng(const TexelImage& image, int threads) {
   if (image.width < 1 || image.height < 1 || image.data.size() != image.expected_bytes()) {
     throw Error("PNG: the texel data does not match " + std::to_string(image.width) + " x " +
                 std::to_string(image.height) + " x " + std::to_string(image.channels) + " " +
-                component_type_name(image.type) + " texels");
+                sample_format_name(image.format) + " texels");
   }
   SampleView view;
   view.data = image.data.data();
   view.width = static_cast<unsigned>(image.width);
   view.height = static_cast<unsigned>(image.height);
   view.channels = image.channels;
-  view.sample_bytes = component_bytes(image.type);
+  view.sample_bytes = sample_format_bytes(image.format);
   return encode_samples(view, threads);
 }
 
@@ -378,7 +328,7 @@ TexelImage readPng(const std::filesystem::path& path) {
   image.width = static_cast<int>(width);
   image.height = static_cast<int>(height);
   image.channels = static_cast<int>(lodepng_get_channels(&state.info_raw));
-  image.type = state.info_raw.bitdepth == 16 ? ComponentType::kU16 : ComponentType::kU8;
+  image.format = state.info_raw.bitdepth == 16 ? SampleFormat::u16 : SampleFormat::u8;
   if (decoded.size() != image.expected_bytes()) {
     throw Error("PNG: decoded data size does not match the image");
   }
@@ -399,7 +349,7 @@ TexelImage readPng(const std::filesystem::path& path) {
       image.channels = 3;
     }
   }
-  if (image.type == ComponentType::kU16) {
+  if (image.format == SampleFormat::u16) {
     for (std::size_t i = 0; i + 1 < decoded.size(); i += 2) {
       const auto sample = static_cast<std::uint16_t>((decoded[i] << 8) | decoded[i + 1]);
       std::memcpy(decoded.data() + i, &sample, 2);
