@@ -281,19 +281,41 @@ std::size_t first_non_finite(const float* samples, std::size_t count) {
   return count;
 }
 
+// One pass over the line's texels, each value stored into its file channel's
+// run; the channel count is a template argument so the loop unrolls.
+template <int Channels, typename Value, typename Source, typename Convert>
+void fill_line(std::size_t width, const Source* row, unsigned char* dest, Convert convert) {
+  const std::span<const FileChannel> order = file_channels(Channels);
+  unsigned char* runs[Channels];
+  int sources[Channels];
+  for (int k = 0; k < Channels; ++k) {
+    runs[k] = dest + static_cast<std::size_t>(k) * width * sizeof(Value);
+    sources[k] = order[static_cast<std::size_t>(k)].source;
+  }
+  for (std::size_t x = 0; x < width; ++x) {
+    const Source* texel = row + x * Channels;
+    for (int k = 0; k < Channels; ++k) {
+      const Value value = convert(texel[sources[k]]);
+      std::memcpy(runs[k] + x * sizeof(Value), &value, sizeof value);
+    }
+  }
+}
+
 template <typename Value, typename Source, typename Convert>
 void fill_channels(const Layout& layout, const Source* samples, std::size_t y, unsigned char* dest,
                    Convert convert) {
   const auto width = static_cast<std::size_t>(layout.width);
-  const auto channels = static_cast<std::size_t>(layout.channels);
-  const Source* row = samples + y * width * channels;
-  for (const FileChannel& channel : file_channels(layout.channels)) {
-    const Source* in = row + channel.source;
-    for (std::size_t x = 0; x < width; ++x) {
-      const Value value = convert(in[x * channels]);
-      std::memcpy(dest, &value, sizeof value);
-      dest += sizeof value;
-    }
+  const Source* row = samples + y * width * static_cast<std::size_t>(layout.channels);
+  switch (layout.channels) {
+    case 1:
+      fill_line<1, Value>(width, row, dest, convert);
+      break;
+    case 3:
+      fill_line<3, Value>(width, row, dest, convert);
+      break;
+    default:
+      fill_line<4, Value>(width, row, dest, convert);
+      break;
   }
 }
 
