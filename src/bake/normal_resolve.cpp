@@ -244,6 +244,12 @@ NormalBakeResult resolve_normals(const LowPrep& prep, const Mesh& high, const Tr
   result.outside.assign(texel_count, 0);
   result.centre_covered.assign(texel_count, 0);
 
+  // Per-chunk query lists, kept between bands so their memory is reused.
+  struct SetupPart {
+    std::vector<RayQuery> queries;
+    NormalBakeCounters counters;
+  };
+  std::vector<SetupPart> parts;
   std::vector<SubSample> samples(static_cast<std::size_t>(band_rows) * row_samples);
   std::vector<RayQuery> queries;
   std::vector<RayHit> hits;
@@ -255,14 +261,13 @@ NormalBakeResult resolve_normals(const LowPrep& prep, const Mesh& high, const Tr
     // Raster lookups and ray setup: every chunk keeps its own queries, joined
     // below in chunk order.
     Clock::time_point phase_start = Clock::now();
-    struct SetupPart {
-      std::vector<RayQuery> queries;
-      NormalBakeCounters counters;
-    };
-    std::vector<SetupPart> parts = pool.map_chunks<SetupPart>(
+    parts.resize(static_cast<std::size_t>(chunks));
+    pool.for_chunks(
         static_cast<std::uint64_t>(rows), rows_per_chunk,
-        [&](std::uint64_t row_begin, std::uint64_t row_end) {
-          SetupPart part;
+        [&](std::uint64_t chunk, std::uint64_t row_begin, std::uint64_t row_end) {
+          SetupPart& part = parts[static_cast<std::size_t>(chunk)];
+          part.queries.clear();
+          part.counters = NormalBakeCounters{};
           std::vector<std::int32_t> covering;
           for (std::uint64_t r = row_begin; r < row_end; ++r) {
             const std::int64_t y = y0 + static_cast<std::int64_t>(r);
@@ -307,11 +312,10 @@ NormalBakeResult resolve_normals(const LowPrep& prep, const Mesh& high, const Tr
               }
             }
           }
-          return part;
         });
 
-    std::vector<std::uint64_t> offsets(parts.size() + 1, 0);
-    for (std::size_t c = 0; c < parts.size(); ++c) {
+    std::vector<std::uint64_t> offsets(static_cast<std::size_t>(chunks) + 1, 0);
+    for (std::size_t c = 0; c < static_cast<std::size_t>(chunks); ++c) {
       offsets[c + 1] = offsets[c] + parts[c].queries.size();
     }
     const std::uint64_t ray_count = offsets.back();
@@ -337,14 +341,14 @@ NormalBakeResult resolve_normals(const LowPrep& prep, const Mesh& high, const Tr
         }
       }
     });
-    for (const SetupPart& part : parts) {
+    for (std::size_t c = 0; c < static_cast<std::size_t>(chunks); ++c) {
+      const SetupPart& part = parts[c];
       const NormalBakeCounters& k = part.counters;
       result.counters.samples_covered += k.samples_covered;
       result.counters.invalid_ray_normals += k.invalid_ray_normals;
       result.counters.stacked_skipped += k.stacked_skipped;
     }
     result.counters.rays += ray_count;
-    parts.clear();
     times.resolve += seconds_since(phase_start);
 
     phase_start = Clock::now();
