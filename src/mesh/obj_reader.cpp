@@ -6,7 +6,10 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <unordered_map>
+
+#include <emmintrin.h>
 
 #include "core/error.h"
 #include "core/parallel.h"
@@ -96,6 +99,28 @@ enum class Keyword : std::uint8_t {
 // Reads the keyword of a line; p is left behind it.
 inline Keyword read_keyword(const char*& p, const char* end) {
   p = skip_space(p, end);
+  // The common keywords, without scanning for the token's end.
+  if (end - p >= 3 && is_space(p[1])) {
+    switch (p[0]) {
+      case 'v':
+        ++p;
+        return Keyword::v;
+      case 'f':
+        ++p;
+        return Keyword::f;
+      default:
+        break;
+    }
+  } else if (end - p >= 4 && p[0] == 'v' && is_space(p[2])) {
+    if (p[1] == 't') {
+      p += 2;
+      return Keyword::vt;
+    }
+    if (p[1] == 'n') {
+      p += 2;
+      return Keyword::vn;
+    }
+  }
   const char* begin = p;
   p = token_end(p, end);
   const std::size_t length = static_cast<std::size_t>(p - begin);
@@ -141,45 +166,79 @@ inline Keyword read_keyword(const char*& p, const char* end) {
 constexpr double kPow10[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
                              1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
 
+constexpr std::uint64_t kPow10Int[] = {1,      10,      100,      1000,     10000,
+                                       100000, 1000000, 10000000, 100000000};
+
+// The decimal digits at the start of 8 bytes (the first byte lowest): how
+// many there are (0 to 8) and their value, a few operations for all eight.
+inline unsigned digit_run8(const char* p, std::uint64_t& value) {
+  std::uint64_t bytes = 0;
+  std::memcpy(&bytes, p, 8);
+  const std::uint64_t t = bytes ^ 0x3030303030303030ULL;  // digits become 0..9
+  // High bit of every byte that is not a digit; carries only run towards
+  // later bytes, so the first non-digit is found exactly.
+  const std::uint64_t non_digit = ((t + 0x7676767676767676ULL) | t) & 0x8080808080808080ULL;
+  const unsigned n = non_digit == 0 ? 8u : static_cast<unsigned>(std::countr_zero(non_digit)) / 8;
+  if (n == 0) {
+    value = 0;
+    return 0;
+  }
+  // Move the n digits to the top bytes: the bytes below read as leading zeros.
+  std::uint64_t d = t << (8 * (8 - n));
+  d = (d * 10) + (d >> 8);
+  d = (((d & 0x000000FF000000FFULL) * (100 + (1000000ULL << 32))) +
+       (((d >> 16) & 0x000000FF000000FFULL) * (1 + (10000ULL << 32)))) >>
+      32;
+  value = d;
+  return n;
+}
+
+// Reads a run of decimal digits into mantissa * 10^count + run; `limit` is
+// how far bytes may be read (the end of the whole text).
+inline const char* read_digits(const char* p, const char* end, const char* limit,
+                               std::uint64_t& mantissa, std::ptrdiff_t& count) {
+  while (limit - p >= 8) {
+    std::uint64_t run = 0;
+    const unsigned n = digit_run8(p, run);
+    mantissa = mantissa * kPow10Int[n] + run;
+    count += n;
+    p += n;
+    if (n < 8 || count > 19) {
+      return p;
+    }
+  }
+  while (p < end && static_cast<unsigned>(*p - '0') < 10) {
+    mantissa = mantissa * 10 + static_cast<unsigned>(*p - '0');
+    ++count;
+    ++p;
+  }
+  return p;
+}
+
 // Decimal m * 10^e with m below 2^53 and |e| at most 22: one correctly
 // rounded operation on exact operands, so the double is correctly rounded.
-// Returns false when the token is not of that plain shape.
-inline bool parse_plain_decimal(const char* p, const char* end, double& out) {
+// Reads such a number from p on and returns where it stops, or nullptr when
+// the text there is not of that plain shape (the general parser decides).
+inline const char* parse_plain_decimal(const char* p, const char* end, const char* limit,
+                                       double& out) {
   bool negative = false;
   if (p < end && *p == '-') {
     negative = true;
     ++p;
   }
   std::uint64_t mantissa = 0;
-  int significant = 0;
   int exponent = 0;
-  bool any_digit = false;
-  while (p < end && static_cast<unsigned>(*p - '0') < 10) {
-    any_digit = true;
-    if (mantissa != 0 || *p != '0') {
-      if (++significant > 19) {
-        return false;
-      }
-    }
-    mantissa = mantissa * 10 + static_cast<unsigned>(*p - '0');
-    ++p;
+  std::ptrdiff_t digit_count = 0;
+  p = read_digits(p, end, limit, mantissa, digit_count);
+  if (p < end && *p == '.' && digit_count <= 19) {
+    const std::ptrdiff_t whole = digit_count;
+    p = read_digits(p + 1, end, limit, mantissa, digit_count);
+    exponent = -static_cast<int>(digit_count - whole);
   }
-  if (p < end && *p == '.') {
-    ++p;
-    while (p < end && static_cast<unsigned>(*p - '0') < 10) {
-      any_digit = true;
-      if (mantissa != 0 || *p != '0') {
-        if (++significant > 19) {
-          return false;
-        }
-      }
-      mantissa = mantissa * 10 + static_cast<unsigned>(*p - '0');
-      --exponent;
-      ++p;
-    }
-  }
-  if (!any_digit) {
-    return false;
+  // More than 19 digits may have wrapped the mantissa; such rare texts
+  // (long leading zeros included) go to the general parser.
+  if (digit_count == 0 || digit_count > 19) {
+    return nullptr;
   }
   if (p < end && (*p == 'e' || *p == 'E')) {
     ++p;
@@ -188,9 +247,7 @@ inline bool parse_plain_decimal(const char* p, const char* end, double& out) {
       exponent_negative = *p == '-';
       ++p;
     }
-    if (p == end) {
-      return false;
-    }
+    const char* exponent_digits = p;
     int written = 0;
     while (p < end && static_cast<unsigned>(*p - '0') < 10) {
       if (written < 10000) {
@@ -198,22 +255,50 @@ inline bool parse_plain_decimal(const char* p, const char* end, double& out) {
       }
       ++p;
     }
+    if (p == exponent_digits) {
+      return nullptr;
+    }
     exponent += exponent_negative ? -written : written;
-  }
-  if (p != end) {
-    return false;
   }
   if (mantissa == 0) {
     out = negative ? -0.0 : 0.0;
-    return true;
+    return p;
   }
   if (mantissa > (std::uint64_t{1} << 53) || exponent < -22 || exponent > 22) {
-    return false;
+    return nullptr;
   }
   double value = static_cast<double>(mantissa);
   value = exponent < 0 ? value / kPow10[-exponent] : value * kPow10[exponent];
   out = negative ? -value : value;
+  return p;
+}
+
+// The correctly rounded double of a decimal rounds to its correctly rounded
+// float unless it sits exactly on a midpoint between two floats (then the
+// decimal may lie on either side), or float's subnormal or overflow range is
+// involved; those cases return false.
+inline bool narrow_exactly(double wide, float& out) {
+  if (wide == 0.0) {
+    out = static_cast<float>(wide);
+    return true;
+  }
+  const double magnitude = std::fabs(wide);
+  const std::uint64_t bits = std::bit_cast<std::uint64_t>(wide);
+  constexpr std::uint64_t kLowBits = (std::uint64_t{1} << 29) - 1;
+  if (magnitude >= 1.1754943508222875e-38 && magnitude <= 3.4028234663852886e38 &&
+      (bits & kLowBits) != (std::uint64_t{1} << 28)) {
+    out = static_cast<float>(wide);
+    return true;
+  }
+  return false;
+}
+
+inline bool plain_value(double wide, double& out) {
+  out = wide;
   return true;
+}
+inline bool plain_value(double wide, float& out) {
+  return narrow_exactly(wide, out);
 }
 
 template <typename T>
@@ -247,22 +332,8 @@ bool parse_general(const char* p, const char* end, T& out) {
 
 // One component token: an optional "+", then the general floating format,
 // consumed whole, finite, correctly rounded.
-inline bool parse_component(std::string_view token, double& out) {
-  const char* p = token.data();
-  const char* end = p + token.size();
-  if (*p == '+') {
-    ++p;
-  }
-  if (p == end || *p == '+') {
-    return false;
-  }
-  if (parse_plain_decimal(p, end, out)) {
-    return true;
-  }
-  return parse_general(p, end, out);
-}
-
-inline bool parse_component(std::string_view token, float& out) {
+template <typename T>
+bool parse_component(std::string_view token, T& out) {
   const char* p = token.data();
   const char* end = p + token.size();
   if (*p == '+') {
@@ -272,23 +343,8 @@ inline bool parse_component(std::string_view token, float& out) {
     return false;
   }
   double wide = 0.0;
-  if (parse_plain_decimal(p, end, wide)) {
-    // The correctly rounded double rounds to the correctly rounded float
-    // unless it sits exactly on a midpoint between two floats (then the
-    // decimal may lie on either side), or float's subnormal or overflow
-    // range is involved.
-    const double magnitude = std::fabs(wide);
-    const std::uint64_t bits = std::bit_cast<std::uint64_t>(wide);
-    constexpr std::uint64_t kLowBits = (std::uint64_t{1} << 29) - 1;
-    if (wide == 0.0) {
-      out = static_cast<float>(wide);
-      return true;
-    }
-    if (magnitude >= 1.1754943508222875e-38 && magnitude <= 3.4028234663852886e38 &&
-        (bits & kLowBits) != (std::uint64_t{1} << 28)) {
-      out = static_cast<float>(wide);
-      return true;
-    }
+  if (parse_plain_decimal(p, end, end, wide) == end && plain_value(wide, out)) {
+    return true;
   }
   return parse_general(p, end, out);
 }
@@ -333,7 +389,6 @@ struct ChunkCounts {
   std::uint64_t polygon_corners = 0;
   std::uint64_t largest_face = 0;
   std::uint64_t lines = 0;
-  bool has_colors = false;
   bool face_before_block = false;     // a face before the chunk's first o/g
   bool face_before_material = false;  // a face before the chunk's first usemtl
   std::vector<Block> blocks;
@@ -347,6 +402,7 @@ struct ChunkPlan {
   std::uint64_t uv = 0;
   std::uint64_t normal = 0;
   std::uint64_t triangle = 0;
+  std::uint64_t triangle_end = 0;  // the next chunk's first triangle
   std::uint64_t polygon = 0;
   std::uint64_t block = 0;     // first entry in block_objects
   std::uint64_t material = 0;  // first entry in usemtl_materials
@@ -367,15 +423,57 @@ void for_each_line(const char* begin, const char* end, F&& fn) {
   }
 }
 
+// Corners of a face line: tokens up to the line's end or a comment token.
+// The line holds no "\n"; sixteen bytes are classified at a time.
+inline std::uint64_t count_corners(const char* p, const char* line_end) {
+  std::uint64_t count = 0;
+  unsigned previous_in_token = 0;
+  const __m128i space = _mm_set1_epi8(' ');
+  const __m128i below_tab = _mm_set1_epi8(8);
+  const __m128i above_cr = _mm_set1_epi8(14);
+  const __m128i hash = _mm_set1_epi8('#');
+  while (line_end - p >= 16) {
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    // Whitespace: 0x20, or 0x09..0x0D (0x0A cannot occur inside a line).
+    const __m128i is_white = _mm_or_si128(
+        _mm_cmpeq_epi8(bytes, space),
+        _mm_and_si128(_mm_cmpgt_epi8(bytes, below_tab), _mm_cmplt_epi8(bytes, above_cr)));
+    const unsigned in_token = ~static_cast<unsigned>(_mm_movemask_epi8(is_white)) & 0xFFFFu;
+    const unsigned starts = in_token & ~((in_token << 1) | previous_in_token);
+    const unsigned comment =
+        starts & static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, hash)));
+    if (comment != 0) {
+      // Tokens that start before the first comment token count.
+      return count + static_cast<unsigned>(std::popcount(starts & ((comment & -comment) - 1)));
+    }
+    count += static_cast<unsigned>(std::popcount(starts));
+    previous_in_token = in_token >> 15;
+    p += 16;
+  }
+  bool in_token = previous_in_token != 0;
+  for (; p < line_end; ++p) {
+    const bool white = is_space(*p);
+    if (!white && !in_token) {
+      if (*p == '#') {
+        break;
+      }
+      ++count;
+    }
+    in_token = !white;
+  }
+  return count;
+}
+
 ChunkCounts count_chunk(const char* begin, const char* end) {
   ChunkCounts counts;
-  for_each_line(begin, end, [&](const char* p, const char* line_end) {
+  const char* p = begin;
+  while (p < end) {
+    const char* newline =
+        static_cast<const char*>(std::memchr(p, '\n', static_cast<std::size_t>(end - p)));
+    const char* line_end = newline != nullptr ? newline : end;
     switch (read_keyword(p, line_end)) {
       case Keyword::v:
         ++counts.positions;
-        if (count_tokens(p, line_end) == 6) {
-          counts.has_colors = true;
-        }
         break;
       case Keyword::vt:
         ++counts.uvs;
@@ -384,7 +482,7 @@ ChunkCounts count_chunk(const char* begin, const char* end) {
         ++counts.normals;
         break;
       case Keyword::f: {
-        const std::uint64_t corners = count_tokens(p, line_end);
+        const std::uint64_t corners = count_corners(p, line_end);
         if (counts.blocks.empty()) {
           counts.face_before_block = true;
         }
@@ -424,7 +522,8 @@ ChunkCounts count_chunk(const char* begin, const char* end) {
       case Keyword::other:
         break;
     }
-  });
+    p = line_end + 1;
+  }
   return counts;
 }
 
@@ -458,22 +557,26 @@ class NameTable {
 // Everything the parse pass of one chunk writes into.
 struct ParseTargets {
   Mesh* mesh = nullptr;
-  std::vector<std::array<float, 3>>* vertex_colors = nullptr;  // empty: no colours
+  // Per chunk: the vertex colours it read, by global position index.
+  std::vector<std::vector<std::pair<std::uint64_t, std::array<float, 3>>>>* colors = nullptr;
   std::vector<PolygonRecord>* polygons = nullptr;
   const std::vector<std::uint32_t>* block_objects = nullptr;
   const std::vector<std::uint32_t>* usemtl_materials = nullptr;
   FacePolicy policy;
-  std::string prefix;  // "path: "
+  std::string prefix;              // "path: "
+  const char* text_end = nullptr;  // bytes may be read up to here
 };
 
 class ChunkParser {
  public:
-  ChunkParser(const ParseTargets& targets, const ChunkPlan& plan)
+  ChunkParser(const ParseTargets& targets, const ChunkPlan& plan, std::size_t chunk)
       : t_(targets),
+        chunk_(chunk),
         positions_(plan.position),
         uvs_(plan.uv),
         normals_(plan.normal),
         triangles_(plan.triangle),
+        triangle_end_(plan.triangle_end),
         polygons_(plan.polygon),
         block_(plan.block),
         material_event_(plan.material),
@@ -526,8 +629,18 @@ class ChunkParser {
   template <typename T, std::size_t N>
   void components(const char*& p, const char* end, std::array<T, N>& out, std::size_t required,
                   const char* what) const {
-    std::string_view token;
     for (std::size_t i = 0; i < N; ++i) {
+      p = skip_space(p, end);
+      // Plain decimals are read in place; anything else goes through the
+      // token rules.
+      double wide = 0.0;
+      const char* stop =
+          p < end && *p != '+' ? parse_plain_decimal(p, end, t_.text_end, wide) : nullptr;
+      if (stop != nullptr && (stop == end || is_space(*stop)) && plain_value(wide, out[i])) {
+        p = stop;
+        continue;
+      }
+      std::string_view token;
       if (!next_token(p, end, token)) {
         if (i < required) {
           fail(std::string("missing ") + what + " component");
@@ -545,13 +658,12 @@ class ChunkParser {
     components(p, end, position, 3, "vertex position");
     const std::uint64_t index = positions_++;
     t_.mesh->positions[index] = position;
-    if (!t_.vertex_colors->empty()) {
-      // Exactly six numbers after the keyword carry a colour.
-      if (count_tokens(p, end) == 3) {
-        std::array<float, 3> color{};
-        components(p, end, color, 3, "vertex color");
-        (*t_.vertex_colors)[index] = color;
-      }
+    // Exactly six numbers after the keyword carry a colour.
+    p = skip_space(p, end);
+    if (p != end && *p != '#' && count_tokens(p, end) == 3) {
+      std::array<float, 3> color{};
+      components(p, end, color, 3, "vertex color");
+      (*t_.colors)[chunk_].emplace_back(index, color);
     }
   }
 
@@ -660,11 +772,69 @@ class ChunkParser {
     return c;
   }
 
+  // A positive index of at most 10 digits that resolves in range; false
+  // for anything else, which the token rules then judge.
+  bool plain_index(const char*& p, const char* end, std::uint64_t count, std::uint32_t& out) const {
+    std::uint64_t value = 0;
+    std::ptrdiff_t digits = 0;
+    const char* q = read_digits(p, end, t_.text_end, value, digits);
+    if (digits > 10 || value == 0 || value > count) {
+      return false;
+    }
+    out = static_cast<std::uint32_t>(value - 1);
+    p = q;
+    return true;
+  }
+
+  // p, p/t, p//n or p/t/n with plain indices, ending at whitespace or the
+  // end of the line.
+  bool plain_corner(const char*& p, const char* end, Corner& c) const {
+    const char* q = p;
+    if (!plain_index(q, end, positions_, c.position)) {
+      return false;
+    }
+    if (q < end && *q == '/') {
+      ++q;
+      if (q == end || is_space(*q)) {
+        return false;
+      }
+      if (*q != '/') {
+        std::uint32_t uv = 0;
+        if (!plain_index(q, end, uvs_, uv)) {
+          return false;
+        }
+        c.uv = static_cast<std::int32_t>(uv);
+      }
+      if (q < end && *q == '/') {
+        ++q;
+        std::uint32_t normal = 0;
+        if (!plain_index(q, end, normals_, normal)) {
+          return false;
+        }
+        c.normal = static_cast<std::int32_t>(normal);
+      }
+    }
+    if (q != end && !is_space(*q)) {
+      return false;
+    }
+    p = q;
+    return true;
+  }
+
   void face(const char* p, const char* end) {
     face_.clear();
-    std::string_view token;
-    while (next_token(p, end, token)) {
-      face_.push_back(corner(token));
+    while (true) {
+      p = skip_space(p, end);
+      if (p == end || *p == '#') {
+        break;
+      }
+      Corner c;
+      if (!plain_corner(p, end, c)) {
+        const char* begin = p;
+        p = token_end(p, end);
+        c = corner(std::string_view(begin, static_cast<std::size_t>(p - begin)));
+      }
+      face_.push_back(c);
     }
     const std::size_t n = face_.size();
     if (n != 3) {
@@ -673,9 +843,12 @@ class ChunkParser {
     if (!has_object_) {
       fail("internal error: OBJ face without an object");
     }
+    const std::size_t count = face_triangle_count(n);
+    if (triangles_ + count > triangle_end_) {
+      fail("internal error: OBJ face count differs between passes");
+    }
     Triangle* out = t_.mesh->triangles.data() + triangles_;
     std::uint32_t* materials = t_.mesh->triangle_materials.data() + triangles_;
-    const std::size_t count = face_triangle_count(n);
     for (std::size_t i = 0; i < count; ++i) {
       const LocalTriangle local = face_triangle(n, i);
       out[i].corners = {face_[local[0]], face_[local[1]], face_[local[2]]};
@@ -689,10 +862,12 @@ class ChunkParser {
   }
 
   const ParseTargets& t_;
+  std::size_t chunk_;
   std::uint64_t positions_;
   std::uint64_t uvs_;
   std::uint64_t normals_;
   std::uint64_t triangles_;
+  std::uint64_t triangle_end_;
   std::uint64_t polygons_;
   std::uint64_t block_;
   std::uint64_t material_event_;
@@ -737,12 +912,10 @@ ObjReadResult parse_text(std::string_view text, const std::filesystem::path& pat
   NameTable materials(mesh.materials);
   NameTable blocks(mesh.blocks);
   bool has_g = false;
-  bool has_colors = false;
   for (const ChunkCounts& chunk : counts) {
     for (const Block& block : chunk.blocks) {
       has_g = has_g || block.from_g;
     }
-    has_colors = has_colors || chunk.has_colors;
   }
   ChunkPlan next;
   bool has_object = false;
@@ -795,6 +968,7 @@ ObjReadResult parse_text(std::string_view text, const std::filesystem::path& pat
     next.uv += chunk.uvs;
     next.normal += chunk.normals;
     next.triangle += chunk.triangles;
+    plan.triangle_end = next.triangle;
     next.polygon += chunk.polygons;
     next.block += chunk.blocks.size();
     next.material += chunk.materials.size();
@@ -843,29 +1017,36 @@ ObjReadResult parse_text(std::string_view text, const std::filesystem::path& pat
   mesh.normals.resize(static_cast<std::size_t>(next.normal));
   mesh.triangles.resize(static_cast<std::size_t>(triangle_total));
   mesh.triangle_materials.resize(static_cast<std::size_t>(triangle_total));
-  std::vector<std::array<float, 3>> vertex_colors;
-  if (has_colors) {
-    // A vertex written without a colour in a file with colours is white.
-    vertex_colors.assign(static_cast<std::size_t>(next.position), {1.0f, 1.0f, 1.0f});
-  }
+  std::vector<std::vector<std::pair<std::uint64_t, std::array<float, 3>>>> colors(
+      static_cast<std::size_t>(chunks));
   std::vector<PolygonRecord> polygons(static_cast<std::size_t>(polygon_total));
   ParseTargets targets;
   targets.mesh = &mesh;
-  targets.vertex_colors = &vertex_colors;
+  targets.colors = &colors;
   targets.polygons = &polygons;
   targets.block_objects = &block_objects;
   targets.usemtl_materials = &usemtl_materials;
   targets.policy = FacePolicy{options.quads, options.polygons};
   targets.prefix = prefix;
+  targets.text_end = text.data() + text.size();
   pool.for_chunks(chunks, 1, [&](std::uint64_t c, std::uint64_t, std::uint64_t) {
-    ChunkParser parser(targets, plans[static_cast<std::size_t>(c)]);
+    ChunkParser parser(targets, plans[static_cast<std::size_t>(c)], static_cast<std::size_t>(c));
     parser.parse(text.data() + starts[static_cast<std::size_t>(c)], text.data() + chunk_end(c));
   });
 
   if (mesh.triangles.empty()) {
     throw Error(prefix + "mesh has no faces: " + path_text);
   }
+  const bool has_colors =
+      std::any_of(colors.begin(), colors.end(), [](const auto& list) { return !list.empty(); });
   if (has_colors) {
+    // A vertex written without a colour in a file with colours is white.
+    std::vector<std::array<float, 3>> vertex_colors(mesh.positions.size(), {1.0f, 1.0f, 1.0f});
+    for (const auto& list : colors) {
+      for (const auto& [index, color] : list) {
+        vertex_colors[index] = color;
+      }
+    }
     mesh.colors.resize(mesh.triangles.size() * 3);
     for (std::size_t t = 0; t < mesh.triangles.size(); ++t) {
       for (std::size_t k = 0; k < 3; ++k) {
@@ -908,12 +1089,15 @@ ObjReadResult read_obj(const std::filesystem::path& path, const MeshReadOptions&
   if (size < 0) {
     throw Error("cannot read mesh file: " + format_path(path));
   }
-  std::string text(static_cast<std::size_t>(size), '\0');
-  const std::int64_t got = file.read_full(text.data(), text.size(), &error);
+  // Left uninitialised: the read fills every byte.
+  const auto bytes = static_cast<std::size_t>(size);
+  std::unique_ptr<char[]> buffer(new char[bytes]);
+  const std::int64_t got = file.read_full(buffer.get(), bytes, &error);
   if (got != size) {
     throw Error("cannot read mesh file: " + format_path(path));
   }
   file.close();
+  const std::string_view text(buffer.get(), bytes);
   if (options.on_text) {
     options.on_text(text);
   }

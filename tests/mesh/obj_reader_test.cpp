@@ -117,6 +117,9 @@ TEST(ObjReader, IndicesResolveRelativeToTheLinesBefore) {
   const auto r = parse(three + "f -3 -2 -1\nv 5 5 5\nf -1 -2 -3\nf +1 +-1 2\n");
   EXPECT_EQ(positions_of(r.mesh), (std::vector<Tri>{{0, 1, 2}, {3, 2, 1}, {0, 3, 1}}));
 
+  // Leading zeros, however many, are digits like any other.
+  EXPECT_EQ(positions_of(parse(three + "f 00000003 0000000002 000000000001\n").mesh),
+            (std::vector<Tri>{{2, 1, 0}}));
   EXPECT_EQ(failure("f 1 2 3\nv 0 0 0\n"), "dir/model.obj: vertex index out of range: 1");
   EXPECT_EQ(failure(three + "f 1 2 4\nv 0 0 1\n"), "dir/model.obj: vertex index out of range: 4");
   EXPECT_EQ(failure(three + "f 1 2 -4\n"), "dir/model.obj: vertex index out of range: -4");
@@ -185,6 +188,21 @@ TEST(ObjReader, FacesFollowTheTriangulationRule) {
                                                           {0, 2, 3},
                                                           {0, 3, 4}}));
   EXPECT_EQ(crossed.stats.polygons_inexact, 2u);
+}
+
+TEST(ObjReader, CornersAreCountedAlikeOnLongLines) {
+  // Corner tokens and comments at every offset of the counting blocks.
+  std::string text = "v 0 0 0\nv 1 0 0\nv 0 1 0\nv 1 1 0\nv 2 0 0\nvt 0 0\nvn 0 0 1\n";
+  std::vector<Tri> expected;
+  for (int pad = 0; pad < 40; ++pad) {
+    const std::string gap(static_cast<std::size_t>(pad), pad % 3 == 0 ? ' ' : '\t');
+    text += "f 1/1/1" + gap + " 2/1/1\v3/1/1" + gap + "\f#c 4 5 6\n";
+    text += "f" + gap + " 0000001//1  \r0000002//1 0000003//1 0000004//1 000000005//1" + gap + "\n";
+    text += "f 5 4 3" + gap + " #\n";
+    expected.insert(expected.end(), {{0, 1, 2}, {0, 1, 2}, {0, 2, 3}, {0, 3, 4}, {4, 3, 2}});
+  }
+  const auto r = parse(text);
+  EXPECT_EQ(positions_of(r.mesh), expected);
 }
 
 TEST(ObjReader, ComponentsAreCheckedAndRoundedCorrectly) {
