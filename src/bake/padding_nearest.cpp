@@ -22,8 +22,6 @@ constexpr std::uint64_t kFar = std::numeric_limits<std::uint64_t>::max();
 constexpr std::uint64_t kRowsPerBlock = 32;
 constexpr std::uint64_t kColumnsPerBlock = 32;
 
-__extension__ using Wide = __int128;
-
 // Pass 1 on one row: column of the nearest valid texel in the row and the
 // squared distance to it (kFar when the row has none).
 void nearest_in_row(std::int64_t w, const std::uint8_t* valid, std::uint32_t* column,
@@ -58,34 +56,38 @@ void nearest_in_row(std::int64_t w, const std::uint8_t* valid, std::uint32_t* co
 }
 
 // floor(a / b) for b > 0.
-std::int64_t floor_div(Wide a, Wide b) {
-  Wide q = a / b;
+std::int64_t floor_div(std::int64_t a, std::int64_t b) {
+  std::int64_t q = a / b;
   if (a % b != 0 && a < 0) {
     q -= 1;
   }
-  return static_cast<std::int64_t>(q);
+  return q;
 }
 
-// Pass 2 on one column: f[r] squared row distances (kFar: no valid texel in
-// row r), col[r] their columns. Writes the nearest texel and distance per row.
-void nearest_in_column(std::int64_t w, const std::uint64_t* f, const std::uint32_t* col,
-                       std::int64_t h, std::int64_t* rows, std::int64_t* starts,
+// Pass 2 on one column of a block: f[r * stride] squared row distances
+// (kFar: no valid texel in row r), col[r * stride] their columns. Writes the
+// nearest texel and its squared distance of every row, at the same stride.
+void nearest_in_column(std::int64_t w, std::int64_t h, std::size_t stride, const std::uint64_t* f,
+                       const std::uint32_t* col, std::int64_t* rows, std::int64_t* starts,
                        std::uint32_t* out_nearest, std::uint64_t* out_distance2) {
   // rows[0..n) are the parabolas of the envelope; starts[k] is the first
   // integer row at which rows[k] is the winner.
   std::int64_t n = 0;
   for (std::int64_t q = 0; q < h; ++q) {
-    if (f[q] == kFar) {
+    const std::uint64_t fq = f[static_cast<std::size_t>(q) * stride];
+    if (fq == kFar) {
       continue;
     }
     std::int64_t start = std::numeric_limits<std::int64_t>::min();
     while (n > 0) {
       const std::int64_t v = rows[n - 1];
+      const std::uint64_t fv = f[static_cast<std::size_t>(v) * stride];
       // q is strictly nearer than v at row y exactly when
-      // y > ((f[q] + q^2) - (f[v] + v^2)) / (2 (q - v)).
-      const Wide numerator = (static_cast<Wide>(f[q]) + static_cast<Wide>(q) * q) -
-                             (static_cast<Wide>(f[v]) + static_cast<Wide>(v) * v);
-      start = floor_div(numerator, static_cast<Wide>(2) * (q - v)) + 1;
+      // y > ((f[q] + q^2) - (f[v] + v^2)) / (2 (q - v)). With W * H < 2^32
+      // each side is at most (W - 1)^2 + (H - 1)^2 < 2^63: 64 bits suffice.
+      const auto numerator = static_cast<std::int64_t>(fq + static_cast<std::uint64_t>(q * q)) -
+                             static_cast<std::int64_t>(fv + static_cast<std::uint64_t>(v * v));
+      start = floor_div(numerator, 2 * (q - v)) + 1;
       if (start <= starts[n - 1]) {
         --n;  // v never wins
         start = std::numeric_limits<std::int64_t>::min();
@@ -99,20 +101,43 @@ void nearest_in_column(std::int64_t w, const std::uint64_t* f, const std::uint32
   }
   std::int64_t k = 0;
   for (std::int64_t y = 0; y < h; ++y) {
+    const std::size_t at = static_cast<std::size_t>(y) * stride;
     if (n == 0) {
-      out_nearest[y] = NearestValid::kNone;
-      out_distance2[y] = kFar;
+      out_nearest[at] = NearestValid::kNone;
+      out_distance2[at] = kFar;
       continue;
     }
     while (k + 1 < n && starts[k + 1] <= y) {
       ++k;
     }
     const std::int64_t r = rows[k];
+    const std::size_t from = static_cast<std::size_t>(r) * stride;
     const auto dy = static_cast<std::uint64_t>(y > r ? y - r : r - y);
-    out_nearest[y] = static_cast<std::uint32_t>(r * w + col[r]);
-    out_distance2[y] = f[r] + dy * dy;
+    out_nearest[at] = static_cast<std::uint32_t>(r * w + col[from]);
+    out_distance2[at] = f[from] + dy * dy;
   }
 }
+
+struct ColumnScratch {
+  std::vector<std::uint64_t> f;
+  std::vector<std::uint32_t> col;
+  std::vector<std::int64_t> envelope_rows;
+  std::vector<std::int64_t> starts;
+  std::vector<std::uint32_t> out_nearest;
+  std::vector<std::uint64_t> out_distance2;
+  void resize(std::size_t block, std::size_t rows) {
+    if (f.size() < block) {
+      f.resize(block);
+      col.resize(block);
+      out_nearest.resize(block);
+      out_distance2.resize(block);
+    }
+    if (starts.size() < rows) {
+      envelope_rows.resize(rows);
+      starts.resize(rows);
+    }
+  }
+};
 
 }  // namespace
 
@@ -135,37 +160,32 @@ NearestValid nearest_valid_texels(std::int32_t width, std::int32_t height,
                     }
                   });
 
-  // Columns are independent; a block of them is gathered row by row so that
-  // memory is read in runs.
+  // Columns are independent. A block of them is copied out row by row (runs
+  // of memory, one page per row for the whole block, instead of one per row
+  // and column) and solved in that row-major layout.
   pool.for_chunks(static_cast<std::uint64_t>(w), kColumnsPerBlock,
                   [&](std::uint64_t, std::uint64_t x0, std::uint64_t x1) {
                     const auto span = static_cast<std::size_t>(x1 - x0);
                     const auto rows_n = static_cast<std::size_t>(h);
-                    std::vector<std::uint64_t> f(span * rows_n);
-                    std::vector<std::uint32_t> col(span * rows_n);
+                    // Reused per thread: fresh buffers of this size would be
+                    // mapped and faulted in for every block.
+                    thread_local ColumnScratch scratch;
+                    scratch.resize(span * rows_n, rows_n);
                     for (std::size_t y = 0; y < rows_n; ++y) {
-                      for (std::size_t c = 0; c < span; ++c) {
-                        const std::size_t i = y * static_cast<std::size_t>(w) + x0 + c;
-                        f[c * rows_n + y] = distance2[i];
-                        col[c * rows_n + y] = nearest[i];
-                      }
+                      const std::size_t i = y * static_cast<std::size_t>(w) + x0;
+                      std::copy_n(distance2 + i, span, scratch.f.data() + y * span);
+                      std::copy_n(nearest + i, span, scratch.col.data() + y * span);
                     }
-                    std::vector<std::int64_t> envelope_rows(rows_n);
-                    std::vector<std::int64_t> starts(rows_n);
-                    std::vector<std::uint32_t> out_nearest(span * rows_n);
-                    std::vector<std::uint64_t> out_distance2(span * rows_n);
                     for (std::size_t c = 0; c < span; ++c) {
-                      nearest_in_column(w, f.data() + c * rows_n, col.data() + c * rows_n, h,
-                                        envelope_rows.data(), starts.data(),
-                                        out_nearest.data() + c * rows_n,
-                                        out_distance2.data() + c * rows_n);
+                      nearest_in_column(w, h, span, scratch.f.data() + c, scratch.col.data() + c,
+                                        scratch.envelope_rows.data(), scratch.starts.data(),
+                                        scratch.out_nearest.data() + c,
+                                        scratch.out_distance2.data() + c);
                     }
                     for (std::size_t y = 0; y < rows_n; ++y) {
-                      for (std::size_t c = 0; c < span; ++c) {
-                        const std::size_t i = y * static_cast<std::size_t>(w) + x0 + c;
-                        nearest[i] = out_nearest[c * rows_n + y];
-                        distance2[i] = out_distance2[c * rows_n + y];
-                      }
+                      const std::size_t i = y * static_cast<std::size_t>(w) + x0;
+                      std::copy_n(scratch.out_distance2.data() + y * span, span, distance2 + i);
+                      std::copy_n(scratch.out_nearest.data() + y * span, span, nearest + i);
                     }
                   });
   return result;
