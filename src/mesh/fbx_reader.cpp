@@ -1,0 +1,312 @@
+#include "mesh/fbx_reader.h"
+
+#include <assimp/config.h>
+#include <assimp/material.h>
+#include <assimp/scene.h>
+#include <assimp/Importer.hpp>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "core/error.h"
+#include "core/parallel.h"
+#include "mesh/mesh_format.h"
+#include "mesh/triangulate.h"
+#include "platform/platform.h"
+
+namespace kv {
+namespace {
+
+constexpr std::uint64_t kMaxElements = 2147483647;
+
+// Row-major 4x4 matrix acting on column vectors, as Assimp stores it.
+using Mat4 = std::array<std::array<double, 4>, 4>;
+
+Mat4 to_mat4(const aiMatrix4x4& m) {
+  return {{{m.a1, m.a2, m.a3, m.a4},
+           {m.b1, m.b2, m.b3, m.b4},
+           {m.c1, m.c2, m.c3, m.c4},
+           {m.d1, m.d2, m.d3, m.d4}}};
+}
+
+Mat4 multiply(const Mat4& a, const Mat4& b) {
+  Mat4 r{};
+  for (int i = 0; i < 4; ++i) {
+    for (int j = 0; j < 4; ++j) {
+      double sum = 0.0;
+      for (int k = 0; k < 4; ++k) {
+        sum += a[i][k] * b[k][j];
+      }
+      r[i][j] = sum;
+    }
+  }
+  return r;
+}
+
+class FbxReader {
+ public:
+  FbxReader(const std::filesystem::path& path, const aiScene& scene, const FacePolicy& policy)
+      : path_(path), prefix_(path.string() + ": "), scene_(scene), policy_(policy) {}
+
+  Mesh read(const WorkerPool& pool, MeshStats& stats);
+
+ private:
+  [[noreturn]] void fail(const std::string& message) const { throw Error(prefix_ + message); }
+
+  void add_node(const aiNode& node, const Mat4& world);
+  void add_mesh(const aiMesh& source, const Mat4& world, std::uint32_t object);
+  std::uint32_t material_index(unsigned int material);
+
+  const std::filesystem::path& path_;
+  std::string prefix_;
+  const aiScene& scene_;
+  FacePolicy policy_;
+  Mesh mesh_;
+  UniqueNames object_names_;
+  std::unordered_map<std::string, std::uint32_t> material_lookup_;
+  std::vector<PolygonRecord> polygons_;
+  std::uint64_t quads_split_ = 0;
+};
+
+std::uint32_t FbxReader::material_index(unsigned int material) {
+  std::string name = "default";
+  if (material < scene_.mNumMaterials && scene_.mMaterials[material] != nullptr) {
+    aiString text;
+    if (scene_.mMaterials[material]->Get(AI_MATKEY_NAME, text) == aiReturn_SUCCESS &&
+        text.length > 0) {
+      name = text.C_Str();
+    } else {
+      name = "material " + std::to_string(material);
+    }
+  }
+  const auto [it, added] =
+      material_lookup_.emplace(name, static_cast<std::uint32_t>(mesh_.materials.size()));
+  if (added) {
+    mesh_.materials.push_back(name);
+  }
+  return it->second;
+}
+
+// Appends one mesh's polygons, its vertices placed by `world`.
+void FbxReader::add_mesh(const aiMesh& source, const Mat4& world, std::uint32_t object) {
+  const std::string what = "mesh '" + std::string(source.mName.C_Str()) + "'";
+  const double det = world[0][0] * (world[1][1] * world[2][2] - world[1][2] * world[2][1]) -
+                     world[0][1] * (world[1][0] * world[2][2] - world[1][2] * world[2][0]) +
+                     world[0][2] * (world[1][0] * world[2][1] - world[1][1] * world[2][0]);
+  const bool mirrored = det < 0;
+
+  const std::uint64_t position_base = mesh_.positions.size();
+  for (unsigned int v = 0; v < source.mNumVertices; ++v) {
+    const aiVector3D& s = source.mVertices[v];
+    std::array<float, 3> p{};
+    for (int r = 0; r < 3; ++r) {
+      p[static_cast<std::size_t>(r)] = static_cast<float>(world[r][0] * s.x + world[r][1] * s.y +
+                                                          world[r][2] * s.z + world[r][3]);
+      if (!std::isfinite(p[static_cast<std::size_t>(r)])) {
+        fail(what + " has the position " + std::to_string(v) + ", which is not finite");
+      }
+    }
+    mesh_.positions.push_back(p);
+  }
+
+  const bool has_normals = source.mNormals != nullptr;
+  const std::uint64_t normal_base = mesh_.normals.size();
+  if (has_normals) {
+    // Normals go through the inverse transpose: the cofactor matrix, its sign
+    // restored for mirroring transforms.
+    double cof[3][3];
+    for (int r = 0; r < 3; ++r) {
+      for (int c = 0; c < 3; ++c) {
+        const int r1 = (r + 1) % 3, r2 = (r + 2) % 3, c1 = (c + 1) % 3, c2 = (c + 2) % 3;
+        cof[r][c] = (world[r1][c1] * world[r2][c2] - world[r1][c2] * world[r2][c1]) *
+                    (mirrored ? -1.0 : 1.0);
+      }
+    }
+    for (unsigned int v = 0; v < source.mNumVertices; ++v) {
+      const aiVector3D& n = source.mNormals[v];
+      std::array<float, 3> t{};
+      for (int r = 0; r < 3; ++r) {
+        t[static_cast<std::size_t>(r)] =
+            static_cast<float>(cof[r][0] * n.x + cof[r][1] * n.y + cof[r][2] * n.z);
+      }
+      // The OBJ reader's float32 normalisation, so both sources agree.
+      const float xx = t[0] * t[0];
+      const float yy = t[1] * t[1];
+      const float zz = t[2] * t[2];
+      const float length = std::sqrt((xx + yy) + zz);
+      if (!(length > 0.0f) || !std::isfinite(length)) {
+        fail(what + " has the normal " + std::to_string(v) + ", which has no direction");
+      }
+      const float inverse = 1.0f / length;
+      mesh_.normals.push_back({t[0] * inverse, t[1] * inverse, t[2] * inverse});
+    }
+  }
+
+  const bool has_uvs = source.mTextureCoords[0] != nullptr;
+  const std::uint64_t uv_base = mesh_.uvs.size();
+  if (has_uvs) {
+    for (unsigned int v = 0; v < source.mNumVertices; ++v) {
+      const aiVector3D& t = source.mTextureCoords[0][v];
+      if (!std::isfinite(t.x) || !std::isfinite(t.y)) {
+        fail(what + " has the texture coordinate " + std::to_string(v) + ", which is not finite");
+      }
+      mesh_.uvs.push_back({static_cast<double>(t.x), static_cast<double>(t.y)});
+    }
+  }
+
+  const std::uint32_t material = material_index(source.mMaterialIndex);
+  std::vector<unsigned int> corners;
+  for (unsigned int f = 0; f < source.mNumFaces; ++f) {
+    const aiFace& face = source.mFaces[f];
+    if (face.mNumIndices < 3) {
+      continue;  // points and lines carry no faces
+    }
+    check_face(face.mNumIndices, policy_, prefix_);
+    // A mirroring transform turns the winding around: the corners are taken
+    // in reverse from corner 0, which keeps a quad's split diagonal.
+    corners.assign(face.mIndices, face.mIndices + face.mNumIndices);
+    if (mirrored) {
+      std::reverse(corners.begin() + 1, corners.end());
+    }
+    for (unsigned int i : corners) {
+      if (i >= source.mNumVertices) {
+        fail(what + " has a face with the vertex index " + std::to_string(i) + ", but only " +
+             std::to_string(source.mNumVertices) + " vertices");
+      }
+    }
+    const std::size_t n = corners.size();
+    if (n == 4) {
+      ++quads_split_;
+    } else if (n >= 5) {
+      polygons_.push_back({mesh_.triangles.size(), static_cast<std::uint32_t>(n)});
+    }
+    for (std::size_t t = 0; t < face_triangle_count(n); ++t) {
+      const LocalTriangle local = face_triangle(n, t);
+      Triangle tri;
+      for (std::size_t k = 0; k < 3; ++k) {
+        const unsigned int i = corners[local[k]];
+        tri.corners[k].position = static_cast<std::uint32_t>(position_base + i);
+        tri.corners[k].uv = has_uvs ? static_cast<std::int32_t>(uv_base + i) : -1;
+        tri.corners[k].normal = has_normals ? static_cast<std::int32_t>(normal_base + i) : -1;
+      }
+      tri.object = object;
+      mesh_.triangles.push_back(tri);
+      mesh_.triangle_materials.push_back(material);
+    }
+  }
+  if (mesh_.positions.size() > kMaxElements || mesh_.normals.size() > kMaxElements ||
+      mesh_.uvs.size() > kMaxElements || mesh_.triangles.size() > kMaxElements) {
+    fail("too many elements");
+  }
+}
+
+void FbxReader::add_node(const aiNode& node, const Mat4& world) {
+  if (node.mNumMeshes == 0) {
+    return;
+  }
+  std::string base = node.mName.C_Str();
+  const auto object = static_cast<std::uint32_t>(mesh_.objects.size());
+  const std::size_t triangles_before = mesh_.triangles.size();
+  for (unsigned int k = 0; k < node.mNumMeshes; ++k) {
+    const unsigned int index = node.mMeshes[k];
+    if (index >= scene_.mNumMeshes || scene_.mMeshes[index] == nullptr) {
+      fail("node '" + base + "' refers to mesh " + std::to_string(index) +
+           ", which does not exist");
+    }
+    const aiMesh& source = *scene_.mMeshes[index];
+    if (base.empty()) {
+      base = source.mName.C_Str();
+    }
+    add_mesh(source, world, object);
+  }
+  if (mesh_.triangles.size() != triangles_before) {
+    mesh_.objects.push_back(object_names_.make_unique(base.empty() ? "node" : base));
+  }
+}
+
+Mesh FbxReader::read(const WorkerPool& pool, MeshStats& stats) {
+  if (scene_.mRootNode == nullptr) {
+    fail("the file holds no scene");
+  }
+  // Depth first, children in their stored order, without recursion.
+  struct Pending {
+    const aiNode* node;
+    Mat4 parent;
+  };
+  Mat4 identity{};
+  for (int i = 0; i < 4; ++i) {
+    identity[i][i] = 1.0;
+  }
+  std::vector<Pending> stack = {{scene_.mRootNode, identity}};
+  while (!stack.empty()) {
+    const Pending next = stack.back();
+    stack.pop_back();
+    const Mat4 world = multiply(next.parent, to_mat4(next.node->mTransformation));
+    for (const auto& row : world) {
+      for (double v : row) {
+        if (!std::isfinite(v)) {
+          fail("node '" + std::string(next.node->mName.C_Str()) +
+               "' has a transform that is not finite");
+        }
+      }
+    }
+    add_node(*next.node, world);
+    for (unsigned int c = next.node->mNumChildren; c-- > 0;) {
+      if (next.node->mChildren[c] != nullptr) {
+        stack.push_back({next.node->mChildren[c], world});
+      }
+    }
+  }
+  if (mesh_.triangles.empty()) {
+    fail("mesh has no faces");
+  }
+  stats.quads_split = quads_split_;
+  stats.polygons_inexact = retriangulate_polygons(mesh_, polygons_, &pool);
+  return std::move(mesh_);
+}
+
+}  // namespace
+
+Mesh read_fbx(const std::filesystem::path& path, const MeshReadOptions& options, MeshStats* stats) {
+  int error = 0;
+  const std::optional<std::string> bytes = platform::read_file(path, &error);
+  if (!bytes) {
+    throw Error("cannot open mesh file: " + path.string());
+  }
+  Assimp::Importer importer;
+  // Pivots evaluated into the node transforms, so every mesh hangs below the
+  // node that names it; only geometry and material names are wanted.
+  importer.SetPropertyBool(AI_CONFIG_IMPORT_FBX_PRESERVE_PIVOTS, false);
+  importer.SetPropertyBool(AI_CONFIG_IMPORT_FBX_READ_TEXTURES, false);
+  importer.SetPropertyBool(AI_CONFIG_IMPORT_FBX_READ_ANIMATIONS, false);
+  importer.SetPropertyBool(AI_CONFIG_IMPORT_FBX_READ_CAMERAS, false);
+  importer.SetPropertyBool(AI_CONFIG_IMPORT_FBX_READ_LIGHTS, false);
+  // No post-processing: polygons arrive as stored and our own rule splits them.
+  const aiScene* scene = importer.ReadFileFromMemory(bytes->data(), bytes->size(), 0, "fbx");
+  if (scene == nullptr) {
+    std::string reason = importer.GetErrorString();
+    while (!reason.empty() && (reason.back() == '\n' || reason.back() == ' ')) {
+      reason.pop_back();
+    }
+    throw Error(path.string() + ": not a readable FBX file" +
+                (reason.empty() ? "" : ": " + reason));
+  }
+  FacePolicy policy;
+  policy.quads = options.quads;
+  policy.polygons = options.polygons;
+  MeshStats local;
+  WorkerPool pool(options.threads);
+  FbxReader reader(path, *scene, policy);
+  Mesh mesh = reader.read(pool, local);
+  if (stats != nullptr) {
+    *stats = local;
+  }
+  return mesh;
+}
+
+}  // namespace kv

@@ -1,0 +1,43 @@
+// Turning a mesh path into a Mesh: the format is sniffed from the file's first
+// bytes and its extension, then the matching reader runs.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <unordered_set>
+
+#include "mesh/mesh.h"
+#include "mesh/obj_reader.h"
+
+namespace kv {
+
+enum class MeshFormat : int { Obj = 0, Kvm = 1, Gltf = 2, Fbx = 3 };
+
+// Decides by content first (the .kvm magic), then by extension (.gltf, .glb,
+// .fbx, any case), then by content again ("glTF", "Kaydara FBX Binary").
+// Everything else, a file that cannot be opened included, is OBJ: the OBJ
+// reader then reports the file's real problem.
+MeshFormat sniff_mesh_format(const std::filesystem::path& path);
+
+// Sniffs the format and reads the file with the matching reader. `stats`,
+// when given, receives the reader's counters (all 0 for .kvm). Throws the
+// reader's kv::Error.
+Mesh read_mesh(const std::filesystem::path& path, const MeshReadOptions& options,
+               MeshStats* stats = nullptr);
+
+// The warning line for polygons left as their fan after a read of `path`:
+// "korvane: warning: <count> faces of <path> could not be triangulated exactly\n".
+std::string inexact_polygons_warning(std::uint64_t count, const std::filesystem::path& path);
+
+// Names made unique in the order they are met: the first keeps its name, a
+// repeat becomes "<name>.1", "<name>.2", ... (the first suffix not yet taken).
+class UniqueNames {
+ public:
+  std::string make_unique(const std::string& base);
+
+ private:
+  std::unordered_set<std::string> taken_;
+};
+
+}  // namespace kv
