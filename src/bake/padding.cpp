@@ -2,6 +2,7 @@
 #include "bake/padding.h"
 
 #include <limits>
+#include <new>
 #include <string>
 
 #include "bake/padding_texels.h"
@@ -19,6 +20,18 @@ std::vector<std::uint8_t> copy_valid(std::span<const std::uint8_t> valid) {
     mask[i] = valid[i] != 0 ? 1 : 0;
   }
   return mask;
+}
+
+// Runs fn, turning an allocation failure into the program's OutOfMemory
+// with the size of the image that needed it.
+template <typename Fn>
+std::vector<std::uint8_t> guard_memory(std::int32_t width, std::int32_t height, Fn&& fn) {
+  try {
+    return fn();
+  } catch (const std::bad_alloc&) {
+    throw OutOfMemory("padding: out of memory for a " + std::to_string(width) + " x " +
+                      std::to_string(height) + " image");
+  }
 }
 
 // W * H of the declared sizes, or none when a side is negative.
@@ -54,14 +67,18 @@ std::vector<std::uint8_t> pad_image(const ImageView& image, std::span<const std:
   }
   switch (settings.mode) {
     case PaddingMode::passthrough:
-      return copy_valid(valid);
+      return guard_memory(image.width, image.height, [&] { return copy_valid(valid); });
     case PaddingMode::ring:
-      return padding_detail::ring_fill(image, valid, settings.width, settings.srgb, pool);
+      return guard_memory(image.width, image.height, [&] {
+        return padding_detail::ring_fill(image, valid, settings.width, settings.srgb, pool);
+      });
     case PaddingMode::infinite:
     case PaddingMode::transparent:
     case PaddingMode::color:
     case PaddingMode::diffusion:
-      return padding_detail::nearest_fill(image, valid, settings, pool);
+      return guard_memory(image.width, image.height, [&] {
+        return padding_detail::nearest_fill(image, valid, settings, pool);
+      });
   }
   throw Error("padding: unknown padding mode " + std::to_string(static_cast<int>(settings.mode)));
 }
@@ -89,7 +106,8 @@ std::vector<std::uint8_t> dilate_mean(MapU16& map, std::span<const std::uint8_t>
   }
   const ImageView image{map.width, map.height, map.channels, ComponentType::u16,
                         std::as_writable_bytes(std::span(map.codes))};
-  return padding_detail::ring_fill(image, valid, width, false, pool);
+  return guard_memory(map.width, map.height,
+                      [&] { return padding_detail::ring_fill(image, valid, width, false, pool); });
 }
 
 std::vector<std::uint8_t> dilate_mean(MapU16& map, std::span<const std::uint8_t> valid,
@@ -107,7 +125,8 @@ std::vector<std::uint8_t> dilate_mean_image(const ImageView& image,
           static_cast<std::uint64_t>(image.width) * static_cast<std::uint64_t>(image.height)) {
     throw Error(kImageMismatch);
   }
-  return padding_detail::ring_fill(image, valid, width, srgb, pool);
+  return guard_memory(image.width, image.height,
+                      [&] { return padding_detail::ring_fill(image, valid, width, srgb, pool); });
 }
 
 }  // namespace kv
