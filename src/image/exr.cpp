@@ -204,12 +204,16 @@ void write_file(const std::filesystem::path& path, const Layout& layout, FillLin
   const auto height = static_cast<std::uint64_t>(layout.height);
   const std::uint64_t chunk_bytes = layout.scanline_bytes + 8;
   const std::uint64_t first_chunk = head.size() + 8 * height;
-  head.reserve(static_cast<std::size_t>(first_chunk));
-  for (std::uint64_t y = 0; y < height; ++y) {
-    put_u64(head, first_chunk + y * chunk_bytes);
-  }
 
   TempFile temp = TempFile::create(path, "Cannot write EXR " + path.string() + ": ");
+  // The offset table goes out in pieces of at most a buffer, like the chunks.
+  for (std::uint64_t y = 0; y < height; ++y) {
+    put_u64(head, first_chunk + y * chunk_bytes);
+    if (head.size() >= kBufferBytes) {
+      temp.write(head);
+      head.clear();
+    }
+  }
   temp.write(head);
   head = std::string();
 

@@ -271,6 +271,15 @@ TEST(ExrWriter, ChunkBuffersSplitAtWholeLines) {
   const std::vector<std::uint16_t> wide = random_codes(1100000 * 2, 6);
   writeExr(dir / "wide.exr", 1100000, 2, 1, wide, kExrFloat);
   expect_codes_in_file(dir / "wide.exr", 1100000, 2, 1, wide, kExrFloat);
+
+  // A tall map whose offset table alone is larger than a buffer.
+  const std::vector<std::uint16_t> tall = random_codes(600000, 8);
+  writeExr(dir / "tall.exr", 1, 600000, 1, tall, kExrHalf);
+  expect_codes_in_file(dir / "tall.exr", 1, 600000, 1, tall, kExrHalf);
+  const std::string tall_bytes = bytes_of(dir / "tall.exr");
+  const std::size_t tall_header = 313 - 2 * 18;  // one channel instead of three
+  ASSERT_EQ(tall_bytes.size(), tall_header + 600000 * 8 + 600000 * 10u);
+  EXPECT_EQ(u64_at(tall_bytes, tall_header + 8 * 599999), tall_header + 600000 * 8 + 599999 * 10u);
 }
 
 TEST(ExrWriter, ValidationReasonsInOrder) {
