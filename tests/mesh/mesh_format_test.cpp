@@ -1,0 +1,264 @@
+#include "mesh/mesh_format.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "core/error.h"
+#include "mesh/fbx_test_scene.h"
+#include "mesh/gltf_test_builder.h"
+#include "mesh/kvm_file.h"
+#include "support/test_support.h"
+
+namespace kv {
+namespace {
+
+using test::ScratchDir;
+
+const std::string kMagic("KVMESH1\0", 8);
+
+MeshFormat sniff_bytes(const ScratchDir& dir, const std::string& name, const std::string& bytes) {
+  test::write_text_file(dir / name, bytes);
+  return sniff_mesh_format(dir / name);
+}
+
+TEST(MeshFormat, SniffsContentThenExtensionThenContent) {
+  ScratchDir dir;
+  // The .kvm magic wins over any extension.
+  EXPECT_EQ(sniff_bytes(dir, "x.obj", kMagic + "rest"), MeshFormat::Kvm);
+  EXPECT_EQ(sniff_bytes(dir, "x.glb", kMagic), MeshFormat::Kvm);
+  EXPECT_EQ(sniff_bytes(dir, "short.kvm", "KVMESH1"), MeshFormat::Obj);
+  EXPECT_EQ(sniff_bytes(dir, "space.kvm", "KVMESH1 "), MeshFormat::Obj);
+  EXPECT_EQ(sniff_bytes(dir, "x.kvm", "v 0 0 0\n"), MeshFormat::Obj);
+  // Extensions, in any case.
+  EXPECT_EQ(sniff_bytes(dir, "a.GLB", "v 0 0 0\n"), MeshFormat::Gltf);
+  EXPECT_EQ(sniff_bytes(dir, "a.glTF", ""), MeshFormat::Gltf);
+  EXPECT_EQ(sniff_bytes(dir, "a.FbX", "; FBX 7.4.0 project file"), MeshFormat::Fbx);
+  EXPECT_EQ(sniff_bytes(dir, ".glb", "v 0 0 0\n"), MeshFormat::Gltf);
+  EXPECT_EQ(sniff_bytes(dir, "a.fbx.obj", "v 0 0 0\n"), MeshFormat::Obj);
+  // Signatures when the extension says nothing.
+  EXPECT_EQ(sniff_bytes(dir, "noext", "glTF"), MeshFormat::Gltf);
+  EXPECT_EQ(sniff_bytes(dir, "x.kvm", "glTF\x02"), MeshFormat::Gltf);
+  EXPECT_EQ(sniff_bytes(dir, "three", "glT"), MeshFormat::Obj);
+  EXPECT_EQ(sniff_bytes(dir, "b.mesh", "Kaydara FBX Binary"), MeshFormat::Fbx);
+  EXPECT_EQ(sniff_bytes(dir, "c.mesh", std::string("Kaydara FBX Binary  \0\x1a\0", 23)),
+            MeshFormat::Fbx);
+  EXPECT_EQ(sniff_bytes(dir, "d.mesh", "Kaydara FBX Binar"), MeshFormat::Obj);
+  EXPECT_EQ(sniff_bytes(dir, "e.mesh", "kaydara FBX Binary"), MeshFormat::Obj);
+  // Files that cannot be read go to the OBJ reader, which names the problem.
+  EXPECT_EQ(sniff_mesh_format(dir / "missing"), MeshFormat::Obj);
+  EXPECT_EQ(sniff_mesh_format(dir / "missing.glb"), MeshFormat::Gltf);
+  std::filesystem::create_directories(dir / "folder.fbx.d");
+  EXPECT_EQ(sniff_mesh_format(dir / "folder.fbx.d"), MeshFormat::Obj);
+  // Only the last component has an extension; "." and ".." have none.
+  std::filesystem::create_directories(dir / "model.glb");
+  test::write_text_file(dir / "model.glb" / "plain", "v 0 0 0\n");
+  EXPECT_EQ(sniff_mesh_format(dir / "model.glb" / "plain"), MeshFormat::Obj);
+  EXPECT_EQ(sniff_mesh_format(dir / "model.glb" / ".."), MeshFormat::Obj);
+  EXPECT_EQ(sniff_mesh_format("dir.fbx/."), MeshFormat::Obj);
+  EXPECT_EQ(sniff_mesh_format("dir.obj\\x.GLTF"), MeshFormat::Gltf);
+}
+
+TEST(MeshFormat, ReadMeshDispatchesAndFillsTheCounters) {
+  ScratchDir dir;
+  const std::string obj = "o Plate\nv 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\nusemtl paint\nf 1 2 3 4\n";
+  test::write_text_file(dir / "plate.kvm", obj);  // named .kvm, but OBJ text
+  MeshStats stats;
+  Mesh from_obj = read_mesh(dir / "plate.kvm", MeshReadOptions{}, &stats);
+  EXPECT_EQ(stats.quads_split, 1u);
+  EXPECT_EQ(from_obj.triangles.size(), 2u);
+  EXPECT_EQ(from_obj.objects, std::vector<std::string>{"Plate"});
+
+  write_kvm(dir / "plate.bin", from_obj, kKvmUvDouble | kKvmNormalsAsIs);
+  EXPECT_EQ(sniff_mesh_format(dir / "plate.bin"), MeshFormat::Kvm);
+  const Mesh from_kvm = read_mesh(dir / "plate.bin", MeshReadOptions{}, &stats);
+  EXPECT_EQ(stats.quads_split, 0u);
+  EXPECT_EQ(from_kvm.positions, from_obj.positions);
+  EXPECT_TRUE(from_kvm.materials.empty());
+
+  MeshReadOptions reject;
+  reject.quads = QuadPolicy::reject;
+  try {
+    read_mesh(dir / "plate.kvm", reject);
+    FAIL() << "the OBJ reader did not get the options";
+  } catch (const Error& e) {
+    EXPECT_EQ(std::string(e.what()),
+              (dir / "plate.kvm").string() +
+                  ": quad face, but quads are set to be rejected; triangulate the mesh before "
+                  "export");
+  }
+  // A .kvm file refused by its reader keeps the reader's message.
+  test::write_text_file(dir / "bad.obj", kMagic + std::string(48, '\0'));
+  try {
+    read_mesh(dir / "bad.obj", MeshReadOptions{});
+    FAIL() << "read a damaged .kvm";
+  } catch (const Error& e) {
+    EXPECT_EQ(std::string(e.what()), (dir / "bad.obj").string() + ": unsupported .kvm version 0");
+  }
+  EXPECT_THROW(read_mesh(dir / "absent.obj", MeshReadOptions{}), Error);
+}
+
+// The same two-object mesh written as OBJ, glTF and FBX.
+struct Source {
+  std::vector<std::array<float, 3>> positions = {{0, 0, 0}, {1, 0, 0},    {1, 1, 0},
+                                                 {0, 1, 0}, {2, 0, 0.5f}, {3, 0.25f, 1}};
+  std::vector<std::array<float, 3>> normals = {{0, 0.6f, 0.8f}, {0, 0, 1}, {0.6f, 0, 0.8f},
+                                               {0, 0, 1},       {1, 2, 2}, {0, -1, 0}};
+  std::vector<std::array<float, 2>> uvs = {{0, 0},    {0.5f, 0},       {0.5f, 0.5f},
+                                           {0, 0.5f}, {0.75f, 0.125f}, {1, 0.25f}};
+};
+
+std::string as_obj(const Source& s) {
+  std::string text = "mtllib parts.mtl\n";
+  for (std::size_t i = 0; i < s.positions.size(); ++i) {
+    const auto& p = s.positions[i];
+    const auto& n = s.normals[i];
+    const auto& t = s.uvs[i];
+    text += "v " + std::to_string(p[0]) + " " + std::to_string(p[1]) + " " + std::to_string(p[2]) +
+            "\nvn " + std::to_string(n[0]) + " " + std::to_string(n[1]) + " " +
+            std::to_string(n[2]) + "\nvt " + std::to_string(t[0]) + " " + std::to_string(t[1]) +
+            "\n";
+  }
+  text += "o Plate\nusemtl paint\nf 1/1/1 2/2/2 3/3/3 4/4/4\n";
+  text += "o Spike\nusemtl metal\nf 2/2/2 5/5/5 6/6/6\n";
+  return text;
+}
+
+std::string as_gltf(const Source& s) {
+  test::GltfBuilder b;
+  std::vector<float> p, n, t;
+  for (std::size_t i = 0; i < s.positions.size(); ++i) {
+    p.insert(p.end(), s.positions[i].begin(), s.positions[i].end());
+    n.insert(n.end(), s.normals[i].begin(), s.normals[i].end());
+    t.push_back(s.uvs[i][0]);
+    t.push_back(1.0f - s.uvs[i][1]);  // glTF's v runs downwards
+  }
+  const int pa = b.vec3(p), na = b.vec3(n), ta = b.vec2(t);
+  b.doc["materials"] = {{{"name", "paint"}}, {{"name", "metal"}}};
+  // The quad as the two triangles of the face rule.
+  b.mesh("PlateMesh", pa, na, ta, b.indices_u32({0, 1, 3, 1, 2, 3}), 4, 0);
+  b.mesh("SpikeMesh", pa, na, ta, b.indices_u32({1, 4, 5}), 4, 1);
+  b.scene({b.node({{"name", "Plate"}, {"mesh", 0}}), b.node({{"name", "Spike"}, {"mesh", 1}})});
+  return b.glb_bytes();
+}
+
+std::vector<test::FbxPart> as_fbx(const Source& s) {
+  test::FbxPart plate;
+  plate.name = "Plate";
+  plate.material = "paint";
+  test::FbxPart spike;
+  spike.name = "Spike";
+  spike.material = "metal";
+  for (int i : {0, 1, 2, 3}) {
+    plate.positions.push_back(s.positions[i]);
+    plate.normals.push_back(s.normals[i]);
+    plate.uvs.push_back(s.uvs[i]);
+  }
+  for (int i : {1, 4, 5}) {
+    spike.positions.push_back(s.positions[i]);
+    spike.normals.push_back(s.normals[i]);
+    spike.uvs.push_back(s.uvs[i]);
+  }
+  plate.faces = {{0, 1, 2, 3}};
+  spike.faces = {{0, 1, 2}};
+  return {plate, spike};
+}
+
+void expect_same_corners(const Mesh& a, const Mesh& b, double tolerance) {
+  ASSERT_EQ(a.triangles.size(), b.triangles.size());
+  EXPECT_EQ(a.objects, b.objects);
+  EXPECT_EQ(a.materials, b.materials);
+  EXPECT_EQ(a.triangle_materials, b.triangle_materials);
+  for (std::size_t t = 0; t < a.triangles.size(); ++t) {
+    EXPECT_EQ(a.triangles[t].object, b.triangles[t].object);
+    for (std::size_t k = 0; k < 3; ++k) {
+      SCOPED_TRACE("triangle " + std::to_string(t) + " corner " + std::to_string(k));
+      const Corner& ca = a.triangles[t].corners[k];
+      const Corner& cb = b.triangles[t].corners[k];
+      EXPECT_EQ(a.positions[ca.position], b.positions[cb.position]);
+      ASSERT_GE(ca.uv, 0);
+      ASSERT_GE(cb.uv, 0);
+      ASSERT_GE(ca.normal, 0);
+      ASSERT_GE(cb.normal, 0);
+      for (int i = 0; i < 2; ++i) {
+        EXPECT_NEAR(a.uvs[ca.uv][i], b.uvs[cb.uv][i], tolerance);
+      }
+      for (int i = 0; i < 3; ++i) {
+        EXPECT_NEAR(a.normals[ca.normal][i], b.normals[cb.normal][i], tolerance);
+      }
+    }
+  }
+}
+
+TEST(MeshFormat, OneMeshReadsAlikeFromObjGltfAndFbx) {
+  ScratchDir dir;
+  const Source source;
+  test::write_text_file(dir / "parts.obj", as_obj(source));
+  test::write_text_file(dir / "parts.glb", as_gltf(source));
+  ASSERT_EQ(test::write_fbx(as_fbx(source), dir / "parts.fbx"), "");
+  MeshStats obj_stats, fbx_stats;
+  const Mesh obj = read_mesh(dir / "parts.obj", MeshReadOptions{}, &obj_stats);
+  const Mesh gltf = read_mesh(dir / "parts.glb", MeshReadOptions{});
+  const Mesh fbx = read_mesh(dir / "parts.fbx", MeshReadOptions{}, &fbx_stats);
+  EXPECT_EQ(obj_stats.quads_split, 1u);
+  EXPECT_EQ(fbx_stats.quads_split, 1u);
+  EXPECT_EQ(obj.objects, (std::vector<std::string>{"Plate", "Spike"}));
+  // Float rounding only: the OBJ text holds six decimals, glTF float32 and
+  // its v turned around in float64.
+  expect_same_corners(obj, gltf, 1e-6);
+  expect_same_corners(obj, fbx, 1e-6);
+  // glTF and the OBJ normalise float32 normals the same way, bit for bit.
+  const Corner& c = gltf.triangles[2].corners[2];
+  EXPECT_EQ(gltf.normals[c.normal], obj.normals[obj.triangles[2].corners[2].normal]);
+}
+
+TEST(MeshFormat, ObjThroughKvmReadsBackBitEqual) {
+  ScratchDir dir;
+  std::string obj = as_obj(Source{});
+  obj +=
+      "g Left\no Group\ng Right\nf 1 3 5\nv 0.1 0.2 0.3\nvt 0.3333333333333333 0.1\n"
+      "f -1/-1 1/1 2/2 3/3 4/4\n";
+  test::write_text_file(dir / "grouped.obj", obj);
+  MeshStats stats;
+  const Mesh mesh = read_mesh(dir / "grouped.obj", MeshReadOptions{}, &stats);
+  ASSERT_FALSE(mesh.blocks.empty());
+  ASSERT_FALSE(mesh.materials.empty());
+  for (std::uint32_t flags : {3u, 7u, 11u, 15u}) {
+    SCOPED_TRACE(flags);
+    write_kvm(dir / "grouped.kvm", mesh, flags);
+    const Mesh back = read_mesh(dir / "grouped.kvm", MeshReadOptions{}, &stats);
+    EXPECT_EQ(stats.polygons_inexact, 0u);
+    ASSERT_EQ(back.positions.size(), mesh.positions.size());
+    EXPECT_EQ(std::memcmp(back.positions.data(), mesh.positions.data(), mesh.positions.size() * 12),
+              0);
+    ASSERT_EQ(back.uvs.size(), mesh.uvs.size());
+    EXPECT_EQ(std::memcmp(back.uvs.data(), mesh.uvs.data(), mesh.uvs.size() * 16), 0);
+    ASSERT_EQ(back.normals.size(), mesh.normals.size());
+    EXPECT_EQ(std::memcmp(back.normals.data(), mesh.normals.data(), mesh.normals.size() * 12), 0);
+    ASSERT_EQ(back.triangles.size(), mesh.triangles.size());
+    EXPECT_EQ(std::memcmp(back.triangles.data(), mesh.triangles.data(), mesh.triangles.size() * 40),
+              0);
+    EXPECT_EQ(back.objects, mesh.objects);
+    EXPECT_EQ(back.materials,
+              (flags & kKvmMaterials) ? mesh.materials : std::vector<std::string>{});
+    EXPECT_EQ(back.blocks, (flags & kKvmBlocks) ? mesh.blocks : std::vector<std::string>{});
+    EXPECT_EQ(back.object_blocks,
+              (flags & kKvmBlocks) ? mesh.object_blocks : std::vector<std::uint32_t>{});
+  }
+}
+
+TEST(MeshFormat, WarningLineAndUniqueNames) {
+  EXPECT_EQ(inexact_polygons_warning(3, "dir/high.obj"),
+            "korvane: warning: 3 faces of dir/high.obj could not be triangulated exactly\n");
+  UniqueNames names;
+  EXPECT_EQ(names.make_unique("a"), "a");
+  EXPECT_EQ(names.make_unique("a.1"), "a.1");
+  EXPECT_EQ(names.make_unique("a"), "a.2");
+  EXPECT_EQ(names.make_unique("a"), "a.3");
+  EXPECT_EQ(names.make_unique(""), "");
+  EXPECT_EQ(names.make_unique(""), ".1");
+}
+
+}  // namespace
+}  // namespace kv
