@@ -14,28 +14,28 @@
 
 namespace kv {
 
-const char* sample_format_name(SampleFormat format) {
-  switch (format) {
-    case SampleFormat::u8:
+const char* component_type_name(ComponentType type) {
+  switch (type) {
+    case ComponentType::kU8:
       return "u8";
-    case SampleFormat::u16:
+    case ComponentType::kU16:
       return "u16";
-    case SampleFormat::f16:
+    case ComponentType::kF16:
       return "f16";
-    case SampleFormat::f32:
+    case ComponentType::kF32:
       return "f32";
   }
   return "unknown";
 }
 
-std::size_t sample_format_bytes(SampleFormat format) {
-  switch (format) {
-    case SampleFormat::u8:
+std::size_t component_bytes(ComponentType type) {
+  switch (type) {
+    case ComponentType::kU8:
       return 1;
-    case SampleFormat::u16:
-    case SampleFormat::f16:
+    case ComponentType::kU16:
+    case ComponentType::kF16:
       return 2;
-    case SampleFormat::f32:
+    case ComponentType::kF32:
       return 4;
   }
   return 0;
@@ -244,9 +244,9 @@ void writePngCodes(const std::filesystem::path& path, int width, int height, int
 }
 
 std::vector<unsigned char> encodePng(const TexelImage& image, int threads) {
-  if (image.format != SampleFormat::u8 && image.format != SampleFormat::u16) {
+  if (image.type != ComponentType::kU8 && image.type != ComponentType::kU16) {
     throw Error(std::string("PNG stores 8- or 16-bit integer texels only, not ") +
-                sample_format_name(image.format));
+                component_type_name(image.type));
   }
   if (image.data.empty()) {
     throw Error("PNG: no texel data");
@@ -257,14 +257,14 @@ std::vector<unsigned char> encodePng(const TexelImage& image, int threads) {
   if (image.width < 1 || image.height < 1 || image.data.size() != image.expected_bytes()) {
     throw Error("PNG: the texel data does not match " + std::to_string(image.width) + " x " +
                 std::to_string(image.height) + " x " + std::to_string(image.channels) + " " +
-                sample_format_name(image.format) + " texels");
+                component_type_name(image.type) + " texels");
   }
   SampleView view;
   view.data = image.data.data();
   view.width = static_cast<unsigned>(image.width);
   view.height = static_cast<unsigned>(image.height);
   view.channels = image.channels;
-  view.sample_bytes = sample_format_bytes(image.format);
+  view.sample_bytes = component_bytes(image.type);
   return encode_samples(view, threads);
 }
 
@@ -328,7 +328,7 @@ TexelImage readPng(const std::filesystem::path& path) {
   image.width = static_cast<int>(width);
   image.height = static_cast<int>(height);
   image.channels = static_cast<int>(lodepng_get_channels(&state.info_raw));
-  image.format = state.info_raw.bitdepth == 16 ? SampleFormat::u16 : SampleFormat::u8;
+  image.type = state.info_raw.bitdepth == 16 ? ComponentType::kU16 : ComponentType::kU8;
   if (decoded.size() != image.expected_bytes()) {
     throw Error("PNG: decoded data size does not match the image");
   }
@@ -349,7 +349,7 @@ TexelImage readPng(const std::filesystem::path& path) {
       image.channels = 3;
     }
   }
-  if (image.format == SampleFormat::u16) {
+  if (image.type == ComponentType::kU16) {
     for (std::size_t i = 0; i + 1 < decoded.size(); i += 2) {
       const auto sample = static_cast<std::uint16_t>((decoded[i] << 8) | decoded[i + 1]);
       std::memcpy(decoded.data() + i, &sample, 2);

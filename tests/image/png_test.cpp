@@ -144,7 +144,7 @@ TEST(PngWriter, LargeImagesAreTheSameOnAnyThreadCount) {
   busy.width = width;
   busy.height = height;
   busy.channels = 4;
-  busy.format = SampleFormat::u16;
+  busy.type = ComponentType::kU16;
   const std::vector<std::uint16_t> codes = smooth_codes(width, height, 4, 7);
   busy.data.resize(codes.size() * 2);
   std::memcpy(busy.data.data(), codes.data(), busy.data.size());
@@ -172,7 +172,7 @@ TEST(PngWriter, LargeImagesAreTheSameOnAnyThreadCount) {
   mask.width = 2048;
   mask.height = 2048;
   mask.channels = 1;
-  mask.format = SampleFormat::u16;
+  mask.type = ComponentType::kU16;
   mask.data.assign(mask.expected_bytes(), 0);
   for (int y = 0; y < mask.height; ++y) {
     for (int x = 0; x < mask.width; ++x) {
@@ -200,14 +200,14 @@ TEST(PngWriter, EncodeChecksTheImage) {
   image.width = 2;
   image.height = 2;
   image.channels = 1;
-  image.format = SampleFormat::f32;
+  image.type = ComponentType::kF32;
   image.data.assign(16, 0);
   EXPECT_EQ(error_of([&] { encodePng(image); }),
             "PNG stores 8- or 16-bit integer texels only, not f32");
-  image.format = SampleFormat::f16;
+  image.type = ComponentType::kF16;
   EXPECT_EQ(error_of([&] { encodePng(image); }),
             "PNG stores 8- or 16-bit integer texels only, not f16");
-  image.format = SampleFormat::u8;
+  image.type = ComponentType::kU8;
   image.data.clear();
   EXPECT_EQ(error_of([&] { encodePng(image); }), "PNG: no texel data");
   image.data.assign(4, 9);
@@ -265,7 +265,7 @@ TEST(PngReader, ReadsEveryStoredKind) {
   EXPECT_EQ(image.width, 6);
   EXPECT_EQ(image.height, 5);
   EXPECT_EQ(image.channels, 3);
-  EXPECT_EQ(image.format, SampleFormat::u16);
+  EXPECT_EQ(image.type, ComponentType::kU16);
   ASSERT_EQ(image.data.size(), codes.size() * 2);
   EXPECT_EQ(std::memcmp(image.data.data(), codes.data(), image.data.size()), 0);
 
@@ -296,7 +296,7 @@ TEST(PngReader, ReadsEveryStoredKind) {
   encode_with(rgba, 2, 1, LCT_RGBA, 8, LCT_RGBA, 8, dir / "rgba8.png");
   image = readPng(dir / "rgba8.png");
   EXPECT_EQ(image.channels, 4);
-  EXPECT_EQ(image.format, SampleFormat::u8);
+  EXPECT_EQ(image.type, ComponentType::kU8);
   EXPECT_EQ(image.data, rgba);
 
   const std::vector<unsigned char> grey_alpha{10, 200, 30, 40};
@@ -310,7 +310,7 @@ TEST(PngReader, ReadsEveryStoredKind) {
   encode_with(bits, 9, 1, LCT_GREY, 8, LCT_GREY, 1, dir / "grey1.png");
   image = readPng(dir / "grey1.png");
   EXPECT_EQ(image.channels, 1);
-  EXPECT_EQ(image.format, SampleFormat::u8);
+  EXPECT_EQ(image.type, ComponentType::kU8);
   EXPECT_EQ(image.data, bits);
   const std::vector<unsigned char> nibbles{0, 17, 34, 255, 136};
   encode_with(nibbles, 5, 1, LCT_GREY, 8, LCT_GREY, 4, dir / "grey4.png");
