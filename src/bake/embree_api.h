@@ -2,7 +2,8 @@
 // program goes through the functions below, written against the Embree 4
 // interface; when only Embree 3 is installed they map to its equivalents
 // (an intersection context in place of the ray-query context and the
-// optional intersect arguments).
+// optional intersect arguments). Filters are attached to the geometry, never
+// passed in the arguments, so no argument-filter scene flag is needed.
 #pragma once
 
 #if __has_include(<embree4/rtcore.h>)
@@ -10,6 +11,9 @@
 #else
 #include <embree3/rtcore.h>
 #endif
+
+// Embree may be built with its interface inside a namespace.
+RTC_NAMESPACE_USE
 
 #include <cstddef>
 #include <cstdint>

@@ -145,6 +145,21 @@ TEST(TracerErrors, OutOfMemoryRetriesOnceInCompactMode) {
   EXPECT_FALSE(built->refine_cache_on() && built->has_name_groups());
 }
 
+TEST(TracerErrors, EmptyHighMeshMissesEverything) {
+  const Mesh empty;
+  CpuTracer tracer(empty, {}, {}, 1);
+  EXPECT_FALSE(tracer.has_name_groups());
+  const std::vector<RayQuery> queries = test::field_queries(1500, 0.02f, 0.02f);
+  std::vector<RayHit> hits(queries.size(), RayHit{3, 1, 1, 1});
+  tracer.trace_batch(queries.data(), hits.data(), hits.size(), 2);
+  for (const RayHit& h : hits) {
+    ASSERT_EQ(h.triangle, -1);
+    ASSERT_EQ(h.t, 0.0f);
+  }
+  RayHit known = {0, 0, 0, 0.01f};
+  EXPECT_FALSE(tracer.check_known_hit(queries[0], known));
+}
+
 TEST(TracerLowScene, PlainClosestHits) {
   Mesh low;
   test::add_square(low, 0.5f, 1.0f, false);  // facing down: no backface rule here
