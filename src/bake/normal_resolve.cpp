@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstdint>
 
 #include "bake/encode.h"
 #include "bake/ray_setup.h"
@@ -199,6 +200,10 @@ std::int32_t band_rows_for(std::uint64_t band_samples, std::int32_t width, std::
   const std::uint64_t row_samples = static_cast<std::uint64_t>(width) *
                                     static_cast<std::uint64_t>(aa) * static_cast<std::uint64_t>(aa);
   std::uint64_t rows = row_samples == 0 ? 1 : band_samples / row_samples;
+  // A band's rays are indexed with signed 32-bit numbers.
+  const std::uint64_t index_limit =
+      row_samples == 0 ? 1 : static_cast<std::uint64_t>(INT32_MAX) / row_samples;
+  rows = std::min(rows, index_limit);
   rows = std::clamp<std::uint64_t>(rows, 1, static_cast<std::uint64_t>(std::max(height, 1)));
   return static_cast<std::int32_t>(rows);
 }

@@ -74,7 +74,8 @@ struct ResolveSeconds {
 };
 
 // Texel rows per band: as many whole rows as band_samples sub-samples allow,
-// at least one, at most the image height.
+// at least one, at most the image height, and never more sub-samples than a
+// signed 32-bit index can count.
 std::int32_t band_rows_for(std::uint64_t band_samples, std::int32_t width, std::int32_t height,
                            std::int32_t aa);
 

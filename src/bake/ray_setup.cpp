@@ -67,7 +67,14 @@ Vec3f blend3(float w0, float w1, float w2, const Vec3f& a0, const Vec3f& a1, con
 
 bool blended_normal(const Mesh& mesh, std::uint32_t triangle, float u, float v, Vec3f& out) {
   std::array<Vec3f, 3> n{};
+  const Triangle& t = mesh.triangles[triangle];
   for (int c = 0; c < 3; ++c) {
+    // Stored normals are read directly; corner_normal decides the rest.
+    const std::int32_t stored = t.corners[c].normal;
+    if (stored >= 0 && static_cast<std::size_t>(stored) < mesh.normals.size()) {
+      n[c] = mesh.normals[static_cast<std::size_t>(stored)];
+      continue;
+    }
     const std::optional<Vec3f> corner = corner_normal(mesh, triangle, c);
     if (!corner) {
       return false;

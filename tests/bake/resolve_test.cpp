@@ -173,6 +173,8 @@ TEST(BandRows, WholeRowsWithinTheSampleBudget) {
   EXPECT_EQ(band_rows_for(1048575, 2048, 2048, 4), 31);
   EXPECT_EQ(band_rows_for(1, 100, 50, 2), 1);          // at least one row
   EXPECT_EQ(band_rows_for(1u << 30, 100, 50, 2), 50);  // at most the image
+  // A service may ask for huge bands; rays stay countable in 32 bits.
+  EXPECT_EQ(band_rows_for(UINT64_MAX, 16384, 16384, 8), 2047);
 }
 
 // ---- ray setup ------------------------------------------------------------------
