@@ -882,10 +882,10 @@ std::string format_path(const std::filesystem::path& path) {
 }
 
 ObjReadResult parse_text(std::string_view text, const std::filesystem::path& path,
-                         const MeshReadOptions& options, std::uint64_t chunk_floor) {
+                         const MeshReadOptions& options, std::uint64_t chunk_floor,
+                         const WorkerPool& pool) {
   const std::string path_text = format_path(path);
   const std::string prefix = path_text + ": ";
-  WorkerPool pool(options.threads);
   const int threads = std::max(pool.thread_count(), 1);
   const std::vector<std::uint64_t> starts = chunk_starts(text, threads, chunk_floor);
   const std::uint64_t chunks = starts.size();
@@ -1070,13 +1070,15 @@ std::vector<std::uint64_t> obj_chunk_starts(std::string_view text, int threads,
 namespace detail {
 ObjReadResult parse_obj_chunked(std::string_view text, const std::filesystem::path& path,
                                 const MeshReadOptions& options, std::uint64_t chunk_floor) {
-  return parse_text(text, path, options, chunk_floor);
+  const WorkerPool pool(options.threads);
+  return parse_text(text, path, options, chunk_floor, pool);
 }
 }  // namespace detail
 
 ObjReadResult parse_obj(std::string_view text, const std::filesystem::path& path,
                         const MeshReadOptions& options) {
-  return parse_text(text, path, options, kObjChunkFloor);
+  const WorkerPool pool(options.threads);
+  return parse_text(text, path, options, kObjChunkFloor, pool);
 }
 
 ObjReadResult read_obj(const std::filesystem::path& path, const MeshReadOptions& options) {
@@ -1089,11 +1091,23 @@ ObjReadResult read_obj(const std::filesystem::path& path, const MeshReadOptions&
   if (size < 0) {
     throw Error("cannot read mesh file: " + format_path(path));
   }
-  // Left uninitialised: the read fills every byte.
+  // Left uninitialised: the reads fill every byte. Slices are read on the
+  // pool's threads, so that copying the text out of the file cache is shared.
   const auto bytes = static_cast<std::size_t>(size);
   std::unique_ptr<char[]> buffer(new char[bytes]);
-  const std::int64_t got = file.read_full(buffer.get(), bytes, &error);
-  if (got != size) {
+  const WorkerPool pool(options.threads);
+  constexpr std::uint64_t kReadSlice = std::uint64_t{8} << 20;
+  FirstFailure short_read;
+  pool.for_chunks(bytes, kReadSlice,
+                  [&](std::uint64_t slice, std::uint64_t begin, std::uint64_t end) {
+                    int slice_error = 0;
+                    const std::size_t length = static_cast<std::size_t>(end - begin);
+                    if (file.read_full_at(buffer.get() + begin, length, begin, &slice_error) !=
+                        static_cast<std::int64_t>(length)) {
+                      short_read.record(slice);
+                    }
+                  });
+  if (short_read.failed()) {
     throw Error("cannot read mesh file: " + format_path(path));
   }
   file.close();
@@ -1101,7 +1115,7 @@ ObjReadResult read_obj(const std::filesystem::path& path, const MeshReadOptions&
   if (options.on_text) {
     options.on_text(text);
   }
-  return parse_text(text, path, options, kObjChunkFloor);
+  return parse_text(text, path, options, kObjChunkFloor, pool);
 }
 
 }  // namespace kv

@@ -116,6 +116,10 @@ class File {
   // Reads up to size bytes at the current position, retrying short reads
   // until the end of the file; returns the count read, or -1 with *error.
   std::int64_t read_full(void* data, std::size_t size, int* error);
+  // Reads up to size bytes at the given offset (the file position is
+  // unchanged), retrying short reads until the end of the file; the count
+  // read, or -1 with *error. Safe to call from several threads at once.
+  std::int64_t read_full_at(void* data, std::size_t size, std::uint64_t offset, int* error) const;
   // Size of the open file; -1 with *error on failure.
   std::int64_t size(int* error) const;
   // Flushes to the file system's cache and closes; 0 or the error number.

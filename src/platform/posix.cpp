@@ -278,6 +278,27 @@ int File::write_all_at(const void* data, std::size_t size, std::uint64_t offset)
   return 0;
 }
 
+std::int64_t File::read_full_at(void* data, std::size_t size, std::uint64_t offset,
+                                int* error) const {
+  auto* p = static_cast<char*>(data);
+  std::size_t total = 0;
+  while (total < size) {
+    const ssize_t n = ::pread(fd_, p + total, size - total, static_cast<off_t>(offset + total));
+    if (n < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      *error = errno;
+      return -1;
+    }
+    if (n == 0) {
+      break;
+    }
+    total += static_cast<std::size_t>(n);
+  }
+  return static_cast<std::int64_t>(total);
+}
+
 int File::write_all(const void* data, std::size_t size) {
   const auto* p = static_cast<const char*>(data);
   while (size > 0) {

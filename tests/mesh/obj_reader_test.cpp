@@ -375,6 +375,12 @@ TEST(ObjReader, FilesHooksAndWholeFileFailures) {
         }
       },
       Error);
+  try {
+    read_obj(dir.path(), {});
+    FAIL() << "a folder was read";
+  } catch (const Error& error) {
+    EXPECT_EQ(std::string(error.what()), "cannot read mesh file: " + dir.path().string());
+  }
   const std::string text = "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n";
   test::write_text_file(path, text);
   MeshReadOptions options;
@@ -493,14 +499,18 @@ TEST(ObjReaderChunks, ChunkingAndThreadCountDoNotChangeTheMesh) {
 TEST(ObjReaderChunks, LargeFilesReadTheSameOnOneAndTwoThreads) {
   test::ScratchDir dir;
   const auto path = dir / "large.obj";
-  std::string text = busy_text(40000);
-  ASSERT_GT(text.size(), 3u * 1048576);
+  // Beyond 8 MiB the file is also read in several slices.
+  std::string text = busy_text(100000);
+  ASSERT_GT(text.size(), 9u * 1048576);
   test::write_text_file(path, text);
   MeshReadOptions one;
   one.threads = 1;
   MeshReadOptions two;
   two.threads = 2;
-  expect_same_mesh(read_obj(path, one), read_obj(path, two));
+  const ObjReadResult from_file = read_obj(path, two);
+  expect_same_mesh(read_obj(path, one), from_file);
+  // The text as read matches the text as written, slice for slice.
+  expect_same_mesh(from_file, parse_obj(text, path, one));
 }
 
 TEST(ObjReaderChunks, TheFirstErrorInFileOrderWins) {
