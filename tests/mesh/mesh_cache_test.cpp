@@ -74,7 +74,8 @@ Mesh sample_mesh(bool with_blocks) {
 
 template <typename T>
 bool same_bytes(const std::vector<T>& a, const std::vector<T>& b) {
-  return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0;
+  return a.size() == b.size() &&
+         (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0);
 }
 
 void expect_same_geometry(const Mesh& got, const Mesh& want) {
@@ -371,15 +372,22 @@ TEST(MeshCacheStore, FailuresGiveTheirMessages) {
   }
   EXPECT_FALSE(mesh_cache_lookup(dir.path(), key, 1, nullptr));
 
-  // A mesh the .kvm writer refuses gives the writer's message.
+  // A mesh the .kvm writer refuses gives the writer's message; the entry it
+  // was to replace is no longer valid, since its key goes first.
+  const std::string other = key_for("/b.obj");
+  mesh_cache_store(dir.path(), other, sample_mesh(false), {}, kNoCap);
+  ASSERT_TRUE(mesh_cache_lookup(dir.path(), other, 1, nullptr));
   Mesh empty = sample_mesh(false);
   empty.triangles.clear();
   try {
-    mesh_cache_store(dir.path(), key_for("/b.obj"), empty, {}, kNoCap);
+    mesh_cache_store(dir.path(), other, empty, {}, kNoCap);
     FAIL() << "store of a mesh without faces succeeded";
   } catch (const Error& e) {
     EXPECT_NE(std::string(e.what()).find("mesh has no faces"), std::string::npos) << e.what();
   }
+  EXPECT_TRUE(std::filesystem::exists(mesh_cache_kvc_path(dir.path(), other)));
+  EXPECT_FALSE(std::filesystem::exists(mesh_cache_key_path(dir.path(), other)));
+  EXPECT_FALSE(mesh_cache_lookup(dir.path(), other, 1, nullptr));
 }
 
 // ---- trimming -------------------------------------------------------------
