@@ -154,9 +154,9 @@ LowPrep LowPrep::build(const Mesh& low, std::span<const std::uint32_t> low_group
 
   const std::int32_t u0 = (settings.udim - 1001) % 10;
   const std::int32_t v0 = (settings.udim - 1001) / 10;
-  prep.raster_ =
-      std::make_unique<const UvRaster>(low, settings.width, settings.height, u0, v0,
-                                       settings.uv_snap_bits, settings.uv_snap_texel, prep.mask_);
+  auto raster =
+      std::make_unique<UvRaster>(low, settings.width, settings.height, u0, v0,
+                                 settings.uv_snap_bits, settings.uv_snap_texel, prep.mask_);
 
   TangentFrames frames = build_tangent_frames(low);
   prep.frames_ = std::move(frames.frames);
@@ -166,10 +166,12 @@ LowPrep LowPrep::build(const Mesh& low, std::span<const std::uint32_t> low_group
     prep.averaged_ = kv::averaged_normals(low, settings.threads);
   }
 
-  prep.snapped_ = prep.raster_->snapped_corners(settings.aa, settings.threads);
+  // The raster keeps the snapped corners; its snapped lookups then read them.
+  prep.snapped_ = raster->keep_snapped_corners(settings.aa, settings.threads);
   if (settings.aa > 1) {
-    prep.snapped_unit_ = prep.raster_->snapped_corners(1, settings.threads);
+    prep.snapped_unit_ = raster->keep_snapped_corners(1, settings.threads);
   }
+  prep.raster_ = std::move(raster);
 
   prep.fingerprint_ = compute_fingerprint(low, prep.name_groups_, prep.settings_, filter.given(),
                                           prep.raster_materials_, prep.uv_tile_, prep.mask_);

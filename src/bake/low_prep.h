@@ -85,8 +85,8 @@ class LowPrep {
   std::vector<TangentFrame> frames_;
   std::uint64_t tangent_normal_fallbacks_ = 0;
   std::vector<std::array<float, 3>> averaged_;
-  std::vector<double> snapped_;
-  std::vector<double> snapped_unit_;
+  std::span<const double> snapped_;       // kept by the raster
+  std::span<const double> snapped_unit_;  // kept by the raster
   std::vector<std::uint8_t> mask_;
   std::uint64_t rasterised_ = 0;
   std::uint64_t fingerprint_ = 0;

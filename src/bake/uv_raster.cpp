@@ -1,6 +1,7 @@
 #include "bake/uv_raster.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <limits>
 #include <new>
@@ -23,11 +24,22 @@ double snap_scale(std::int32_t snap_bits, bool snap_texel, std::int32_t a) {
   return std::ldexp(1.0, snap_bits) / (snap_texel ? static_cast<double>(a) : 1.0);
 }
 
+// nearbyint in the default rounding mode (ties to even), without a library
+// call: below 2^52, adding and removing 2^52 leaves the nearest integer.
+double round_half_even(double x) {
+  constexpr double kTwo52 = 4503599627370496.0;
+  const double a = std::fabs(x);
+  if (!(a < kTwo52)) {
+    return x;  // already an integer, or not finite
+  }
+  return std::copysign((a + kTwo52) - kTwo52, x);
+}
+
 std::array<double, 2> snap_with_scale(std::array<double, 2> uv, std::int32_t width,
                                       std::int32_t height, std::int32_t u0, std::int32_t v0,
                                       std::int32_t a, double s) {
-  const double x = std::nearbyint(s * (uv[0] - u0) * width * a) / s;
-  const double y = std::nearbyint(s * (1.0 - (uv[1] - v0)) * height * a) / s;
+  const double x = round_half_even(s * (uv[0] - u0) * width * a) / s;
+  const double y = round_half_even(s * (1.0 - (uv[1] - v0)) * height * a) / s;
   return {x, y};
 }
 
@@ -171,8 +183,16 @@ std::int64_t UvRaster::cell_of(std::int64_t sx, std::int64_t sy, std::int32_t a)
   if (sx < 0 || sy < 0 || a < 1) {
     return -1;
   }
-  const std::int64_t tx = sx / a;
-  const std::int64_t ty = sy / a;
+  std::int64_t tx = 0;
+  std::int64_t ty = 0;
+  if ((a & (a - 1)) == 0) {  // the usual 1, 2, 4 or 8: a shift instead of two divisions
+    const int shift = std::countr_zero(static_cast<std::uint32_t>(a));
+    tx = sx >> shift;
+    ty = sy >> shift;
+  } else {
+    tx = sx / a;
+    ty = sy / a;
+  }
   if (tx >= width_ || ty >= height_) {
     return -1;
   }
@@ -197,18 +217,14 @@ bool UvRaster::covers(std::uint32_t t, double u, double v, RasterHit& hit) const
   return true;
 }
 
-bool UvRaster::covers_snapped(std::uint32_t t, double px, double py, double s, std::int32_t a,
-                              RasterHit& hit) const {
-  const Triangle& tri = mesh_->triangles[t];
-  const auto q0 = snap_with_scale(uv(tri.corners[0]), width_, height_, u0_, v0_, a, s);
-  const auto q1 = snap_with_scale(uv(tri.corners[1]), width_, height_, u0_, v0_, a, s);
-  const auto q2 = snap_with_scale(uv(tri.corners[2]), width_, height_, u0_, v0_, a, s);
-  const double d = (q2[1] - q0[1]) * (q1[0] - q0[0]) - (q2[0] - q0[0]) * (q1[1] - q0[1]);
+// Snapped-corner coverage test shared by both snapped paths.
+static bool snapped_test(const double* q, std::uint32_t t, double px, double py, RasterHit& hit) {
+  const double d = (q[5] - q[1]) * (q[2] - q[0]) - (q[4] - q[0]) * (q[3] - q[1]);
   if (d == 0) {
     return false;
   }
-  const double w1 = (px - q0[0]) * (q2[1] - q0[1]) - (py - q0[1]) * (q2[0] - q0[0]);
-  const double w2 = (py - q0[1]) * (q1[0] - q0[0]) - (px - q0[0]) * (q1[1] - q0[1]);
+  const double w1 = (px - q[0]) * (q[5] - q[1]) - (py - q[1]) * (q[4] - q[0]);
+  const double w2 = (py - q[1]) * (q[2] - q[0]) - (px - q[0]) * (q[3] - q[1]);
   const bool inside =
       d > 0 ? (d - w1 - w2 >= 0 && w1 >= 0 && w2 >= 0) : (d - w1 - w2 <= 0 && w1 <= 0 && w2 <= 0);
   if (!inside) {
@@ -216,6 +232,25 @@ bool UvRaster::covers_snapped(std::uint32_t t, double px, double py, double s, s
   }
   hit = {static_cast<std::int32_t>(t), w1 / d, w2 / d};
   return true;
+}
+
+bool UvRaster::covers_snapped(std::uint32_t t, double px, double py, double s, std::int32_t a,
+                              RasterHit& hit) const {
+  const Triangle& tri = mesh_->triangles[t];
+  const auto q0 = snap_with_scale(uv(tri.corners[0]), width_, height_, u0_, v0_, a, s);
+  const auto q1 = snap_with_scale(uv(tri.corners[1]), width_, height_, u0_, v0_, a, s);
+  const auto q2 = snap_with_scale(uv(tri.corners[2]), width_, height_, u0_, v0_, a, s);
+  const double q[6] = {q0[0], q0[1], q1[0], q1[1], q2[0], q2[1]};
+  return snapped_test(q, t, px, py, hit);
+}
+
+const std::vector<double>* UvRaster::kept_corners(std::int32_t scale) const {
+  for (const auto& [kept_scale, corners] : kept_) {
+    if (kept_scale == scale) {
+      return &corners;
+    }
+  }
+  return nullptr;
 }
 
 RasterHit UvRaster::lookup(std::int64_t sx, std::int64_t sy, std::int32_t a) const {
@@ -230,6 +265,15 @@ RasterHit UvRaster::lookup(std::int64_t sx, std::int64_t sy, std::int32_t a) con
     const double s = snap_scale(snap_bits_, snap_texel_, a);
     const double px = static_cast<double>(sx) + 0.5;
     const double py = static_cast<double>(sy) + 0.5;
+    if (const std::vector<double>* kept = kept_corners(a)) {
+      for (std::uint64_t k = end; k > begin; --k) {
+        const std::uint32_t t = triangles_[k - 1];
+        if (snapped_test(kept->data() + std::size_t{t} * 6, t, px, py, hit)) {
+          return hit;
+        }
+      }
+      return hit;
+    }
     for (std::uint64_t k = end; k > begin; --k) {
       if (covers_snapped(triangles_[k - 1], px, py, s, a, hit)) {
         return hit;
@@ -291,6 +335,20 @@ std::vector<double> UvRaster::snapped_corners(std::int32_t scale, int threads) c
     }
   });
   return out;
+}
+
+std::span<const double> UvRaster::keep_snapped_corners(std::int32_t scale, int threads) {
+  if (const std::vector<double>* kept = kept_corners(scale)) {
+    return *kept;
+  }
+  std::vector<double> corners = snapped_corners(scale, threads);
+  if (corners.empty()) {
+    return {};
+  }
+  // Growing kept_ moves the inner vectors, whose buffers (and the spans
+  // handed out earlier) stay where they are.
+  kept_.emplace_back(scale, std::move(corners));
+  return kept_.back().second;
 }
 
 UvRasterDescriptor UvRaster::descriptor() const {

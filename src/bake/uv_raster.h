@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdint>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "mesh/mesh.h"
@@ -63,6 +64,12 @@ class UvRaster {
   // given anti-aliasing scale; empty when snapping is off.
   std::vector<double> snapped_corners(std::int32_t scale, int threads) const;
 
+  // Computes the snapped corners at `scale` once and keeps them, so that
+  // snapped lookups at that anti-aliasing read them instead of snapping every
+  // candidate corner again (same values, less work). Call before sharing the
+  // raster between threads. Returns the kept corners (empty when snapping is off).
+  std::span<const double> keep_snapped_corners(std::int32_t scale, int threads);
+
   UvRasterDescriptor descriptor() const;
 
   const Mesh& mesh() const { return *mesh_; }
@@ -86,6 +93,7 @@ class UvRaster {
   bool covers(std::uint32_t t, double u, double v, RasterHit& hit) const;
   bool covers_snapped(std::uint32_t t, double px, double py, double s, std::int32_t a,
                       RasterHit& hit) const;
+  const std::vector<double>* kept_corners(std::int32_t scale) const;
   std::int64_t cell_of(std::int64_t sx, std::int64_t sy, std::int32_t a) const;
 
   const Mesh* mesh_;
@@ -102,6 +110,7 @@ class UvRaster {
   std::uint64_t degenerate_ = 0;
   std::int32_t snap_bits_;
   bool snap_texel_;
+  std::vector<std::pair<std::int32_t, std::vector<double>>> kept_;  // by scale
 };
 
 // A corner (u, v) moved to the snap grid, in sample units of an image of

@@ -187,6 +187,17 @@ TEST(UvRasterSnap, CornersSnapToTexelsOrSubSampleFractions) {
   const double t16 = snap_corner({u, 0.0}, 4, 4, 0, 0, 4, 16, true)[0];
   EXPECT_EQ(t16 / 4 * 65536.0, std::nearbyint(u * 4 * 65536.0));
   EXPECT_NE(t16, snap_corner({u, 0.0}, 4, 4, 0, 0, 4, 16, false)[0]);
+  // Ties go to even everywhere, negative coordinates included.
+  std::mt19937 rng(3);
+  std::uniform_int_distribution<int> halves(-4000, 4000);
+  std::uniform_real_distribution<double> any(-3.0, 3.0);
+  for (int i = 0; i < 2000; ++i) {
+    const double tie = halves(rng) / 2.0 / 4.0;  // x = tie * 4 is a multiple of 0.5
+    EXPECT_EQ(snap_corner({tie, 1.0}, 4, 4, 0, 0, 1, 0, false)[0], std::nearbyint(tie * 4));
+    const double w = any(rng);
+    EXPECT_EQ(snap_corner({w, 1.0}, 7, 4, 0, 0, 2, 5, false)[0],
+              std::nearbyint(32.0 * w * 7 * 2) / 32.0);
+  }
   // UDIM offsets are removed before snapping; v counts down from the top.
   EXPECT_EQ(snap_corner({1.25, 1.25}, 4, 4, 1, 1, 1, 0, false)[0], 1.0);
   EXPECT_EQ(snap_corner({1.25, 1.25}, 4, 4, 1, 1, 1, 0, false)[1], 3.0);
@@ -374,6 +385,50 @@ TEST(UvRasterMask, MaskedTrianglesOwnNoTexelsButKeepTheirIndex) {
   const UvRaster raster(mesh, 1, 1, 0, 0, -1, false, mask);
   EXPECT_EQ(raster.lookup(0, 0, 2).triangle, 3);
   EXPECT_EQ(raster.lookup(1, 1, 2).triangle, -1);
+}
+
+}  // namespace
+}  // namespace kv
+
+namespace kv {
+namespace {
+
+// Lookups through kept snapped corners equal lookups that snap every
+// candidate on the fly, at the kept scale and at others.
+TEST(UvRasterSnappedCorners, KeptCornersGiveTheSameLookups) {
+  std::mt19937 rng(11);
+  std::uniform_real_distribution<double> coord(0.0, 1.0);
+  Mesh mesh;
+  for (int i = 0; i < 120; ++i) {
+    const double u = coord(rng);
+    const double v = coord(rng);
+    add_uv_triangle(mesh, {{{u, v}, {u + 0.2 * coord(rng), v}, {u, v + 0.2 * coord(rng)}}});
+  }
+  for (const bool texel : {false, true}) {
+    const UvRaster plain(mesh, 13, 11, 0, 0, 2, texel);
+    UvRaster kept(mesh, 13, 11, 0, 0, 2, texel);
+    const auto corners = kept.keep_snapped_corners(4, 2);
+    const auto again = plain.snapped_corners(4, 1);
+    ASSERT_TRUE(std::equal(corners.begin(), corners.end(), again.begin(), again.end()));
+    (void)kept.keep_snapped_corners(1, 1);
+    EXPECT_EQ(kept.keep_snapped_corners(4, 1).data(), corners.data());  // kept once
+    for (const int a : {1, 2, 4}) {
+      int hits = 0;
+      for (int sy = 0; sy < 11 * a; ++sy) {
+        for (int sx = 0; sx < 13 * a; ++sx) {
+          const RasterHit p = plain.lookup(sx, sy, a);
+          const RasterHit k = kept.lookup(sx, sy, a);
+          ASSERT_EQ(p.triangle, k.triangle) << sx << "," << sy << " a " << a;
+          ASSERT_EQ(p.b1, k.b1);
+          ASSERT_EQ(p.b2, k.b2);
+          hits += p.triangle >= 0 ? 1 : 0;
+        }
+      }
+      EXPECT_GT(hits, 0);
+    }
+  }
+  UvRaster off(mesh, 13, 11, 0, 0, -1, false);
+  EXPECT_TRUE(off.keep_snapped_corners(4, 1).empty());
 }
 
 }  // namespace
