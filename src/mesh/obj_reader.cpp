@@ -423,6 +423,14 @@ void for_each_line(const char* begin, const char* end, F&& fn) {
   }
 }
 
+// Set bits of a 16-bit mask (without relying on a popcount instruction).
+inline unsigned bits16(unsigned x) {
+  x = x - ((x >> 1) & 0x5555u);
+  x = (x & 0x3333u) + ((x >> 2) & 0x3333u);
+  x = (x + (x >> 4)) & 0x0F0Fu;
+  return (x + (x >> 8)) & 0x1Fu;
+}
+
 // Corners of a face line: tokens up to the line's end or a comment token.
 // The line holds no "\n"; sixteen bytes are classified at a time.
 inline std::uint64_t count_corners(const char* p, const char* line_end) {
@@ -444,9 +452,9 @@ inline std::uint64_t count_corners(const char* p, const char* line_end) {
         starts & static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, hash)));
     if (comment != 0) {
       // Tokens that start before the first comment token count.
-      return count + static_cast<unsigned>(std::popcount(starts & ((comment & -comment) - 1)));
+      return count + bits16(starts & ((comment & -comment) - 1));
     }
-    count += static_cast<unsigned>(std::popcount(starts));
+    count += bits16(starts);
     previous_in_token = in_token >> 15;
     p += 16;
   }
@@ -837,7 +845,9 @@ class ChunkParser {
       face_.push_back(c);
     }
     const std::size_t n = face_.size();
-    if (n != 3) {
+    const bool refused = n < 3 || (n == 4 && t_.policy.quads == QuadPolicy::reject) ||
+                         (n >= 5 && t_.policy.polygons == PolygonPolicy::reject);
+    if (refused) {
       check_face(n, t_.policy, t_.prefix);
     }
     if (!has_object_) {
