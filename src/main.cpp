@@ -1,5 +1,5 @@
 // korvane: wires the commands together and hands over to the process entry.
-#include "cli/bake_run.h"
+#include "cli/bake_command.h"
 #include "cli/process_entry.h"
 #include "meshmaps/meshmaps_command.h"
 #include "service/serve_command.h"
@@ -10,7 +10,7 @@ int main(int argc, char** argv) {
       kv::service::serve_command,
       kv::transfer::transfer_command,
       kv::meshmaps::meshmaps_command,
-      kv::cli::run_bake,
+      kv::cli::bakeCommand,
   };
   return kv::cli::process_entry(argc, argv, commands);
 }

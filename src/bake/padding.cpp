@@ -104,7 +104,7 @@ std::vector<std::uint8_t> dilate_mean(MapU16& map, std::span<const std::uint8_t>
       valid.size() != texels || map.codes.size() != codes) {
     throw Error("padding: map or mask size mismatch (or image too large)");
   }
-  const ImageView image{map.width, map.height, map.channels, ComponentType::u16,
+  const ImageView image{map.width, map.height, map.channels, ComponentType::kU16,
                         std::as_writable_bytes(std::span(map.codes))};
   return guard_memory(map.width, map.height,
                       [&] { return padding_detail::ring_fill(image, valid, width, false, pool); });

@@ -43,14 +43,9 @@
 
 #include "bake/normal_bake_settings.h"
 #include "core/parallel.h"
+#include "image/texel_image.h"
 
 namespace kv {
-
-// Component types of an image, numbered as in the texel file.
-enum class ComponentType : std::uint32_t { u8 = 1, u16 = 2, f16 = 3, f32 = 4 };
-
-// Bytes per component; 0 for an unknown type.
-std::size_t component_bytes(ComponentType type);
 
 // A mutable view of an image: width x height texels of `channels`
 // interleaved components, rows top first, `bytes` holding exactly
@@ -59,7 +54,7 @@ struct ImageView {
   std::int32_t width = 0;
   std::int32_t height = 0;
   std::int32_t channels = 0;
-  ComponentType type = ComponentType::u16;
+  ComponentType type = ComponentType::kU16;
   std::span<std::byte> bytes;
 };
 

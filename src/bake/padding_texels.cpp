@@ -7,19 +7,6 @@
 
 namespace kv {
 
-std::size_t component_bytes(ComponentType type) {
-  switch (type) {
-    case ComponentType::u8:
-      return 1;
-    case ComponentType::u16:
-    case ComponentType::f16:
-      return 2;
-    case ComponentType::f32:
-      return 4;
-  }
-  return 0;
-}
-
 double srgb_to_linear(double encoded) {
   if (encoded <= 0.04045) {
     return encoded / 12.92;
@@ -99,7 +86,7 @@ std::unique_ptr<double[]> make_decode_table(std::uint32_t top) {
 }
 
 const double* decode_table(ComponentType type) {
-  if (type == ComponentType::u8) {
+  if (type == ComponentType::kU8) {
     static const std::unique_ptr<double[]> table = make_decode_table(255);
     return table.get();
   }
@@ -108,7 +95,7 @@ const double* decode_table(ComponentType type) {
 }
 
 bool is_integer(ComponentType type) {
-  return type == ComponentType::u8 || type == ComponentType::u16;
+  return type == ComponentType::kU8 || type == ComponentType::kU16;
 }
 
 }  // namespace
@@ -140,9 +127,9 @@ TexelCodec::TexelCodec(const ImageView& image, bool srgb)
       channels_(image.channels),
       type_(image.type),
       component_bytes_(component_bytes(image.type)),
-      scale_(image.type == ComponentType::u8    ? 255.0
-             : image.type == ComponentType::u16 ? 65535.0
-                                                : 1.0),
+      scale_(image.type == ComponentType::kU8    ? 255.0
+             : image.type == ComponentType::kU16 ? 65535.0
+                                                 : 1.0),
       linear_light_(static_cast<std::size_t>(image.channels), 0) {
   if (srgb && is_integer(type_)) {
     decode_table_ = decode_table(type_);
@@ -157,19 +144,19 @@ TexelCodec::TexelCodec(const ImageView& image, bool srgb)
 double TexelCodec::read_component(std::uint64_t offset) const {
   const std::byte* at = data_ + offset * component_bytes_;
   switch (type_) {
-    case ComponentType::u8:
+    case ComponentType::kU8:
       return static_cast<double>(std::to_integer<std::uint8_t>(*at));
-    case ComponentType::u16: {
+    case ComponentType::kU16: {
       std::uint16_t v;
       std::memcpy(&v, at, sizeof v);
       return static_cast<double>(v);
     }
-    case ComponentType::f16: {
+    case ComponentType::kF16: {
       std::uint16_t v;
       std::memcpy(&v, at, sizeof v);
       return half_to_double(v);
     }
-    case ComponentType::f32: {
+    case ComponentType::kF32: {
       float v;
       std::memcpy(&v, at, sizeof v);
       return static_cast<double>(v);
@@ -181,20 +168,20 @@ double TexelCodec::read_component(std::uint64_t offset) const {
 void TexelCodec::write_component(std::uint64_t offset, double value) const {
   std::byte* at = data_ + offset * component_bytes_;
   switch (type_) {
-    case ComponentType::u8:
+    case ComponentType::kU8:
       *at = static_cast<std::byte>(round_code(value, 255.0));
       return;
-    case ComponentType::u16: {
+    case ComponentType::kU16: {
       const auto v = static_cast<std::uint16_t>(round_code(value, 65535.0));
       std::memcpy(at, &v, sizeof v);
       return;
     }
-    case ComponentType::f16: {
+    case ComponentType::kF16: {
       const std::uint16_t v = double_to_half(value);
       std::memcpy(at, &v, sizeof v);
       return;
     }
-    case ComponentType::f32: {
+    case ComponentType::kF32: {
       const auto v = static_cast<float>(value);
       std::memcpy(at, &v, sizeof v);
       return;

@@ -55,7 +55,7 @@ PreviewFile::PreviewFile(const std::filesystem::path& path, PreviewSize size,
 }
 
 void PreviewFile::update(std::int32_t x, std::int32_t y, std::int32_t w, std::int32_t h,
-                         const std::uint16_t* normal_codes, const std::uint8_t* coverage) {
+                         const std::uint16_t* normal_codes, const std::uint8_t* outside) {
   const CellRange cols = preview_cells(x, w, bake_width_, size_.width);
   const CellRange rows = preview_cells(y, h, bake_height_, size_.height);
   if (cols.first >= cols.last || rows.first >= rows.last) {
@@ -71,7 +71,7 @@ void PreviewFile::update(std::int32_t x, std::int32_t y, std::int32_t w, std::in
       *out++ = static_cast<std::uint8_t>(normal_codes[texel * 3 + 0] >> 8);
       *out++ = static_cast<std::uint8_t>(normal_codes[texel * 3 + 1] >> 8);
       *out++ = static_cast<std::uint8_t>(normal_codes[texel * 3 + 2] >> 8);
-      *out++ = coverage[texel] != 0 ? 255 : 0;
+      *out++ = outside[texel] == 0 ? 255 : 0;
     }
     const std::uint64_t offset = static_cast<std::uint64_t>(py * size_.width + cols.first) * 4;
     if (file_.write_all_at(row_.data(), static_cast<std::size_t>(out - row_.data()), offset) != 0) {

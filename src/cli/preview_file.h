@@ -39,9 +39,10 @@ class PreviewFile {
   PreviewSize size() const { return size_; }
 
   // Updates the pixels covered by the finished rectangle from the Normal codes
-  // (three per texel, row-major) and the coverage mask (one byte per texel).
+  // (three per texel, row-major) and the outside mask (one byte per texel,
+  // non-zero where no sub-sample is covered; such pixels get alpha 0).
   void update(std::int32_t x, std::int32_t y, std::int32_t w, std::int32_t h,
-              const std::uint16_t* normal_codes, const std::uint8_t* coverage);
+              const std::uint16_t* normal_codes, const std::uint8_t* outside);
 
  private:
   std::filesystem::path path_;

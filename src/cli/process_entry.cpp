@@ -53,8 +53,7 @@ int dispatch(const std::vector<std::string>& args, const Commands& commands) {
     }
     return 0;
   }
-  commands.bake(settings);
-  return 0;
+  return commands.bake(settings);
 }
 
 int process_entry(int argc, char** argv, const Commands& commands) {

@@ -17,8 +17,8 @@ struct Commands {
   CommandFn serve;
   CommandFn transfer;
   CommandFn meshmaps;
-  // Runs a parsed bake; throws on failure.
-  std::function<void(const NormalBakeSettings&)> bake;
+  // Runs a parsed bake; returns its exit code, throws on failure.
+  std::function<int(const NormalBakeSettings&)> bake;
 };
 
 // Picks the command from the argument list and runs it; returns its exit code.

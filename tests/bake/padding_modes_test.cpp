@@ -32,12 +32,12 @@ struct TestImage {
 
   void set(std::size_t texel, std::int32_t channel, double v) {
     const std::size_t at = (texel * c + channel) * component_bytes(type);
-    if (type == ComponentType::u8) {
+    if (type == ComponentType::kU8) {
       bytes[at] = static_cast<std::byte>(v);
-    } else if (type == ComponentType::u16) {
+    } else if (type == ComponentType::kU16) {
       const auto code = static_cast<std::uint16_t>(v);
       std::memcpy(&bytes[at], &code, 2);
-    } else if (type == ComponentType::f16) {
+    } else if (type == ComponentType::kF16) {
       const std::uint16_t code = double_to_half(v);
       std::memcpy(&bytes[at], &code, 2);
     } else {
@@ -47,17 +47,17 @@ struct TestImage {
   }
   double get(std::size_t texel, std::int32_t channel = 0) const {
     const std::size_t at = (texel * c + channel) * component_bytes(type);
-    if (type == ComponentType::u8) {
+    if (type == ComponentType::kU8) {
       return std::to_integer<int>(bytes[at]);
     }
-    if (type == ComponentType::f32) {
+    if (type == ComponentType::kF32) {
       float f;
       std::memcpy(&f, &bytes[at], 4);
       return f;
     }
     std::uint16_t code;
     std::memcpy(&code, &bytes[at], 2);
-    return type == ComponentType::u16 ? code : half_to_double(code);
+    return type == ComponentType::kU16 ? code : half_to_double(code);
   }
   // Channel 0 of every texel of a one-channel image.
   std::vector<double> row() const {
@@ -159,7 +159,7 @@ TEST(NearestValidTexels, TiesGoToTheTopmostThenLeftmostTexel) {
 }
 
 TEST(PaddingModes, PassthroughLeavesTheOutsideAsItWas) {
-  TestImage image(4, 1, 1, ComponentType::u16);
+  TestImage image(4, 1, 1, ComponentType::kU16);
   for (int i = 0; i < 4; ++i) {
     image.set(i, 0, 100 + i);
   }
@@ -171,7 +171,7 @@ TEST(PaddingModes, PassthroughLeavesTheOutsideAsItWas) {
 
 TEST(PaddingModes, InfiniteTakesTheNearestValueEverywhere) {
   // 10 _ _ _ 50: x = 2 is equally near both and takes the left (lower index).
-  TestImage image(5, 1, 1, ComponentType::u16);
+  TestImage image(5, 1, 1, ComponentType::kU16);
   image.set(0, 0, 10);
   image.set(4, 0, 50);
   const std::vector<std::uint8_t> valid = {1, 0, 0, 0, 1};
@@ -180,7 +180,7 @@ TEST(PaddingModes, InfiniteTakesTheNearestValueEverywhere) {
   EXPECT_EQ(mask, std::vector<std::uint8_t>(5, 1));
 
   // Every channel is copied bytes for bytes, also from half floats.
-  TestImage halves(3, 2, 2, ComponentType::f16);
+  TestImage halves(3, 2, 2, ComponentType::kF16);
   halves.set(5, 0, 0.1);
   halves.set(5, 1, -3.25);
   std::vector<std::uint8_t> one(6, 0);
@@ -192,7 +192,7 @@ TEST(PaddingModes, InfiniteTakesTheNearestValueEverywhere) {
   }
 
   // Without a valid texel nothing changes.
-  TestImage none(3, 1, 1, ComponentType::u8);
+  TestImage none(3, 1, 1, ComponentType::kU8);
   none.set(1, 0, 42);
   EXPECT_EQ(
       pad_image(none.view(), std::vector<std::uint8_t>(3, 0), mode(PaddingMode::infinite, 5), 1),
@@ -203,7 +203,7 @@ TEST(PaddingModes, InfiniteTakesTheNearestValueEverywhere) {
 TEST(PaddingModes, ColorBeyondTheSquaredDistanceLimit) {
   // Valid (0,0) of 3 x 3, width 2: squared distances up to 1 take the value,
   // so (1,0) and (0,1) copy it and the diagonal (1,1), at 2, gets the colour.
-  TestImage image(3, 3, 1, ComponentType::u16);
+  TestImage image(3, 3, 1, ComponentType::kU16);
   image.set(0, 0, 9);
   std::vector<std::uint8_t> valid(9, 0);
   valid[0] = 1;
@@ -214,7 +214,7 @@ TEST(PaddingModes, ColorBeyondTheSquaredDistanceLimit) {
   EXPECT_EQ(mask, std::vector<std::uint8_t>(9, 1));
 
   // 1 x 7 row, width 3: x = 1, 2 (distances 1, 4) copy; the rest is colour.
-  TestImage line(7, 1, 1, ComponentType::u16);
+  TestImage line(7, 1, 1, ComponentType::kU16);
   line.set(0, 0, 9);
   s.width = 3;
   pad_image(line.view(), std::vector<std::uint8_t>{1, 0, 0, 0, 0, 0, 0}, s, 1);
@@ -222,7 +222,7 @@ TEST(PaddingModes, ColorBeyondTheSquaredDistanceLimit) {
 
   // Width 0 and width 1 take no nearest value at all.
   for (const int width : {0, 1}) {
-    TestImage small(3, 1, 1, ComponentType::u16);
+    TestImage small(3, 1, 1, ComponentType::kU16);
     small.set(0, 0, 9);
     s.width = width;
     pad_image(small.view(), std::vector<std::uint8_t>{1, 0, 0}, s, 1);
@@ -234,7 +234,7 @@ TEST(PaddingModes, ColorIsStoredInTheComponentType) {
   PaddingSettings s = mode(PaddingMode::color, 0);
   // u8: 7.5 rounds half up, 300 clamps, -4 gives 0; the fourth channel has no
   // value and gets 0.
-  TestImage bytes(2, 1, 4, ComponentType::u8);
+  TestImage bytes(2, 1, 4, ComponentType::kU8);
   for (int c = 0; c < 4; ++c) {
     bytes.set(0, c, 50);
     bytes.set(1, c, 77);
@@ -247,13 +247,13 @@ TEST(PaddingModes, ColorIsStoredInTheComponentType) {
   EXPECT_EQ(bytes.get(1, 3), 0);
   EXPECT_EQ(bytes.get(0, 1), 50);  // the valid texel is left alone
 
-  TestImage floats(2, 1, 1, ComponentType::f32);
+  TestImage floats(2, 1, 1, ComponentType::kF32);
   s.color = {0.1};
   pad_image(floats.view(), std::vector<std::uint8_t>{1, 0}, s, 1);
   EXPECT_EQ(floats.get(1), static_cast<double>(0.1f));
 
   // The default colour is the flat Normal (32768, 32768, 65535).
-  TestImage normal(2, 1, 3, ComponentType::u16);
+  TestImage normal(2, 1, 3, ComponentType::kU16);
   pad_image(normal.view(), std::vector<std::uint8_t>{1, 0},
             padding_settings_of(NormalBakeSettings{}), 1);
   EXPECT_EQ(normal.get(1, 0), 0);  // ring by default: one valid texel of code 0 fills it
@@ -267,7 +267,7 @@ TEST(PaddingModes, ColorIsStoredInTheComponentType) {
 }
 
 TEST(PaddingModes, TransparentZeroesBeyondTheLimit) {
-  TestImage image(4, 1, 4, ComponentType::u8);
+  TestImage image(4, 1, 4, ComponentType::kU8);
   const double texel[4] = {10, 20, 30, 255};
   for (int c = 0; c < 4; ++c) {
     image.set(0, c, texel[c]);
@@ -288,7 +288,7 @@ TEST(PaddingModes, TransparentZeroesBeyondTheLimit) {
 TEST(PaddingModes, DiffusionByHand) {
   // 1 x 4, sources 0 and 200 at the ends, width 0. Pull: level 1 = (0, 200).
   // Push: x = 1 takes 3/4 * 0 + 1/4 * 200 = 50; x = 2 takes 3/4 * 200 = 150.
-  TestImage four(4, 1, 1, ComponentType::u16);
+  TestImage four(4, 1, 1, ComponentType::kU16);
   four.set(3, 0, 200);
   auto mask = pad_image(four.view(), std::vector<std::uint8_t>{1, 0, 0, 1},
                         mode(PaddingMode::diffusion, 0), 1);
@@ -299,14 +299,14 @@ TEST(PaddingModes, DiffusionByHand) {
   // neighbour. Pull: level 1 = (0, -, 200), level 2 = (0, 200), level 3 = 100.
   // Push: level 1 middle = 3/4 * 0 + 1/4 * 200 = 50; then x = 2 gets
   // 3/4 * 50 + 1/4 * 0 = 37.5 -> 38 and x = 3 gets 3/4 * 50 + 1/4 * 200 = 87.5 -> 88.
-  TestImage six(6, 1, 1, ComponentType::u16);
+  TestImage six(6, 1, 1, ComponentType::kU16);
   six.set(5, 0, 200);
   mask = pad_image(six.view(), std::vector<std::uint8_t>{1, 0, 0, 0, 0, 1},
                    mode(PaddingMode::diffusion, 2), 1);
   EXPECT_EQ(six.row(), (std::vector<double>{0, 0, 38, 88, 200, 200}));
 
   // Nothing to diffuse from: the image stays as it is.
-  TestImage none(2, 2, 1, ComponentType::u16);
+  TestImage none(2, 2, 1, ComponentType::kU16);
   none.set(3, 0, 5);
   mask =
       pad_image(none.view(), std::vector<std::uint8_t>(4, 0), mode(PaddingMode::diffusion, 3), 1);
@@ -315,7 +315,7 @@ TEST(PaddingModes, DiffusionByHand) {
 }
 
 TEST(PaddingModes, DiffusionStaysWithinTheSourceRange) {
-  TestImage image(83, 61, 2, ComponentType::f32);
+  TestImage image(83, 61, 2, ComponentType::kF32);
   std::mt19937 rng(8);
   std::vector<std::uint8_t> valid(83 * 61, 0);
   for (std::size_t i = 0; i < valid.size(); ++i) {
@@ -337,7 +337,7 @@ TEST(PaddingModes, DiffusionStaysWithinTheSourceRange) {
 }
 
 TEST(PaddingModes, NoValidTexelColorAndTransparentFillEverything) {
-  TestImage image(2, 2, 1, ComponentType::u8);
+  TestImage image(2, 2, 1, ComponentType::kU8);
   PaddingSettings s = mode(PaddingMode::color, 4);
   s.color = {66};
   EXPECT_EQ(pad_image(image.view(), std::vector<std::uint8_t>(4, 0), s, 1),
@@ -360,7 +360,7 @@ TEST(PaddingSrgb, RingMeansInLinearLight) {
   };
   for (const Case k : {Case{0, 255, true, 188}, Case{0, 255, false, 128}, Case{100, 200, true, 160},
                        Case{100, 200, false, 150}}) {
-    TestImage image(3, 1, 1, ComponentType::u8);
+    TestImage image(3, 1, 1, ComponentType::kU8);
     image.set(0, 0, k.a);
     image.set(2, 0, k.b);
     PaddingSettings s = mode(PaddingMode::ring, 1);
@@ -369,7 +369,7 @@ TEST(PaddingSrgb, RingMeansInLinearLight) {
     EXPECT_EQ(image.get(1), k.expected) << k.a << " " << k.b << " " << k.srgb;
   }
   // 16-bit: linear 0.5 -> 48191.62 -> 48192.
-  TestImage wide(3, 1, 1, ComponentType::u16);
+  TestImage wide(3, 1, 1, ComponentType::kU16);
   wide.set(2, 0, 65535);
   PaddingSettings s = mode(PaddingMode::ring, 1);
   s.srgb = true;
@@ -377,7 +377,7 @@ TEST(PaddingSrgb, RingMeansInLinearLight) {
   EXPECT_EQ(wide.get(1), 48192);
   // Alpha (the last of two or four channels) stays linear: 127.5 -> 128.
   for (const int channels : {2, 4}) {
-    TestImage rgba(3, 1, channels, ComponentType::u8);
+    TestImage rgba(3, 1, channels, ComponentType::kU8);
     for (int c = 0; c < channels; ++c) {
       rgba.set(2, c, 255);
     }
@@ -388,7 +388,7 @@ TEST(PaddingSrgb, RingMeansInLinearLight) {
     EXPECT_EQ(rgba.get(1, channels - 1), 128) << channels;
   }
   // Float images ignore the flag.
-  TestImage floats(3, 1, 1, ComponentType::f32);
+  TestImage floats(3, 1, 1, ComponentType::kF32);
   floats.set(2, 0, 1.0);
   pad_image(floats.view(), std::vector<std::uint8_t>{1, 0, 1}, s, 1);
   EXPECT_EQ(floats.get(1), 0.5);
@@ -397,7 +397,7 @@ TEST(PaddingSrgb, RingMeansInLinearLight) {
 TEST(PaddingSrgb, DiffusionInLinearLight) {
   // As the hand case above, in linear light: 0.25 -> 136.96 -> 137 and
   // 0.75 -> 224.61 -> 225.
-  TestImage image(4, 1, 1, ComponentType::u8);
+  TestImage image(4, 1, 1, ComponentType::kU8);
   image.set(3, 0, 255);
   PaddingSettings s = mode(PaddingMode::diffusion, 0);
   s.srgb = true;
@@ -451,8 +451,8 @@ TEST(HalfFloat, RoundsToNearestEven) {
 
 TEST(PaddingThreads, EveryModeIsTheSameOnOneAndTwoThreads) {
   std::mt19937 rng(21);
-  TestImage base(263, 141, 3, ComponentType::u16);
-  TestImage base8(263, 141, 4, ComponentType::u8);
+  TestImage base(263, 141, 3, ComponentType::kU16);
+  TestImage base8(263, 141, 4, ComponentType::kU8);
   std::vector<std::uint8_t> valid(263 * 141, 0);
   for (std::size_t i = 0; i < valid.size(); ++i) {
     const int x = static_cast<int>(i % 263);

@@ -322,17 +322,17 @@ TEST(RingPadding, ImageOfEveryComponentType) {
     ComponentType type;
     double expected;
   };
-  for (const Case& k : {Case{ComponentType::u8, 2.0}, Case{ComponentType::u16, 2.0},
-                        Case{ComponentType::f16, 1.5}, Case{ComponentType::f32, 1.5}}) {
+  for (const Case& k : {Case{ComponentType::kU8, 2.0}, Case{ComponentType::kU16, 2.0},
+                        Case{ComponentType::kF16, 1.5}, Case{ComponentType::kF32, 1.5}}) {
     const std::size_t bytes = component_bytes(k.type);
     std::vector<std::byte> data(3 * bytes);
     auto put = [&](int texel, double v) {
-      if (k.type == ComponentType::u8) {
+      if (k.type == ComponentType::kU8) {
         data[texel] = static_cast<std::byte>(v);
-      } else if (k.type == ComponentType::u16) {
+      } else if (k.type == ComponentType::kU16) {
         const auto c = static_cast<std::uint16_t>(v);
         std::memcpy(&data[texel * 2], &c, 2);
-      } else if (k.type == ComponentType::f16) {
+      } else if (k.type == ComponentType::kF16) {
         const std::uint16_t c = double_to_half(v);
         std::memcpy(&data[texel * 2], &c, 2);
       } else {
@@ -347,12 +347,12 @@ TEST(RingPadding, ImageOfEveryComponentType) {
     const WorkerPool pool(1);
     dilate_mean_image(image, std::vector<std::uint8_t>{1, 0, 1}, 1, false, pool);
     double got = 0;
-    if (k.type == ComponentType::u8) {
+    if (k.type == ComponentType::kU8) {
       got = std::to_integer<int>(data[1]);
-    } else if (k.type == ComponentType::u16 || k.type == ComponentType::f16) {
+    } else if (k.type == ComponentType::kU16 || k.type == ComponentType::kF16) {
       std::uint16_t c;
       std::memcpy(&c, &data[2], 2);
-      got = k.type == ComponentType::u16 ? c : half_to_double(c);
+      got = k.type == ComponentType::kU16 ? c : half_to_double(c);
     } else {
       float f;
       std::memcpy(&f, &data[4], 4);
@@ -370,7 +370,7 @@ TEST(RingPadding, PadImageRingModeEqualsDilateMean) {
   PaddingSettings settings;
   settings.mode = PaddingMode::ring;
   settings.width = 6;
-  const ImageView image{map.width, map.height, map.channels, ComponentType::u16,
+  const ImageView image{map.width, map.height, map.channels, ComponentType::kU16,
                         std::as_writable_bytes(std::span(map.codes))};
   EXPECT_EQ(pad_image(image, valid, settings, 2), direct_mask);
   EXPECT_EQ(map.codes, direct.codes);
@@ -378,7 +378,7 @@ TEST(RingPadding, PadImageRingModeEqualsDilateMean) {
 
 TEST(PaddingChecks, PadImageMessages) {
   std::vector<std::uint16_t> codes(12, 0);
-  const ImageView image{4, 3, 1, ComponentType::u16, std::as_writable_bytes(std::span(codes))};
+  const ImageView image{4, 3, 1, ComponentType::kU16, std::as_writable_bytes(std::span(codes))};
   PaddingSettings settings;
   const WorkerPool pool(1);
   expect_error([&] { pad_image(image, std::vector<std::uint8_t>(11, 0), settings, pool); },
@@ -393,7 +393,7 @@ TEST(PaddingChecks, PadImageMessages) {
   expect_error([&] { pad_image(image, std::vector<std::uint8_t>(2, 0), settings, pool); },
                "padding: the valid mask does not match the image");
   settings.width = 3;
-  const ImageView short_bytes{4, 3, 1, ComponentType::u16,
+  const ImageView short_bytes{4, 3, 1, ComponentType::kU16,
                               std::as_writable_bytes(std::span(codes).first(11))};
   expect_error([&] { pad_image(short_bytes, std::vector<std::uint8_t>(12, 0), settings, pool); },
                "padding: image or mask size mismatch (or image too large)");
@@ -401,7 +401,7 @@ TEST(PaddingChecks, PadImageMessages) {
                            std::as_writable_bytes(std::span(codes))};
   expect_error([&] { pad_image(bad_type, std::vector<std::uint8_t>(12, 0), settings, pool); },
                "padding: image or mask size mismatch (or image too large)");
-  const ImageView no_channels{4, 3, 0, ComponentType::u16, {}};
+  const ImageView no_channels{4, 3, 0, ComponentType::kU16, {}};
   expect_error([&] { pad_image(no_channels, std::vector<std::uint8_t>(12, 0), settings, pool); },
                "padding: image or mask size mismatch (or image too large)");
 }
@@ -435,7 +435,7 @@ TEST(PaddingChecks, DilateMeanMessages) {
   EXPECT_NO_THROW(dilate_mean(ok, valid, 1, 1, 2));
 
   std::vector<std::uint8_t> bytes(6);
-  const ImageView image{3, 2, 1, ComponentType::u8, std::as_writable_bytes(std::span(bytes))};
+  const ImageView image{3, 2, 1, ComponentType::kU8, std::as_writable_bytes(std::span(bytes))};
   const WorkerPool pool(1);
   expect_error([&] { dilate_mean_image(image, std::span(valid).first(4), 1, false, pool); },
                "padding: image or mask size mismatch (or image too large)");

@@ -158,16 +158,16 @@ TEST(Preview, FileHoldsTheFinishedRectangles) {
   EXPECT_EQ(test::read_text_file(path), std::string(3 * 3 * 4, '\0'));
 
   std::vector<std::uint16_t> codes(10 * 10 * 3);
-  std::vector<std::uint8_t> coverage(10 * 10, 0);
+  std::vector<std::uint8_t> outside(10 * 10, 0);
   for (int t = 0; t < 100; ++t) {
     codes[t * 3 + 0] = static_cast<std::uint16_t>(t * 256 + 255);  // top byte t
     codes[t * 3 + 1] = 0x1200;
     codes[t * 3 + 2] = 0xFFFF;
-    coverage[t] = (t % 2) ? 1 : 0;
+    outside[t] = (t % 2) ? 0 : 1;  // odd texels covered
   }
-  preview.update(4, 0, 1, 10, codes.data(), coverage.data());  // maps to no column
+  preview.update(4, 0, 1, 10, codes.data(), outside.data());  // maps to no column
   EXPECT_EQ(test::read_text_file(path), std::string(36, '\0'));
-  preview.update(6, 0, 4, 4, codes.data(), coverage.data());  // column 2, rows 0..1
+  preview.update(6, 0, 4, 4, codes.data(), outside.data());  // column 2, rows 0..1
   const std::string bytes = test::read_text_file(path);
   ASSERT_EQ(bytes.size(), 36u);
   // Pixel (2, 0) shows texel (6, 0); pixel (2, 1) shows texel (6, 3).
