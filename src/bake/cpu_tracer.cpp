@@ -441,6 +441,11 @@ CpuTraceStatistics CpuTracer::statistics() const {
   return sum;
 }
 
+std::uint64_t CpuTracer::table_bytes() const {
+  return corners_.capacity() * sizeof(CornerPositions) +
+         name_groups_.capacity() * sizeof(std::uint32_t);
+}
+
 std::string CpuTracer::description() const {
   const std::int64_t version = embree::device_version(static_cast<embree::Device>(device_));
   return "embree " + std::to_string(version / 10000) + "." + std::to_string(version / 100 % 100) +

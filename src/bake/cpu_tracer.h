@@ -79,6 +79,8 @@ class CpuTracer final : public Tracer {
   CpuTraceStatistics statistics() const;
   std::uint64_t memory_bytes() const { return memory_current_.load(); }
   std::uint64_t peak_memory_bytes() const { return memory_peak_.load(); }
+  // Bytes the tracer holds outside Embree (its corner table and groups).
+  std::uint64_t table_bytes() const;
 
   struct ThreadState;      // refine cache and counters of one tracing thread
   struct CornerPositions;  // one high triangle's corner positions

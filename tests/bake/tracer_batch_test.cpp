@@ -158,6 +158,7 @@ TEST(TracerBuild, CompactSceneAndMemoryCounters) {
   EXPECT_GT(normal.peak_memory_bytes(), 0u);
   EXPECT_GE(normal.peak_memory_bytes(), normal.memory_bytes());
   EXPECT_LT(compact.peak_memory_bytes(), normal.peak_memory_bytes());
+  EXPECT_EQ(normal.table_bytes(), field.triangles.size() * 36);
 
   // Scene flags and build quality do not change a single answer.
   const std::vector<RayQuery> queries = test::field_queries(3000, 0.02f, 0.02f);
