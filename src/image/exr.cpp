@@ -6,11 +6,13 @@
 #include <cmath>
 #include <cstring>
 #include <future>
+#include <memory>
 #include <string>
 #include <system_error>
 #include <vector>
 
 #include "core/error.h"
+#include "core/parallel.h"
 #include "image/half.h"
 #include "image/temp_file.h"
 #include "platform/platform.h"
@@ -193,11 +195,16 @@ std::string build_header(const Layout& layout) {
   return header;
 }
 
+// Lines converted per task when a buffer is filled on several threads: about
+// 256 KiB of output each.
+constexpr std::uint64_t kTaskBytes = 262144;
+
 // Writes the file: header, offset table, then the chunks in buffers of whole
-// chunks. fill_line(y, dest) stores the channel data of line y at dest. One
-// buffer is filled while the previous one is being written.
+// chunks. fill_line(y, dest) stores the channel data of line y at dest. The
+// worker threads fill one buffer while the previous one is being written.
 template <typename FillLine>
-void write_file(const std::filesystem::path& path, const Layout& layout, FillLine fill_line) {
+void write_file(const std::filesystem::path& path, const Layout& layout, int threads,
+                FillLine fill_line) {
   prepare_target(path);
 
   std::string head = build_header(layout);
@@ -219,6 +226,12 @@ void write_file(const std::filesystem::path& path, const Layout& layout, FillLin
 
   const std::uint64_t lines_per_buffer =
       std::clamp<std::uint64_t>(kBufferBytes / chunk_bytes, 1, height);
+  const std::uint64_t lines_per_task = std::max<std::uint64_t>(1, kTaskBytes / chunk_bytes);
+  // Maps of a single buffer are filled on this thread alone.
+  std::unique_ptr<WorkerPool> pool;
+  if (lines_per_buffer < height && lines_per_task < lines_per_buffer) {
+    pool = std::make_unique<WorkerPool>(threads);
+  }
   std::array<std::vector<unsigned char>, 2> buffers;
   std::future<void> pending;  // declared after temp: finishes before temp goes
   int current = 0;
@@ -227,14 +240,23 @@ void write_file(const std::filesystem::path& path, const Layout& layout, FillLin
     std::vector<unsigned char>& buffer = buffers[static_cast<std::size_t>(current)];
     current ^= 1;
     buffer.resize(static_cast<std::size_t>(lines * chunk_bytes));
-    unsigned char* out = buffer.data();
-    for (std::uint64_t y = first; y < first + lines; ++y) {
-      const auto line = static_cast<std::uint32_t>(y);
-      const auto size = static_cast<std::uint32_t>(layout.scanline_bytes);
-      std::memcpy(out, &line, 4);
-      std::memcpy(out + 4, &size, 4);
-      fill_line(static_cast<std::size_t>(y), out + 8);
-      out += chunk_bytes;
+    const auto fill_lines = [&](std::uint64_t begin, std::uint64_t end) {
+      unsigned char* out = buffer.data() + begin * chunk_bytes;
+      for (std::uint64_t y = first + begin; y < first + end; ++y) {
+        const auto line = static_cast<std::uint32_t>(y);
+        const auto size = static_cast<std::uint32_t>(layout.scanline_bytes);
+        std::memcpy(out, &line, 4);
+        std::memcpy(out + 4, &size, 4);
+        fill_line(static_cast<std::size_t>(y), out + 8);
+        out += chunk_bytes;
+      }
+    };
+    if (pool) {
+      pool->for_chunks(
+          lines, lines_per_task,
+          [&](std::uint64_t, std::uint64_t begin, std::uint64_t end) { fill_lines(begin, end); });
+    } else {
+      fill_lines(0, lines);
     }
     if (pending.valid()) {
       pending.get();
@@ -349,17 +371,17 @@ const std::uint16_t* exr_code_halves() {
 }
 
 void writeExr(const std::filesystem::path& path, int width, int height, int channels,
-              std::span<const std::uint16_t> codes, int pixel_type) {
+              std::span<const std::uint16_t> codes, int pixel_type, int threads) {
   const Layout layout = validate(path, width, height, channels, codes.size(), pixel_type);
   const std::uint16_t* data = codes.data();
   if (pixel_type == kExrFloat) {
     const float* table = exr_code_floats();
-    write_file(path, layout, [&](std::size_t y, unsigned char* dest) {
+    write_file(path, layout, threads, [&](std::size_t y, unsigned char* dest) {
       fill_channels<float>(layout, data, y, dest, [table](std::uint16_t c) { return table[c]; });
     });
   } else {
     const std::uint16_t* table = exr_code_halves();
-    write_file(path, layout, [&](std::size_t y, unsigned char* dest) {
+    write_file(path, layout, threads, [&](std::size_t y, unsigned char* dest) {
       fill_channels<std::uint16_t>(layout, data, y, dest,
                                    [table](std::uint16_t c) { return table[c]; });
     });
@@ -367,7 +389,7 @@ void writeExr(const std::filesystem::path& path, int width, int height, int chan
 }
 
 void writeExrFloat(const std::filesystem::path& path, int width, int height, int channels,
-                   const float* samples, std::size_t sample_count, int pixel_type) {
+                   const float* samples, std::size_t sample_count, int pixel_type, int threads) {
   const Layout layout = validate(path, width, height, channels, sample_count, pixel_type);
   if (samples == nullptr) {
     fail(path, "the sample pointer is null");
@@ -385,11 +407,11 @@ void writeExrFloat(const std::filesystem::path& path, int width, int height, int
                    "; only finite values can be written");
   }
   if (pixel_type == kExrFloat) {
-    write_file(path, layout, [&](std::size_t y, unsigned char* dest) {
+    write_file(path, layout, threads, [&](std::size_t y, unsigned char* dest) {
       fill_channels<float>(layout, samples, y, dest, [](float v) { return v; });
     });
   } else {
-    write_file(path, layout, [&](std::size_t y, unsigned char* dest) {
+    write_file(path, layout, threads, [&](std::size_t y, unsigned char* dest) {
       fill_channels<std::uint16_t>(layout, samples, y, dest, float_to_half_bits);
     });
   }

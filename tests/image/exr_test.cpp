@@ -256,9 +256,18 @@ TEST(ExrWriter, ChunkBuffersSplitAtWholeLines) {
   // 262 lines of 16008 bytes fit in one 4 MiB buffer: 600 lines need three,
   // the last one short.
   const std::vector<std::uint16_t> codes = random_codes(1000 * 600 * 4, 5);
-  writeExr(dir / "buffers.exr", 1000, 600, 4, codes, kExrFloat);
+  writeExr(dir / "buffers.exr", 1000, 600, 4, codes, kExrFloat, 2);
   expect_codes_in_file(dir / "buffers.exr", 1000, 600, 4, codes, kExrFloat);
   const std::string bytes = bytes_of(dir / "buffers.exr");
+  writeExr(dir / "one_thread.exr", 1000, 600, 4, codes, kExrFloat, 1);
+  EXPECT_TRUE(bytes_of(dir / "one_thread.exr") == bytes);
+  std::vector<float> samples(1000 * 600 * 4);
+  for (std::size_t i = 0; i < samples.size(); ++i) {
+    samples[i] = static_cast<float>(codes[i]) * 0.001f - 20.0f;
+  }
+  writeExrFloat(dir / "float1.exr", 1000, 600, 4, samples.data(), samples.size(), kExrHalf, 1);
+  writeExrFloat(dir / "float2.exr", 1000, 600, 4, samples.data(), samples.size(), kExrHalf, 2);
+  EXPECT_TRUE(bytes_of(dir / "float1.exr") == bytes_of(dir / "float2.exr"));
   EXPECT_EQ(bytes.size(), 331u + 600 * 8 + 600 * 16008u);
   for (std::uint32_t y : {261u, 262u, 263u, 523u, 524u, 599u}) {
     const std::uint64_t offset = u64_at(bytes, 331 + 8 * y);
