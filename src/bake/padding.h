@@ -20,7 +20,10 @@
 //   - transparent: every channel is set to 0 (alpha 0 where there is one);
 //   - color: channel c is set to color[c] (0 past the end of the list),
 //     stored in the image's component type;
-//   - diffusion: a pull-push diffusion of the filled image (see below).
+//   - diffusion: a pull-push diffusion of the filled image: the filled texels
+//     are averaged down a pyramid of halved levels, then, from the coarsest
+//     level down, every texel not filled takes the bilinear interpolation of
+//     the level above it.
 //
 // The sRGB flag marks integer images holding sRGB colour codes: every mean is
 // then taken in linear light. The colour channels are decoded with the

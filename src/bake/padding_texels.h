@@ -63,7 +63,8 @@ class TexelCodec {
 };
 
 // An integer mean into a code: 0 when m <= 0 or NaN, top when m >= top,
-// else floor(m + 0.5).
+// else floor(m + 0.5). The mean is already on the code scale (a mean of
+// codes), so this is padding's own rounding rule, not a float-to-code encode.
 inline std::uint32_t round_code(double m, double top) {
   if (!(m > 0.0)) {
     return 0;
