@@ -101,9 +101,9 @@ std::uint64_t repeated_bytes(const unsigned char* rows, std::size_t row_bytes,
   std::uint64_t repeated = 0;
   for (std::uint64_t y = begin; y < end; ++y) {
     const unsigned char* row = rows + y * row_bytes;
-    std::uint32_t in_row = 0;
+    std::uint64_t in_row = 0;
     for (std::size_t i = texel_bytes; i < row_bytes; ++i) {
-      in_row += row[i] == row[i - texel_bytes] ? 1u : 0u;
+      in_row += row[i] == row[i - texel_bytes] ? 1 : 0;
     }
     repeated += in_row;
   }
