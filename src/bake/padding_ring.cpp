@@ -18,6 +18,7 @@
 // number of threads.
 #include <algorithm>
 #include <memory>
+#include <utility>
 
 #include "bake/padding_texels.h"
 #include "core/error.h"
@@ -90,6 +91,7 @@ IndexList next_ring(const Grid& g, const IndexList& ring, std::uint8_t* state,
   const auto tasks = pool.map_chunks<IndexList>(
       ring.size(), kTexelsPerTask, [&](std::uint64_t begin, std::uint64_t end) {
         IndexList list;
+        list.reserve(static_cast<std::size_t>(end - begin) * 2);
         for (std::uint64_t k = begin; k < end; ++k) {
           const std::int64_t i = ring[k];
           const std::int64_t y = i / g.w;
@@ -128,12 +130,15 @@ std::vector<std::uint8_t> ring_fill(const ImageView& image, std::span<const std:
   // slot[i]: position of filled texel i in the list of its ring. Only read
   // for texels of the previous ring, whose slots are always written.
   const auto slot = std::make_unique_for_overwrite<std::uint32_t[]>(texels);
-  std::vector<double> previous_means;  // channels per entry of the previous ring
+  // Means of the ring being filled and of the ring before it, channels per
+  // list entry; the two buffers swap roles and keep their memory.
+  std::vector<double> means;
+  std::vector<double> previous_means;
 
   IndexList ring = first_ring(g, state.data(), pool);
   for (std::int32_t r = 1; r <= width && !ring.empty(); ++r) {
     const std::uint8_t mark = r == 1 ? kSource : kFilled;
-    std::vector<double> means(ring.size() * channels);
+    means.resize(ring.size() * channels);
     pool.for_chunks(ring.size(), kTexelsPerTask,
                     [&](std::uint64_t, std::uint64_t begin, std::uint64_t end) {
                       std::vector<double> sum(channels);
@@ -184,7 +189,7 @@ std::vector<std::uint8_t> ring_fill(const ImageView& image, std::span<const std:
                         codec.write(i, means.data() + k * channels);
                       }
                     });
-    previous_means = std::move(means);
+    std::swap(means, previous_means);
     if (r < width) {
       ring = next_ring(g, ring, state.data(), pool);
     }
