@@ -105,7 +105,7 @@ void write_map(const std::filesystem::path& path, int width, int height, int cha
   if (has_png_extension(path)) {
     writePngCodes(path, width, height, channels, codes, threads);
   } else {
-    writeExr(path, width, height, channels, codes, kExrFloat);
+    writeExr(path, width, height, channels, codes, kExrFloat, threads);
   }
 }
 
