@@ -77,7 +77,7 @@ class GltfReader {
 
   Mat4 local_transform(int node_index) const;
   void add_node(int node_index, const Mat4& world);
-  void add_primitive(const tinygltf::Mesh& gmesh, std::size_t primitive_index, const Mat4& world,
+  void add_primitive(int mesh_index, std::size_t primitive_index, const Mat4& world,
                      std::uint32_t object);
   std::vector<double> read_accessor(int index, int components, const std::string& what) const;
   std::vector<std::uint32_t> read_indices(int index, std::uint64_t vertex_count,
@@ -401,10 +401,13 @@ std::uint32_t GltfReader::material_index(int material) {
 }
 
 // Appends the triangles of one primitive, its vertices placed by `world`.
-void GltfReader::add_primitive(const tinygltf::Mesh& gmesh, std::size_t primitive_index,
-                               const Mat4& world, std::uint32_t object) {
+void GltfReader::add_primitive(int mesh_index, std::size_t primitive_index, const Mat4& world,
+                               std::uint32_t object) {
+  const tinygltf::Mesh& gmesh = model_.meshes[static_cast<std::size_t>(mesh_index)];
   const tinygltf::Primitive& prim = gmesh.primitives[primitive_index];
-  const std::string what = "mesh '" + gmesh.name + "' primitive " + std::to_string(primitive_index);
+  const std::string what =
+      (gmesh.name.empty() ? "mesh " + std::to_string(mesh_index) : "mesh '" + gmesh.name + "'") +
+      " primitive " + std::to_string(primitive_index);
   if (prim.mode != TINYGLTF_MODE_TRIANGLES && prim.mode != TINYGLTF_MODE_TRIANGLE_STRIP &&
       prim.mode != TINYGLTF_MODE_TRIANGLE_FAN) {
     return;  // points and lines carry no faces
@@ -580,7 +583,7 @@ void GltfReader::add_node(int node_index, const Mat4& world) {
   const std::size_t triangles_before = mesh_.triangles.size();
   const auto object = static_cast<std::uint32_t>(mesh_.objects.size());
   for (std::size_t p = 0; p < gmesh.primitives.size(); ++p) {
-    add_primitive(gmesh, p, world, object);
+    add_primitive(node.mesh, p, world, object);
   }
   if (mesh_.triangles.size() != triangles_before) {
     mesh_.objects.push_back(object_names_.make_unique(base));

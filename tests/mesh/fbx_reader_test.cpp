@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <string>
 
 #include "core/error.h"
@@ -103,6 +104,25 @@ TEST(FbxReader, ConcavePolygonsAreRetriangulatedToCoverTheirArea) {
     total += area;
   }
   EXPECT_DOUBLE_EQ(total, 4.0 + 3.0);  // the 4 x 1 bar and the 1 x 3 post
+
+  // The polygons are re-triangulated on the worker threads: the same result
+  // on one and on two.
+  std::vector<FbxPart> many(40, arrow);
+  for (std::size_t i = 0; i < many.size(); ++i) {
+    many[i].name = "Arrow" + std::to_string(i);
+    many[i].translation = {static_cast<float>(i) * 5, 0, 0};
+  }
+  ASSERT_EQ(test::write_fbx(many, dir / "many.fbx"), "");
+  MeshReadOptions one;
+  one.threads = 1;
+  MeshReadOptions two;
+  two.threads = 2;
+  const Mesh a = read(dir / "many.fbx", nullptr, one);
+  const Mesh b = read(dir / "many.fbx", nullptr, two);
+  ASSERT_EQ(a.triangles.size(), 160u);
+  ASSERT_EQ(b.triangles.size(), a.triangles.size());
+  EXPECT_EQ(std::memcmp(a.triangles.data(), b.triangles.data(), a.triangles.size() * 40), 0);
+  EXPECT_EQ(a.positions, b.positions);
 }
 
 TEST(FbxReader, FacePoliciesRefuseQuadsAndPolygons) {

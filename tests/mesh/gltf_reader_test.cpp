@@ -292,6 +292,11 @@ TEST(GltfReader, RefusesFilesItCannotReadFaithfully) {
 
   EXPECT_EQ(refusal(with([](GltfBuilder& b) { b.doc["accessors"][3]["count"] = 5; })),
             "mesh 'QuadMesh' primitive 0 has 5 indices, which is not a multiple of 3");
+  EXPECT_EQ(refusal(with([](GltfBuilder& b) {
+              b.doc["accessors"][3]["count"] = 5;
+              b.doc["meshes"][0].erase("name");
+            })),
+            "mesh 0 primitive 0 has 5 indices, which is not a multiple of 3");
   EXPECT_EQ(refusal(with([](GltfBuilder& b) { b.doc["accessors"][3]["count"] = 7; })),
             "accessor 3 (mesh 'QuadMesh' primitive 0 indices) reads past the end of buffer "
             "view 3");
