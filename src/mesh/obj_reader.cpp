@@ -676,6 +676,7 @@ class ChunkParser {
   }
 
   void texture_coordinate(const char* p, const char* end) {
+    // u alone is enough (v is then 0); a third value (w) is ignored.
     std::array<double, 2> uv{0.0, 0.0};
     components(p, end, uv, 1, "texture coordinate");
     t_.mesh->uvs[uvs_++] = uv;

@@ -38,7 +38,8 @@ struct ObjReadResult {
 // std::bad_alloc propagates when memory runs out while building the mesh.
 ObjReadResult read_obj(const std::filesystem::path& path, const MeshReadOptions& options);
 
-// Same, over bytes already in memory; `path` only names the file in messages.
+// Same, over bytes already in memory; `path` only names the file in messages
+// and `on_text` is not called.
 ObjReadResult parse_obj(std::string_view text, const std::filesystem::path& path,
                         const MeshReadOptions& options);
 

@@ -48,11 +48,15 @@ void expect_same_mesh(const ObjReadResult& a, const ObjReadResult& b) {
   ASSERT_EQ(x.normals.size(), y.normals.size());
   ASSERT_EQ(x.triangles.size(), y.triangles.size());
   ASSERT_EQ(x.colors.size(), y.colors.size());
-  EXPECT_EQ(std::memcmp(x.positions.data(), y.positions.data(), x.positions.size() * 12), 0);
-  EXPECT_EQ(std::memcmp(x.uvs.data(), y.uvs.data(), x.uvs.size() * 16), 0);
-  EXPECT_EQ(std::memcmp(x.normals.data(), y.normals.data(), x.normals.size() * 12), 0);
-  EXPECT_EQ(std::memcmp(x.triangles.data(), y.triangles.data(), x.triangles.size() * 40), 0);
-  EXPECT_EQ(std::memcmp(x.colors.data(), y.colors.data(), x.colors.size() * 12), 0);
+  // Bit-exact: memcmp of the arrays (never on the null data of an empty one).
+  auto same_bytes = [](const void* a, const void* b, std::size_t bytes) {
+    return bytes == 0 || std::memcmp(a, b, bytes) == 0;
+  };
+  EXPECT_TRUE(same_bytes(x.positions.data(), y.positions.data(), x.positions.size() * 12));
+  EXPECT_TRUE(same_bytes(x.uvs.data(), y.uvs.data(), x.uvs.size() * 16));
+  EXPECT_TRUE(same_bytes(x.normals.data(), y.normals.data(), x.normals.size() * 12));
+  EXPECT_TRUE(same_bytes(x.triangles.data(), y.triangles.data(), x.triangles.size() * 40));
+  EXPECT_TRUE(same_bytes(x.colors.data(), y.colors.data(), x.colors.size() * 12));
   EXPECT_EQ(x.objects, y.objects);
   EXPECT_EQ(x.materials, y.materials);
   EXPECT_EQ(x.triangle_materials, y.triangle_materials);
