@@ -157,7 +157,7 @@ std::array<double, 3> tangent_space_normal(std::span<const TangentFrame, 3> corn
   if (det != 0.0 && std::isfinite(det)) {
     const Vec3d c = {det3(h, b, n) / det, det3(t, h, n) / det, det3(t, b, h) / det};
     const double c_length = length(c);
-    if (std::isfinite(c[0]) && std::isfinite(c[1]) && std::isfinite(c[2]) && usable(c_length)) {
+    if (std::isfinite(c[0]) && std::isfinite(c[1]) && std::isfinite(c[2]) && c_length > 0.0) {
       *fallback = false;
       return {c[0] / c_length, c[1] / c_length, c[2] / c_length};
     }
