@@ -1,0 +1,322 @@
+// Whole bakes through the built binary on small generated meshes.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "core/json_line.h"
+#include "image/png.h"
+#include "mesh/kvm_file.h"
+#include "mesh/obj_reader.h"
+#include "support/test_support.h"
+
+namespace kv {
+namespace {
+
+using test::read_text_file;
+using test::run_korvane;
+using test::ScratchDir;
+using test::write_text_file;
+
+// A unit square in the XY plane facing +Z, UVs covering the whole tile, as
+// one quad (split into two triangles on reading).
+const char* kLowPlane =
+    "o plane_low\n"
+    "v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\n"
+    "vt 0 0\nvt 1 0\nvt 1 1\nvt 0 1\n"
+    "vn 0 0 1\n"
+    "f 1/1/1 2/2/1 3/3/1 4/4/1\n";
+
+// A larger parallel square just above the low one.
+const char* kHighPlane =
+    "o plane_high\n"
+    "v -1 -1 0.001\nv 2 -1 0.001\nv 2 2 0.001\nv -1 2 0.001\n"
+    "vn 0 0 1\n"
+    "f 1//1 2//1 3//1\nf 1//1 3//1 4//1\n";
+
+std::vector<std::string> lines_of(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+struct Planes {
+  ScratchDir dir;
+  std::filesystem::path low = dir / "low.obj";
+  std::filesystem::path high = dir / "high.obj";
+  Planes() {
+    write_text_file(low, kLowPlane);
+    write_text_file(high, kHighPlane);
+  }
+  std::vector<std::string> args(const std::string& out, int size,
+                                const std::vector<std::string>& extra = {}) const {
+    std::vector<std::string> a = {"--low",        low.string(),
+                                  "--high",       high.string(),
+                                  "--out-normal", (dir / out).string(),
+                                  "--size",       std::to_string(size),
+                                  "--threads",    "2"};
+    a.insert(a.end(), extra.begin(), extra.end());
+    return a;
+  }
+};
+
+std::string examples(const char* name) {
+  return (std::filesystem::path(KV_SOURCE_DIR) / "examples" / name).string();
+}
+
+TEST(BakeRun, FlatPlanesGiveTheFlatNormalAndOneSummaryLine) {
+  Planes p;
+  const auto r = run_korvane(p.args("n.png", 16, {"--out-opacity", (p.dir / "o.png").string()}));
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(r.err, "");
+  const auto lines = lines_of(r.out);
+  ASSERT_EQ(lines.size(), 1u);  // the summary alone
+  const Json summary = Json::parse(lines[0]);
+  EXPECT_EQ(summary.begin().key(), "korvane");
+  EXPECT_EQ(summary["backend"], "cpu");
+  EXPECT_EQ(summary["low_triangles"], 2);
+  EXPECT_EQ(summary["low_quads_split"], 1);
+  EXPECT_EQ(summary["texels_covered"], 256);
+  EXPECT_EQ(summary["rays"], 256);
+  EXPECT_EQ(summary["hits"], 256);
+  EXPECT_EQ(summary["out_opacity"], (p.dir / "o.png").string());
+  EXPECT_FALSE(summary.contains("memory"));
+  EXPECT_FALSE(summary.contains("raster_filter"));
+
+  // Every texel of the map holds the flat tangent-space normal, and every
+  // texel is opaque.
+  const TexelImage normal = readPng(p.dir / "n.png");
+  ASSERT_EQ(normal.width, 16);
+  ASSERT_EQ(normal.channels, 3);
+  ASSERT_EQ(normal.type, ComponentType::kU16);
+  const auto* codes = reinterpret_cast<const std::uint16_t*>(normal.data.data());
+  for (int t = 0; t < 16 * 16; ++t) {
+    ASSERT_EQ(codes[t * 3 + 0], 32768) << t;
+    ASSERT_EQ(codes[t * 3 + 1], 32768) << t;
+    ASSERT_EQ(codes[t * 3 + 2], 65535) << t;
+  }
+  const TexelImage opacity = readPng(p.dir / "o.png");
+  ASSERT_EQ(opacity.channels, 1);
+  const auto* alpha = reinterpret_cast<const std::uint16_t*>(opacity.data.data());
+  for (int t = 0; t < 16 * 16; ++t) {
+    ASSERT_EQ(alpha[t], 65535) << t;
+  }
+  EXPECT_FALSE(std::filesystem::exists(p.dir / "n.png.tmp"));
+}
+
+TEST(BakeRun, ProgressEventsPrecedeTheSummaryAndCoverEveryTexel) {
+  Planes p;
+  const auto r = run_korvane(p.args("n.exr", 40, {"--height", "24", "--progress", "1"}));
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  const auto lines = lines_of(r.out);
+  ASSERT_GE(lines.size(), 3u);
+  std::vector<std::string> phases;
+  std::uint64_t done = 0, area = 0;
+  bool saw_bake = false;
+  for (std::size_t i = 0; i + 1 < lines.size(); ++i) {
+    const Json event = Json::parse(lines[i]);
+    ASSERT_EQ(event.begin().key(), "event") << lines[i];
+    if (event["event"] == "phase") {
+      phases.push_back(event["phase"]);
+    } else if (event["event"] == "bake") {
+      saw_bake = true;
+      EXPECT_EQ(event["width"], 40);
+      EXPECT_EQ(event["height"], 24);
+      EXPECT_EQ(event["tile"], 64);
+    } else if (event["event"] == "region") {
+      area += event["w"].get<std::uint64_t>() * event["h"].get<std::uint64_t>();
+      EXPECT_EQ(event["done"].get<std::uint64_t>(), area);  // grows by each rectangle
+      EXPECT_EQ(event["total"], 40 * 24);
+      done = event["done"];
+    }
+  }
+  EXPECT_TRUE(saw_bake);
+  EXPECT_EQ(done, 40u * 24u);
+  ASSERT_GE(phases.size(), 3u);
+  EXPECT_EQ(phases[0], "load");
+  EXPECT_EQ(phases[1], "bvh");
+  EXPECT_EQ(phases[2], "bake");
+  EXPECT_EQ(Json::parse(lines.back()).begin().key(), "korvane");
+}
+
+TEST(BakeRun, PreviewFileSizeAndEvent) {
+  Planes p;
+  const auto preview = p.dir / "preview.rgba";
+  auto r = run_korvane(
+      p.args("n.exr", 100, {"--height", "300", "--preview", preview.string(), "--progress", "1"}));
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(std::filesystem::file_size(preview), 100u * 300u * 4u);
+  EXPECT_NE(r.out.find("{\"event\":\"preview\",\"path\":\"" + preview.string() +
+                       "\",\"width\":100,\"height\":300}"),
+            std::string::npos);
+  // The preview shows the Normal before padding: every covered texel of the
+  // flat bake is (128, 128, 255) with alpha 255.
+  const std::string pixels = read_text_file(preview);
+  EXPECT_EQ(static_cast<unsigned char>(pixels[0]), 128);
+  EXPECT_EQ(static_cast<unsigned char>(pixels[2]), 255);
+  EXPECT_EQ(static_cast<unsigned char>(pixels[3]), 255);
+
+  r = run_korvane(p.args("n.exr", 10, {"--preview", preview.string(), "--preview-size", "3"}));
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(std::filesystem::file_size(preview), 3u * 3u * 4u);
+
+  r = run_korvane(p.args("n.exr", 8, {"--preview", (p.dir / "no" / "p.rgba").string()}));
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_EQ(r.err,
+            "korvane: cannot write the preview file: " + (p.dir / "no" / "p.rgba").string() + "\n");
+}
+
+TEST(BakeRun, ReportFile) {
+  Planes p;
+  const auto report = p.dir / "report.json";
+  auto r = run_korvane(p.args("n.exr", 8, {"--report", report.string()}));
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(read_text_file(report), r.out);
+
+  const auto missing = p.dir / "missing" / "report.json";
+  r = run_korvane(p.args("n.exr", 8, {"--report", missing.string(), "--progress", "1"}));
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_EQ(r.err, "korvane: cannot write the report file: " + missing.string() + "\n");
+  for (const auto& line : lines_of(r.out)) {
+    EXPECT_EQ(Json::parse(line).begin().key(), "event");  // no summary
+  }
+}
+
+TEST(BakeRun, MissingInputFailsWithoutOutput) {
+  Planes p;
+  std::filesystem::remove(p.high);
+  const auto r = run_korvane(p.args("n.exr", 8));
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_EQ(r.out, "");
+  EXPECT_NE(r.err.find(p.high.string()), std::string::npos) << r.err;
+  EXPECT_FALSE(std::filesystem::exists(p.dir / "n.exr"));
+}
+
+TEST(BakeRun, BackendsWithoutAGpu) {
+  Planes p;
+  auto r = run_korvane(p.args("n.exr", 8, {"--backend", "auto"}));
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  const Json summary = Json::parse(r.out);
+  EXPECT_EQ(summary["backend"], "cpu");
+  EXPECT_EQ(summary["backend_request"], "auto");
+  EXPECT_NE(summary["gpu_unavailable"], "");
+  r = run_korvane(p.args("n.exr", 8, {"--backend", "gpu", "--gpu-pipeline", "batched"}));
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err.rfind("korvane: the GPU backend cannot run: ", 0), 0u) << r.err;
+}
+
+std::vector<std::string> cache_files(const std::filesystem::path& folder) {
+  std::vector<std::string> names;
+  if (std::filesystem::exists(folder)) {
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+      names.push_back(entry.path().filename().string());
+    }
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+TEST(BakeRun, MeshCacheHitsMissesAndNewKeys) {
+  Planes p;
+  const auto cache = p.dir / "cache";
+  // A low mesh with a polygon that cannot be triangulated exactly (it
+  // crosses itself) warns on the fresh read only.
+  write_text_file(p.low, std::string(kLowPlane) +
+                             "v 0 0 0\nv 1 1 0\nv 1 0 0\nv 0 1 0\nv 0.5 2 0\n"
+                             "f 5/1/1 6/2/1 7/3/1 8/4/1 9/1/1\n");
+  const auto args = p.args("n.exr", 8, {"--cache-dir", cache.string()});
+  auto first = run_korvane(args);
+  ASSERT_EQ(first.exit_code, 0) << first.err;
+  EXPECT_NE(first.err.find("korvane: warning: 1 faces of " + p.low.string() +
+                           " could not be triangulated exactly\n"),
+            std::string::npos)
+      << first.err;
+  const auto entries = cache_files(cache);
+  EXPECT_EQ(entries.size(), 4u);  // .kvc and .key for each input
+
+  const auto second = run_korvane(args);
+  ASSERT_EQ(second.exit_code, 0) << second.err;
+  EXPECT_EQ(second.err, "");  // a hit does not warn again
+  EXPECT_EQ(cache_files(cache), entries);
+  const Json a = Json::parse(first.out), b = Json::parse(second.out);
+  EXPECT_EQ(a["low_quads_split"], b["low_quads_split"]);
+  EXPECT_EQ(a["low_triangles"], b["low_triangles"]);
+
+  // A damaged key is a silent miss, and the entry is written again.
+  for (const auto& name : entries) {
+    if (name.size() > 4 && name.substr(name.size() - 4) == ".key") {
+      write_text_file(cache / name, "damaged");
+    }
+  }
+  const auto third = run_korvane(args);
+  ASSERT_EQ(third.exit_code, 0) << third.err;
+  EXPECT_NE(third.err.find("could not be triangulated exactly"), std::string::npos);
+  EXPECT_EQ(cache_files(cache), entries);
+
+  // Quads refused: the low fails to read and nothing new is stored.
+  const auto reject =
+      run_korvane(p.args("n.exr", 8, {"--cache-dir", cache.string(), "--quads", "reject"}));
+  EXPECT_EQ(reject.exit_code, 1);
+  EXPECT_NE(reject.err.find("quad face, but quads are set to be rejected"), std::string::npos)
+      << reject.err;
+  EXPECT_EQ(cache_files(cache), entries);
+
+  // Touching the source makes a new key.
+  const std::size_t before = cache_files(cache).size();
+  std::filesystem::last_write_time(
+      p.high, std::filesystem::last_write_time(p.high) + std::chrono::seconds(5));
+  ASSERT_EQ(run_korvane(args).exit_code, 0);
+  EXPECT_EQ(cache_files(cache).size(), before + 2);
+}
+
+TEST(BakeRun, QuadsSettingIsPartOfTheCacheKey) {
+  Planes p;
+  write_text_file(p.low,
+                  "v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\nvt 0 0\nvt 1 0\nvt 1 1\nvt 0 1\n"
+                  "vn 0 0 1\nf 1/1/1 2/2/1 3/3/1\nf 1/1/1 3/3/1 4/4/1\n");
+  const auto cache = p.dir / "cache";
+  ASSERT_EQ(run_korvane(p.args("n.exr", 8, {"--cache-dir", cache.string()})).exit_code, 0);
+  EXPECT_EQ(cache_files(cache).size(), 4u);
+  ASSERT_EQ(run_korvane(p.args("n.exr", 8, {"--cache-dir", cache.string(), "--quads", "reject"}))
+                .exit_code,
+            0);
+  EXPECT_EQ(cache_files(cache).size(), 8u);
+}
+
+TEST(BakeRun, KvmAndObjInputsAndThreadCountsGiveIdenticalMaps) {
+  ScratchDir dir;
+  MeshReadOptions options;
+  const Mesh low = read_obj(examples("sphere_low.obj"), options).mesh;
+  const Mesh high = read_obj(examples("sphere_high.obj"), options).mesh;
+  write_kvm(dir / "low.kvm", low, kKvmUvDouble | kKvmNormalsAsIs);
+  write_kvm(dir / "high.kvm", high, kKvmUvDouble | kKvmNormalsAsIs);
+
+  auto bake = [&](const std::string& low_path, const std::string& high_path, const std::string& out,
+                  const std::string& threads) {
+    const auto r = run_korvane({"--low", low_path, "--high", high_path, "--size", "96", "--aa", "2",
+                                "--out-normal", (dir / out).string(), "--out-opacity",
+                                (dir / ("o_" + out)).string(), "--threads", threads});
+    EXPECT_EQ(r.exit_code, 0) << r.err;
+    return read_text_file(dir / out) + read_text_file(dir / ("o_" + out));
+  };
+  const std::string obj_one =
+      bake(examples("sphere_low.obj"), examples("sphere_high.obj"), "obj1.exr", "1");
+  const std::string obj_two =
+      bake(examples("sphere_low.obj"), examples("sphere_high.obj"), "obj2.exr", "2");
+  const std::string kvm_two =
+      bake((dir / "low.kvm").string(), (dir / "high.kvm").string(), "kvm2.exr", "2");
+  ASSERT_GT(obj_one.size(), 96u * 96u * 16u);
+  EXPECT_TRUE(obj_one == obj_two) << "1 and 2 threads differ";
+  EXPECT_TRUE(obj_two == kvm_two) << "OBJ and .kvm inputs differ";
+}
+
+}  // namespace
+}  // namespace kv
