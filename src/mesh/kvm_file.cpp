@@ -205,14 +205,14 @@ void validate(Mesh& mesh, bool normalize, int threads, const std::filesystem::pa
       span, kValidationChunk, [&](std::uint64_t, std::uint64_t begin, std::uint64_t end) {
         for (std::uint64_t i = begin; i < std::min(end, positions); ++i) {
           const auto& p = mesh.positions[i];
-          if (!float_is_finite(p[0]) || !float_is_finite(p[1]) || !float_is_finite(p[2])) {
+          if (!(float_is_finite(p[0]) & float_is_finite(p[1]) & float_is_finite(p[2]))) {
             bad_position.record(i);
             break;
           }
         }
         for (std::uint64_t i = begin; i < std::min(end, uvs); ++i) {
           const auto& t = mesh.uvs[i];
-          if (!double_is_finite(t[0]) || !double_is_finite(t[1])) {
+          if (!(double_is_finite(t[0]) & double_is_finite(t[1]))) {
             bad_uv.record(i);
             break;
           }
@@ -223,20 +223,16 @@ void validate(Mesh& mesh, bool normalize, int threads, const std::filesystem::pa
           const float x = n[0];
           const float y = n[1];
           const float z = n[2];
-          bool ok = float_is_finite(x) && float_is_finite(y) && float_is_finite(z);
-          float length_squared = 0.0f;
-          float length = 0.0f;
-          if (ok) {
-            const float yy = y * y;
-            const float xx = x * x;
-            const float zz = z * z;
-            length_squared = (yy + xx) + zz;
-            ok = length_squared >= kSmallestNormalFloat;
-          }
-          if (ok) {
-            length = std::sqrt(length_squared);
-            ok = length > 0.0f && float_is_finite(length);
-          }
+          const float yy = y * y;
+          const float xx = x * x;
+          const float zz = z * z;
+          const float length_squared = (yy + xx) + zz;
+          const float length = std::sqrt(length_squared);
+          // A non-finite component makes the squared length NaN or infinite,
+          // which the checks below refuse as well.
+          const bool ok = float_is_finite(x) & float_is_finite(y) & float_is_finite(z) &
+                          (length_squared >= kSmallestNormalFloat) & (length > 0.0f) &
+                          float_is_finite(length);
           if (!ok) {
             if (!normal_failed) {
               bad_normal.record(i);
@@ -251,14 +247,19 @@ void validate(Mesh& mesh, bool normalize, int threads, const std::filesystem::pa
             n[2] = z * r;
           }
         }
+        // An index of -1 or 0..count-1 is exactly one whose value + 1, taken
+        // as unsigned, is at most the count; the counts fit 32 bits.
+        const auto position_count = static_cast<std::uint32_t>(positions);
+        const auto uv_limit = static_cast<std::uint32_t>(uvs);
+        const auto normal_limit = static_cast<std::uint32_t>(normals);
+        const auto object_count = static_cast<std::uint32_t>(objects);
         for (std::uint64_t i = begin; i < std::min(end, triangles); ++i) {
           const Triangle& t = mesh.triangles[i];
-          bool ok = t.object < objects;
+          bool ok = t.object < object_count;
           for (const Corner& c : t.corners) {
-            ok = ok && c.position < positions;
-            ok = ok && (c.uv == -1 || (c.uv >= 0 && static_cast<std::uint64_t>(c.uv) < uvs));
-            ok = ok && (c.normal == -1 ||
-                        (c.normal >= 0 && static_cast<std::uint64_t>(c.normal) < normals));
+            ok &= c.position < position_count;
+            ok &= static_cast<std::uint32_t>(c.uv) + 1u <= uv_limit;
+            ok &= static_cast<std::uint32_t>(c.normal) + 1u <= normal_limit;
           }
           if (!ok) {
             bad_triangle.record(i);
