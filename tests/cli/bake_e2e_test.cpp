@@ -277,6 +277,29 @@ TEST(BakeRun, MeshCacheHitsMissesAndNewKeys) {
   EXPECT_EQ(cache_files(cache).size(), before + 2);
 }
 
+TEST(BakeRun, RasterMaterialsComeFromTheObjAlsoOnACacheHit) {
+  Planes p;
+  // Left half of the tile in material "left", right half in "right".
+  write_text_file(p.low,
+                  "mtllib planes.mtl\n"
+                  "v 0 0 0\nv 0.5 0 0\nv 0.5 1 0\nv 0 1 0\nv 1 0 0\nv 1 1 0\n"
+                  "vt 0 0\nvt 0.5 0\nvt 0.5 1\nvt 0 1\nvt 1 0\nvt 1 1\nvn 0 0 1\n"
+                  "usemtl left\nf 1/1/1 2/2/1 3/3/1 4/4/1\n"
+                  "usemtl right\nf 2/2/1 5/5/1 6/6/1 3/3/1\n");
+  const auto cache = p.dir / "cache";
+  const auto args =
+      p.args("n.exr", 16, {"--raster-material", "right", "--cache-dir", cache.string()});
+  for (int run = 0; run < 2; ++run) {  // a fresh read, then a cache hit
+    const auto r = run_korvane(args);
+    ASSERT_EQ(r.exit_code, 0) << r.err;
+    const Json summary = Json::parse(r.out);
+    EXPECT_EQ(summary["texels_covered"], 16 * 8) << run;
+    EXPECT_EQ(summary["raster_filter"]["materials"], Json::array({"right"}));
+    EXPECT_EQ(summary["raster_filter"]["uv_tile"], 0);
+  }
+  EXPECT_EQ(cache_files(cache).size(), 4u);
+}
+
 TEST(BakeRun, QuadsSettingIsPartOfTheCacheKey) {
   Planes p;
   write_text_file(p.low,
