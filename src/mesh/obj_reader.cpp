@@ -1023,11 +1023,27 @@ ObjReadResult parse_text(std::string_view text, const std::filesystem::path& pat
   }
 
   // Parse pass: every chunk writes its elements at its own offsets.
-  mesh.positions.resize(static_cast<std::size_t>(next.position));
-  mesh.uvs.resize(static_cast<std::size_t>(next.uv));
-  mesh.normals.resize(static_cast<std::size_t>(next.normal));
-  mesh.triangles.resize(static_cast<std::size_t>(triangle_total));
-  mesh.triangle_materials.resize(static_cast<std::size_t>(triangle_total));
+  // The arrays are sized (and their pages first touched) side by side on
+  // the pool's threads, the largest first.
+  pool.for_chunks(5, 1, [&](std::uint64_t array, std::uint64_t, std::uint64_t) {
+    switch (array) {
+      case 0:
+        mesh.triangles.resize(static_cast<std::size_t>(triangle_total));
+        break;
+      case 1:
+        mesh.positions.resize(static_cast<std::size_t>(next.position));
+        break;
+      case 2:
+        mesh.normals.resize(static_cast<std::size_t>(next.normal));
+        break;
+      case 3:
+        mesh.uvs.resize(static_cast<std::size_t>(next.uv));
+        break;
+      default:
+        mesh.triangle_materials.resize(static_cast<std::size_t>(triangle_total));
+        break;
+    }
+  });
   std::vector<std::vector<std::pair<std::uint64_t, std::array<float, 3>>>> colors(
       static_cast<std::size_t>(chunks));
   std::vector<PolygonRecord> polygons(static_cast<std::size_t>(polygon_total));

@@ -49,8 +49,8 @@ void expect_same_mesh(const ObjReadResult& a, const ObjReadResult& b) {
   ASSERT_EQ(x.triangles.size(), y.triangles.size());
   ASSERT_EQ(x.colors.size(), y.colors.size());
   // Bit-exact: memcmp of the arrays (never on the null data of an empty one).
-  auto same_bytes = [](const void* a, const void* b, std::size_t bytes) {
-    return bytes == 0 || std::memcmp(a, b, bytes) == 0;
+  auto same_bytes = [](const void* left, const void* right, std::size_t bytes) {
+    return bytes == 0 || std::memcmp(left, right, bytes) == 0;
   };
   EXPECT_TRUE(same_bytes(x.positions.data(), y.positions.data(), x.positions.size() * 12));
   EXPECT_TRUE(same_bytes(x.uvs.data(), y.uvs.data(), x.uvs.size() * 16));
