@@ -17,6 +17,7 @@
 #include "bake/normal_bake.h"
 #include "bake/ray_setup.h"
 #include "core/parallel.h"
+#include "limit/plain_embree.h"
 #include "platform/platform.h"
 #include "scene/standard_scene.h"
 
@@ -28,63 +29,6 @@ double seconds_since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// Embree alone: closest hit, no filter, the tracer's scene flags.
-class PlainEmbree {
- public:
-  PlainEmbree(const kv::Mesh& mesh, int threads) {
-    const std::string config = "threads=" + std::to_string(threads);
-    device_ = kv::embree::new_device(config.c_str());
-    scene_ = kv::embree::new_scene(device_, {});
-    auto geometry = kv::embree::new_triangle_geometry(device_);
-    float* vertices = kv::embree::new_vertex_buffer(geometry, mesh.positions.size());
-    std::uint32_t* indices = kv::embree::new_index_buffer(geometry, mesh.triangles.size());
-    if (vertices == nullptr || indices == nullptr) {
-      std::fprintf(stderr, "bake_bench: Embree buffers could not be allocated\n");
-      std::exit(1);
-    }
-    std::memcpy(vertices, mesh.positions.data(), mesh.positions.size() * 12);
-    for (std::size_t i = 0; i < mesh.triangles.size(); ++i) {
-      for (std::size_t k = 0; k < 3; ++k) {
-        indices[3 * i + k] = mesh.triangles[i].corners[k].position;
-      }
-    }
-    kv::embree::commit_geometry(geometry);
-    kv::embree::attach_geometry(scene_, geometry);
-    kv::embree::release_geometry(geometry);
-    kv::embree::commit_scene(scene_);
-  }
-  ~PlainEmbree() {
-    kv::embree::release_scene(scene_);
-    kv::embree::release_device(device_);
-  }
-  PlainEmbree(const PlainEmbree&) = delete;
-  PlainEmbree& operator=(const PlainEmbree&) = delete;
-
-  // Traces the queries in tasks of 1024 like the tracer; returns the hits.
-  std::uint64_t trace(const std::vector<kv::RayQuery>& queries, const kv::WorkerPool& pool) const {
-    std::vector<std::uint64_t> hits = pool.map_chunks<std::uint64_t>(
-        queries.size(), 1024, [&](std::uint64_t begin, std::uint64_t end) {
-          std::uint64_t n = 0;
-          for (std::uint64_t i = begin; i < end; ++i) {
-            const kv::RayQuery& q = queries[i];
-            RTCRayHit ray = kv::embree::make_ray(q.origin.data(), q.direction.data(), q.t_max);
-            kv::embree::intersect1(scene_, &ray);
-            n += ray.hit.geomID != kv::embree::kInvalidId ? 1 : 0;
-          }
-          return n;
-        });
-    std::uint64_t total = 0;
-    for (const std::uint64_t n : hits) {
-      total += n;
-    }
-    return total;
-  }
-
- private:
-  kv::embree::Device device_ = nullptr;
-  kv::embree::Scene scene_ = nullptr;
-};
-
 int int_option(int argc, char** argv, const char* name, int fallback) {
   for (int i = 1; i + 1 < argc; ++i) {
     if (std::strcmp(argv[i], name) == 0) {
@@ -92,51 +36,6 @@ int int_option(int argc, char** argv, const char* name, int fallback) {
     }
   }
   return fallback;
-}
-
-struct PlainRun {
-  std::uint64_t rays = 0;
-  std::uint64_t hits = 0;
-  double seconds = 0.0;  // tracing only, not the query building
-};
-
-// The bake's own rays, band by band (so they never all sit in memory), each
-// band traced by the plain loop.
-PlainRun plain_trace(const kv::Mesh& low, const kv::Mesh& high,
-                     const kv::NormalBakeSettings& settings, const PlainEmbree& plain,
-                     const kv::WorkerPool& pool) {
-  const kv::LowPrep prep = kv::LowPrep::build(low, {}, settings);
-  kv::RaySetup setup;
-  setup.low = &low;
-  setup.averaged_normals = prep.averaged_normals();
-  setup.distances = kv::ray_distances(high, settings.front, settings.rear, settings.relative_scale);
-  setup.ignore_backface = settings.ignore_backface;
-  const std::int32_t aa = settings.aa;
-  const std::int64_t sample_width = static_cast<std::int64_t>(settings.width) * aa;
-  const std::int64_t sample_height = static_cast<std::int64_t>(settings.height) * aa;
-  const std::int64_t band = std::max<std::int64_t>(1, 1048576 / sample_width);
-  PlainRun run;
-  std::vector<kv::RayQuery> queries;
-  for (std::int64_t y0 = 0; y0 < sample_height; y0 += band) {
-    const std::int64_t y1 = std::min(sample_height, y0 + band);
-    queries.clear();
-    for (std::int64_t sy = y0; sy < y1; ++sy) {
-      for (std::int64_t sx = 0; sx < sample_width; ++sx) {
-        const kv::RasterHit hit = prep.raster().lookup(sx, sy, aa);
-        kv::RayQuery q;
-        if (hit.triangle >= 0 &&
-            kv::build_ray_query(setup, static_cast<std::uint32_t>(hit.triangle), hit.b1, hit.b2,
-                                q)) {
-          queries.push_back(q);
-        }
-      }
-    }
-    const Clock::time_point start = Clock::now();
-    run.hits += plain.trace(queries, pool);
-    run.seconds += seconds_since(start);
-    run.rays += queries.size();
-  }
-  return run;
 }
 
 }  // namespace
@@ -153,7 +52,7 @@ int main(int argc, char** argv) {
               seconds_since(start));
 
   start = Clock::now();
-  const PlainEmbree plain(scene.high, threads);
+  const kv::bench::PlainEmbree plain(scene.high, threads);
   std::printf("plain Embree build: %.3f s\n", seconds_since(start));
   const kv::WorkerPool pool(threads);
 
@@ -169,7 +68,8 @@ int main(int argc, char** argv) {
     start = Clock::now();
     const kv::NormalBakeRun run = kv::bake_normal_map(scene.low, scene.high, settings, threads);
     const double bake_seconds = seconds_since(start);
-    const PlainRun limit = plain_trace(scene.low, scene.high, settings, plain, pool);
+    const kv::bench::PlainRun limit =
+        kv::bench::plain_trace(scene.low, scene.high, settings, plain, pool);
     const kv::NormalBakeSeconds& s = run.seconds;
     std::printf(
         "aa %d: bake %.3f s (setup %.3f, bvh %.3f, trace %.3f = rays %.3f + resolve %.3f + wait "

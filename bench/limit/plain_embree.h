@@ -1,0 +1,43 @@
+// The limit the bake benchmarks compare against: the bake's own rays cast
+// through a plain Embree closest-hit loop (no filter, the tracer's scene
+// flags, the same thread count).
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "bake/embree_api.h"
+#include "bake/normal_bake_settings.h"
+#include "bake/tracer.h"
+#include "core/parallel.h"
+#include "mesh/mesh.h"
+
+namespace kv::bench {
+
+class PlainEmbree {
+ public:
+  PlainEmbree(const Mesh& mesh, int threads);
+  ~PlainEmbree();
+  PlainEmbree(const PlainEmbree&) = delete;
+  PlainEmbree& operator=(const PlainEmbree&) = delete;
+
+  // Traces the queries in tasks of 1024 like the tracer; returns the hits.
+  std::uint64_t trace(const std::vector<RayQuery>& queries, const WorkerPool& pool) const;
+
+ private:
+  embree::Device device_ = nullptr;
+  embree::Scene scene_ = nullptr;
+};
+
+struct PlainRun {
+  std::uint64_t rays = 0;
+  std::uint64_t hits = 0;
+  double seconds = 0.0;  // tracing only, not the query building
+};
+
+// The bake's own rays, band by band (so they never all sit in memory), each
+// band traced by the plain loop.
+PlainRun plain_trace(const Mesh& low, const Mesh& high, const NormalBakeSettings& settings,
+                     const PlainEmbree& plain, const WorkerPool& pool);
+
+}  // namespace kv::bench
