@@ -8,6 +8,7 @@
 
 #include "core/error.h"
 #include "mesh/fbx_test_scene.h"
+#include "mesh/mesh_format.h"
 #include "support/test_support.h"
 
 namespace kv {
@@ -200,6 +201,32 @@ TEST(FbxReader, MirroringNodesReverseTheWindingAndKeepTheQuadDiagonal) {
         0.0)
         << "triangle " << t << " faces away from its normal";
     expect_near(m.normals[m.triangles[t].corners[0].normal], {0, 0, 1});
+  }
+}
+
+TEST(FbxReader, BinaryAndAsciiFilesOfOneMeshReadAlike) {
+  ScratchDir dir;
+  const FbxPart part = panel();
+  ASSERT_EQ(test::write_fbx({part}, dir / "panel.fbx"), "");
+  test::write_fbx_binary(part, dir / "panel.bin");
+  EXPECT_EQ(sniff_mesh_format(dir / "panel.bin"), MeshFormat::Fbx);
+  MeshStats text_stats, binary_stats;
+  const Mesh text = read(dir / "panel.fbx", &text_stats);
+  const Mesh binary = read_mesh(dir / "panel.bin", MeshReadOptions{}, &binary_stats);
+  EXPECT_EQ(binary_stats.quads_split, text_stats.quads_split);
+  EXPECT_EQ(binary.objects, text.objects);
+  ASSERT_EQ(binary.triangles.size(), text.triangles.size());
+  for (std::size_t t = 0; t < text.triangles.size(); ++t) {
+    for (std::size_t k = 0; k < 3; ++k) {
+      SCOPED_TRACE("triangle " + std::to_string(t) + " corner " + std::to_string(k));
+      EXPECT_EQ(corner_position(binary, t, k), corner_position(text, t, k));
+      const Corner& a = binary.triangles[t].corners[k];
+      const Corner& b = text.triangles[t].corners[k];
+      ASSERT_GE(a.uv, 0);
+      ASSERT_GE(a.normal, 0);
+      EXPECT_EQ(binary.uvs[a.uv], text.uvs[b.uv]);
+      EXPECT_EQ(binary.normals[a.normal], text.normals[b.normal]);
+    }
   }
 }
 
