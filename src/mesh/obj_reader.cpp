@@ -387,7 +387,6 @@ struct ChunkCounts {
   std::uint64_t quads = 0;
   std::uint64_t polygons = 0;
   std::uint64_t polygon_corners = 0;
-  std::uint64_t largest_face = 0;
   std::uint64_t lines = 0;
   bool face_before_block = false;     // a face before the chunk's first o/g
   bool face_before_material = false;  // a face before the chunk's first usemtl
@@ -503,7 +502,6 @@ ChunkCounts count_chunk(const char* begin, const char* end) {
           if (corners >= 5) {
             ++counts.polygons;
             counts.polygon_corners += corners;
-            counts.largest_face = std::max(counts.largest_face, corners);
           }
         }
         break;
@@ -934,6 +932,7 @@ ObjReadResult parse_text(std::string_view text, const std::filesystem::path& pat
   std::int64_t current_block = -1;
   std::uint64_t triangle_total = 0;
   std::uint64_t polygon_total = 0;
+  std::uint64_t polygon_corner_total = 0;
   std::uint64_t quad_total = 0;
   std::uint64_t largest_chunk_triangles = 0;
   auto add_object = [&](std::string_view name) {
@@ -985,6 +984,7 @@ ObjReadResult parse_text(std::string_view text, const std::filesystem::path& pat
     next.material += chunk.materials.size();
     result.stats.lines += chunk.lines;
     quad_total += chunk.quads;
+    polygon_corner_total += chunk.polygon_corners;
     largest_chunk_triangles = std::max(largest_chunk_triangles, chunk.triangles);
   }
   triangle_total = next.triangle;
@@ -1011,7 +1011,10 @@ ObjReadResult parse_text(std::string_view text, const std::filesystem::path& pat
         std::min<std::uint64_t>(static_cast<std::uint64_t>(threads), chunks), 1);
     const std::uint64_t working =
         5 * triangle_total + parallel_chunks * largest_chunk_triangles * 8;
-    const std::uint64_t elements = next.position + next.uv + next.normal + triangle_total;
+    // Elements: the mesh's arrays, and the corners of the polygons that are
+    // re-triangulated after the join.
+    const std::uint64_t elements =
+        next.position + next.uv + next.normal + triangle_total + polygon_corner_total;
     const std::uint64_t estimate = 16 * working + text.size() + 12 * elements;
     if (estimate > options.memory_limit_bytes) {
       const std::uint64_t mib = std::uint64_t{1} << 20;

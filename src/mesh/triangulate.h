@@ -78,7 +78,8 @@ inline constexpr std::size_t kExactPolygonCornerLimit = 4096;
 // order, so a convex polygon keeps the fan (0, i, i + 1).
 //
 // On success `out` holds n - 2 triangles of local corner indices with the
-// polygon's winding and true is returned; otherwise `out` is unspecified.
+// polygon's winding and true is returned; otherwise false, and `out` holds
+// nothing of use.
 bool triangulate_polygon_exact(std::span<const std::array<float, 3>> corner_positions,
                                std::vector<LocalTriangle>& out);
 

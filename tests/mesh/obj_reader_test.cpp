@@ -418,6 +418,19 @@ TEST(ObjReader, FilesHooksAndWholeFileFailures) {
   EXPECT_EQ(failure(small, limited),
             "dir/model.obj: the mesh file dir/model.obj gives 3 triangles and needs about 1 MB; "
             "the limit is 0 MB");
+  // Polygon corners count as elements too: 5 positions, 3 triangles, 5 corners.
+  const std::string pentagon = "v 0 0 0\nv 2 0 0\nv 3 1 0\nv 2 2 0\nv 0 2 0\nf 1 2 3 4 5\n";
+  const std::uint64_t polygon_estimate = pentagon.size() + 16 * (5 * 3 + 3 * 8) + 12 * 13;
+  limited.memory_limit_bytes = polygon_estimate;
+  EXPECT_NO_THROW(parse(pentagon, limited));
+  limited.memory_limit_bytes = polygon_estimate - 1;
+  EXPECT_NE(failure(pentagon, limited), "");
+  // Beyond one MiB the limit is written in whole MB, rounded down, the need up.
+  limited.memory_limit_bytes = (std::uint64_t{5} << 20) + 12345;
+  const std::string many = small + std::string(6u << 20, '#') + "\n";
+  EXPECT_EQ(failure(many, limited),
+            "dir/model.obj: the mesh file dir/model.obj gives 3 triangles and needs about 7 MB; "
+            "the limit is 5 MB");
 }
 
 TEST(ObjReaderChunks, ChunksEndBehindTheFirstNewlineAfterTheirMinimum) {
