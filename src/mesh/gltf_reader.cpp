@@ -240,9 +240,11 @@ std::vector<double> GltfReader::read_accessor(int index, int components,
     fail(name + " has too many elements");
   }
   const std::size_t element_bytes = size * static_cast<std::size_t>(components);
-  std::vector<double> values(acc.count * static_cast<std::size_t>(components), 0.0);
+  std::vector<double> values;
 
-  if (acc.bufferView >= 0 && acc.count > 0) {
+  if (acc.bufferView < 0 || acc.count == 0) {
+    values.assign(acc.count * static_cast<std::size_t>(components), 0.0);
+  } else {
     const tinygltf::BufferView& bv = view(acc.bufferView, name);
     const std::size_t stride = bv.byteStride != 0 ? bv.byteStride : element_bytes;
     if (stride < element_bytes) {
@@ -251,6 +253,8 @@ std::vector<double> GltfReader::read_accessor(int index, int components,
     }
     check_view_range(bv, acc.bufferView, acc.byteOffset,
                      std::uint64_t{stride} * (acc.count - 1) + element_bytes, name);
+    // Sized only now that the buffer is known to hold every element.
+    values.resize(acc.count * static_cast<std::size_t>(components));
     const unsigned char* base = model_.buffers[static_cast<std::size_t>(bv.buffer)].data.data() +
                                 bv.byteOffset + acc.byteOffset;
     for (std::size_t i = 0; i < acc.count; ++i) {
