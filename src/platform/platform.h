@@ -18,6 +18,8 @@ namespace kv::platform {
 int hardware_thread_count();
 std::uint32_t process_id();
 std::optional<std::string> get_env(const char* name);
+// Sets the variable, or removes it when value is null.
+void set_env(const char* name, const char* value);
 
 // Opts the process out of execution-speed power throttling. The platform
 // may not have the setting; then nothing happens.

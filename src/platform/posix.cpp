@@ -44,6 +44,14 @@ std::optional<std::string> get_env(const char* name) {
   return std::string(value);
 }
 
+void set_env(const char* name, const char* value) {
+  if (value != nullptr) {
+    ::setenv(name, value, 1);
+  } else {
+    ::unsetenv(name);
+  }
+}
+
 void opt_out_of_power_throttling() {
   // Linux has no per-process execution-speed throttling to opt out of.
 }

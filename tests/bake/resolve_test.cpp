@@ -11,6 +11,7 @@
 #include "bake/low_prep.h"
 #include "bake/ray_setup.h"
 #include "core/error.h"
+#include "support/test_support.h"
 
 namespace kv {
 namespace {
@@ -470,28 +471,7 @@ void expect_same(const NormalBakeResult& a, const NormalBakeResult& b, const cha
   EXPECT_EQ(a.counters.texels_valid, b.counters.texels_valid) << what;
 }
 
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const char* value) : name_(name) {
-    if (const char* old = std::getenv(name)) {
-      old_ = old;
-      had_ = true;
-    }
-    ::setenv(name, value, 1);
-  }
-  ~ScopedEnv() {
-    if (had_) {
-      ::setenv(name_, old_.c_str(), 1);
-    } else {
-      ::unsetenv(name_);
-    }
-  }
-
- private:
-  const char* name_;
-  std::string old_;
-  bool had_ = false;
-};
+using test::ScopedEnv;
 
 TEST(Resolve, SameCodesOnAnyThreadCountBandSizeAndRefineCache) {
   const Mesh low = test::uv_sphere(24, 12, 1.0f, 0.0f);

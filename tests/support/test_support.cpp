@@ -45,6 +45,15 @@ platform::ProcessResult run_korvane(const std::vector<std::string>& args,
   return platform::run_process(argv, stdin_text, env_set, env_unset);
 }
 
+ScopedEnv::ScopedEnv(const char* name, const char* value)
+    : name_(name), old_(platform::get_env(name)) {
+  platform::set_env(name, value);
+}
+
+ScopedEnv::~ScopedEnv() {
+  platform::set_env(name_, old_ ? old_->c_str() : nullptr);
+}
+
 void write_text_file(const std::filesystem::path& path, std::string_view bytes) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -30,6 +31,19 @@ platform::ProcessResult run_korvane(const std::vector<std::string>& args,
                                     std::string_view stdin_text = {},
                                     const std::vector<std::string>& env_set = {},
                                     const std::vector<std::string>& env_unset = {});
+
+// Sets (or with a null value clears) an environment variable for one scope.
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, const char* value);
+  ~ScopedEnv();
+  ScopedEnv(const ScopedEnv&) = delete;
+  ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+ private:
+  const char* name_;
+  std::optional<std::string> old_;
+};
 
 // Writes bytes to a file, replacing it.
 void write_text_file(const std::filesystem::path& path, std::string_view bytes);
