@@ -552,5 +552,35 @@ TEST(ObjReaderChunks, TheFirstErrorInFileOrderWins) {
   EXPECT_EQ(failure("vn 0 0 0\nv 1 2 bad\nf 1 1 1\n"), "dir/model.obj: zero-length normal");
 }
 
+TEST(ObjReaderChunks, DamagedTextsFailAlikeOnEveryChunking) {
+  // Random byte damage: every outcome is a mesh or a kv::Error, and the same
+  // one for one chunk and for many chunks on two threads.
+  const std::string clean = busy_text(40);
+  std::mt19937_64 random(11);
+  const char alphabet[] = "0123456789 -+./#\nvftoge\t\r";
+  int failures = 0;
+  for (int round = 0; round < 300; ++round) {
+    std::string text = clean;
+    const int edits = 1 + static_cast<int>(random() % 4);
+    for (int e = 0; e < edits; ++e) {
+      text[random() % text.size()] = alphabet[random() % (sizeof alphabet - 1)];
+    }
+    auto outcome = [&](int threads, std::uint64_t floor) -> std::pair<std::string, std::size_t> {
+      MeshReadOptions options;
+      options.threads = threads;
+      try {
+        const ObjReadResult r = detail::parse_obj_chunked(text, kPath, options, floor);
+        return {"", r.mesh.triangles.size()};
+      } catch (const Error& error) {
+        return {error.what(), 0};
+      }
+    };
+    const auto whole = outcome(1, kObjChunkFloor);
+    ASSERT_EQ(whole, outcome(2, 97)) << text;
+    failures += whole.first.empty() ? 0 : 1;
+  }
+  EXPECT_GT(failures, 0);
+}
+
 }  // namespace
 }  // namespace kv
