@@ -12,30 +12,16 @@
 #include <string>
 
 #include "cli/bake_command.h"
+#include "common/bench_common.h"
 #include "core/parallel.h"
 #include "limit/plain_embree.h"
 #include "mesh/kvm_file.h"
 #include "platform/platform.h"
 #include "scene/standard_scene.h"
 
-namespace {
-
-using Clock = std::chrono::steady_clock;
-
-double seconds_since(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-int int_option(int argc, char** argv, const char* name, int fallback) {
-  for (int i = 1; i + 1 < argc; ++i) {
-    if (std::strcmp(argv[i], name) == 0) {
-      return std::atoi(argv[i + 1]);
-    }
-  }
-  return fallback;
-}
-
-}  // namespace
+using kv::bench::Clock;
+using kv::bench::int_option;
+using kv::bench::seconds_since;
 
 int main(int argc, char** argv) {
   const int threads = int_option(argc, argv, "--threads", 2);

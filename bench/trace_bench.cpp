@@ -16,17 +16,16 @@
 
 #include "bake/cpu_tracer.h"
 #include "bake/embree_api.h"
+#include "common/bench_common.h"
 #include "core/parallel.h"
 #include "platform/platform.h"
 #include "scene/standard_scene.h"
 
+using kv::bench::Clock;
+using kv::bench::int_option;
+using kv::bench::seconds_since;
+
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-double seconds_since(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
 
 double cpu_seconds_since(std::clock_t start) {
   return static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
@@ -136,15 +135,6 @@ class PlainEmbree {
 std::size_t count_hits(const std::vector<kv::RayHit>& hits) {
   return static_cast<std::size_t>(
       std::count_if(hits.begin(), hits.end(), [](const kv::RayHit& h) { return h.triangle >= 0; }));
-}
-
-int int_option(int argc, char** argv, const char* name, int fallback) {
-  for (int i = 1; i + 1 < argc; ++i) {
-    if (std::strcmp(argv[i], name) == 0) {
-      return std::atoi(argv[i + 1]);
-    }
-  }
-  return fallback;
 }
 
 }  // namespace
