@@ -291,6 +291,15 @@ TEST(UvRasterGrid, CellBoxesWidenByOneTexelAndListsAreSorted) {
   const UvRaster raster(mesh, 16, 16, 0, 0, -1, false);
   const std::array<std::int32_t, 4> box = {0, 1, 0, 1};
   EXPECT_EQ(raster.cell_boxes()[0], box);
+  // The widening crosses cell borders on both sides: texels 8..12 become
+  // 7..13 (cells 0..1), texels 4..8 become 3..9 (cells 0..1).
+  Mesh borders;
+  add_uv_triangle(borders, {{{0.5, 0.5}, {0.75, 0.5}, {0.5, 0.75}}});
+  add_uv_triangle(borders, {{{0.25, 0.25}, {0.5, 0.25}, {0.25, 0.5}}});
+  const UvRaster crossing(borders, 16, 16, 0, 0, -1, false);
+  const std::array<std::int32_t, 4> both = {0, 1, 0, 1};
+  EXPECT_EQ(crossing.cell_boxes()[0], both);
+  EXPECT_EQ(crossing.cell_boxes()[1], both);
   // Triangles half outside are clamped to the image.
   Mesh edge;
   add_uv_triangle(edge, {{{-0.5, -0.5}, {0.03, -0.5}, {-0.5, 0.03}}});
