@@ -59,7 +59,12 @@ TEST(Dispatch, HelpPrintsTheUsageAndReadsNoFile) {
     const auto r = run_korvane(args);
     EXPECT_EQ(r.exit_code, 0);
     EXPECT_EQ(r.err, "");
-    EXPECT_EQ(r.out.rfind("korvane 0.4.0", 0), 0u) << r.out.substr(0, 80);
+    EXPECT_EQ(r.out.rfind("korvane 0.4.0: ", 0), 0u) << r.out.substr(0, 80);
+    // One banner line, then a blank line, then the usage lines.
+    const std::size_t banner_end = r.out.find('\n');
+    EXPECT_NE(r.out.substr(0, banner_end).find("reference painting application's baker"),
+              std::string::npos);
+    EXPECT_EQ(r.out.substr(banner_end, 9), "\n\nUsage: ");
     EXPECT_NE(r.out.find("\nUsage: korvane --low <low.obj|.kvm> --high "
                          "<high.obj|.kvm|.gltf|.glb|.fbx> --size <W> --out-normal "
                          "<normal.exr|.png> [options]\n"),
