@@ -159,6 +159,15 @@ TEST(LowPrepMask, MaterialsTileAndSkipListSelectTriangles) {
   EXPECT_EQ(tile.raster().u0(), 1);
   EXPECT_EQ(tile.raster().lookup(8, 4, 1).triangle, 2);  // (1.53, 0.44)
 
+  // Tile 1011 is column 0, row 1: the centroid's v decides as well.
+  Mesh rows;
+  add_uv_triangle(rows, {{{0.2, 0.2}, {0.8, 0.2}, {0.5, 0.8}}});
+  add_uv_triangle(rows, {{{0.2, 1.2}, {0.8, 1.2}, {0.5, 1.8}}});
+  add_uv_triangle(rows, {{{1.2, 1.2}, {1.8, 1.2}, {1.5, 1.8}}});
+  RasterFilter row_filter;
+  row_filter.uv_tile = 1011;
+  EXPECT_EQ(build_raster_mask(rows, row_filter, 1011), (std::vector<std::uint8_t>{0, 1, 0}));
+
   s.uv_tile = 0;
   s.udim = 1001;
   const std::vector<std::int64_t> skipped = {0, 0, 2};
