@@ -16,6 +16,7 @@
 #include "core/error.h"
 #include "core/parallel.h"
 #include "mesh/mesh_format.h"
+#include "mesh/node_transform.h"
 #include "mesh/triangulate.h"
 #include "platform/platform.h"
 
@@ -25,27 +26,12 @@ namespace {
 constexpr std::uint64_t kMaxElements = 2147483647;
 
 // Row-major 4x4 matrix acting on column vectors, as Assimp stores it.
-using Mat4 = std::array<std::array<double, 4>, 4>;
 
 Mat4 to_mat4(const aiMatrix4x4& m) {
   return {{{m.a1, m.a2, m.a3, m.a4},
            {m.b1, m.b2, m.b3, m.b4},
            {m.c1, m.c2, m.c3, m.c4},
            {m.d1, m.d2, m.d3, m.d4}}};
-}
-
-Mat4 multiply(const Mat4& a, const Mat4& b) {
-  Mat4 r{};
-  for (int i = 0; i < 4; ++i) {
-    for (int j = 0; j < 4; ++j) {
-      double sum = 0.0;
-      for (int k = 0; k < 4; ++k) {
-        sum += a[i][k] * b[k][j];
-      }
-      r[i][j] = sum;
-    }
-  }
-  return r;
 }
 
 class FbxReader {
@@ -95,21 +81,15 @@ std::uint32_t FbxReader::material_index(unsigned int material) {
 // Appends one mesh's polygons, its vertices placed by `world`.
 void FbxReader::add_mesh(const aiMesh& source, const Mat4& world, std::uint32_t object) {
   const std::string what = "mesh '" + std::string(source.mName.C_Str()) + "'";
-  const double det = world[0][0] * (world[1][1] * world[2][2] - world[1][2] * world[2][1]) -
-                     world[0][1] * (world[1][0] * world[2][2] - world[1][2] * world[2][0]) +
-                     world[0][2] * (world[1][0] * world[2][1] - world[1][1] * world[2][0]);
-  const bool mirrored = det < 0;
+  const NodeTransform transform(world);
+  const bool mirrored = transform.mirrored();
 
   const std::uint64_t position_base = mesh_.positions.size();
   for (unsigned int v = 0; v < source.mNumVertices; ++v) {
     const aiVector3D& s = source.mVertices[v];
-    std::array<float, 3> p{};
-    for (int r = 0; r < 3; ++r) {
-      p[static_cast<std::size_t>(r)] = static_cast<float>(world[r][0] * s.x + world[r][1] * s.y +
-                                                          world[r][2] * s.z + world[r][3]);
-      if (!std::isfinite(p[static_cast<std::size_t>(r)])) {
-        fail(what + " has the position " + std::to_string(v) + ", which is not finite");
-      }
+    const std::array<float, 3> p = transform.point(s.x, s.y, s.z);
+    if (!std::isfinite(p[0]) || !std::isfinite(p[1]) || !std::isfinite(p[2])) {
+      fail(what + " has the position " + std::to_string(v) + ", which is not finite");
     }
     mesh_.positions.push_back(p);
   }
@@ -117,33 +97,13 @@ void FbxReader::add_mesh(const aiMesh& source, const Mat4& world, std::uint32_t 
   const bool has_normals = source.mNormals != nullptr;
   const std::uint64_t normal_base = mesh_.normals.size();
   if (has_normals) {
-    // Normals go through the inverse transpose: the cofactor matrix, its sign
-    // restored for mirroring transforms.
-    double cof[3][3];
-    for (int r = 0; r < 3; ++r) {
-      for (int c = 0; c < 3; ++c) {
-        const int r1 = (r + 1) % 3, r2 = (r + 2) % 3, c1 = (c + 1) % 3, c2 = (c + 2) % 3;
-        cof[r][c] = (world[r1][c1] * world[r2][c2] - world[r1][c2] * world[r2][c1]) *
-                    (mirrored ? -1.0 : 1.0);
-      }
-    }
     for (unsigned int v = 0; v < source.mNumVertices; ++v) {
       const aiVector3D& n = source.mNormals[v];
-      std::array<float, 3> t{};
-      for (int r = 0; r < 3; ++r) {
-        t[static_cast<std::size_t>(r)] =
-            static_cast<float>(cof[r][0] * n.x + cof[r][1] * n.y + cof[r][2] * n.z);
-      }
-      // The OBJ reader's float32 normalisation, so both sources agree.
-      const float xx = t[0] * t[0];
-      const float yy = t[1] * t[1];
-      const float zz = t[2] * t[2];
-      const float length = std::sqrt((xx + yy) + zz);
-      if (!(length > 0.0f) || !std::isfinite(length)) {
+      std::array<float, 3> unit{};
+      if (!transform.normal(n.x, n.y, n.z, unit)) {
         fail(what + " has the normal " + std::to_string(v) + ", which has no direction");
       }
-      const float inverse = 1.0f / length;
-      mesh_.normals.push_back({t[0] * inverse, t[1] * inverse, t[2] * inverse});
+      mesh_.normals.push_back(unit);
     }
   }
 
@@ -238,15 +198,11 @@ Mesh FbxReader::read(const WorkerPool& pool, MeshStats& stats) {
     const aiNode* node;
     Mat4 parent;
   };
-  Mat4 identity{};
-  for (int i = 0; i < 4; ++i) {
-    identity[i][i] = 1.0;
-  }
-  std::vector<Pending> stack = {{scene_.mRootNode, identity}};
+  std::vector<Pending> stack = {{scene_.mRootNode, mat4_identity()}};
   while (!stack.empty()) {
     const Pending next = stack.back();
     stack.pop_back();
-    const Mat4 world = multiply(next.parent, to_mat4(next.node->mTransformation));
+    const Mat4 world = mat4_multiply(next.parent, to_mat4(next.node->mTransformation));
     for (const auto& row : world) {
       for (double v : row) {
         if (!std::isfinite(v)) {

@@ -16,6 +16,7 @@
 
 #include "core/error.h"
 #include "mesh/mesh_format.h"
+#include "mesh/node_transform.h"
 #include "platform/platform.h"
 
 namespace kv {
@@ -36,31 +37,6 @@ bool extension_supported(std::string_view name) {
 std::string unsupported_extension(std::string_view name) {
   return "the file needs the glTF extension " + std::string(name) +
          ", which this reader does not support";
-}
-
-// Row-major 4x4 matrix acting on column vectors.
-using Mat4 = std::array<std::array<double, 4>, 4>;
-
-Mat4 identity() {
-  Mat4 m{};
-  for (int i = 0; i < 4; ++i) {
-    m[i][i] = 1.0;
-  }
-  return m;
-}
-
-Mat4 multiply(const Mat4& a, const Mat4& b) {
-  Mat4 r{};
-  for (int i = 0; i < 4; ++i) {
-    for (int j = 0; j < 4; ++j) {
-      double sum = 0.0;
-      for (int k = 0; k < 4; ++k) {
-        sum += a[i][k] * b[k][j];
-      }
-      r[i][j] = sum;
-    }
-  }
-  return r;
 }
 
 class GltfReader {
@@ -338,7 +314,7 @@ std::vector<std::uint32_t> GltfReader::read_indices(int index, std::uint64_t ver
 
 Mat4 GltfReader::local_transform(int node_index) const {
   const tinygltf::Node& node = model_.nodes[static_cast<std::size_t>(node_index)];
-  Mat4 m = identity();
+  Mat4 m = mat4_identity();
   if (node.matrix.size() == 16) {
     for (int r = 0; r < 4; ++r) {
       for (int c = 0; c < 4; ++c) {
@@ -487,57 +463,29 @@ void GltfReader::add_primitive(int mesh_index, std::size_t primitive_index, cons
 
   // A mirroring transform turns the winding around; swapping two corners
   // keeps the faces facing the way their normals do.
-  const double det = world[0][0] * (world[1][1] * world[2][2] - world[1][2] * world[2][1]) -
-                     world[0][1] * (world[1][0] * world[2][2] - world[1][2] * world[2][0]) +
-                     world[0][2] * (world[1][0] * world[2][1] - world[1][1] * world[2][0]);
-  const bool mirrored = det < 0;
+  const NodeTransform transform(world);
+  const bool mirrored = transform.mirrored();
 
   const std::uint64_t position_base = mesh_.positions.size();
   for (std::uint64_t v = 0; v < vertex_count; ++v) {
     const double x = positions[3 * v];
     const double y = positions[3 * v + 1];
     const double z = positions[3 * v + 2];
-    std::array<float, 3> p{};
-    for (int r = 0; r < 3; ++r) {
-      const double value = world[r][0] * x + world[r][1] * y + world[r][2] * z + world[r][3];
-      p[static_cast<std::size_t>(r)] = static_cast<float>(value);
-      if (!std::isfinite(p[static_cast<std::size_t>(r)])) {
-        fail(what + " has the position " + std::to_string(v) + ", which is not finite");
-      }
+    const std::array<float, 3> p = transform.point(x, y, z);
+    if (!std::isfinite(p[0]) || !std::isfinite(p[1]) || !std::isfinite(p[2])) {
+      fail(what + " has the position " + std::to_string(v) + ", which is not finite");
     }
     mesh_.positions.push_back(p);
   }
 
   const std::uint64_t normal_base = mesh_.normals.size();
   if (!normals.empty()) {
-    // Normals go through the inverse transpose; the cofactor matrix is that up
-    // to the determinant, whose sign is restored.
-    double cof[3][3];
-    for (int r = 0; r < 3; ++r) {
-      for (int c = 0; c < 3; ++c) {
-        const int r1 = (r + 1) % 3, r2 = (r + 2) % 3, c1 = (c + 1) % 3, c2 = (c + 2) % 3;
-        cof[r][c] = (world[r1][c1] * world[r2][c2] - world[r1][c2] * world[r2][c1]) *
-                    (mirrored ? -1.0 : 1.0);
-      }
-    }
     for (std::uint64_t v = 0; v < vertex_count; ++v) {
-      std::array<float, 3> t{};
-      for (int r = 0; r < 3; ++r) {
-        t[static_cast<std::size_t>(r)] =
-            static_cast<float>(cof[r][0] * normals[3 * v] + cof[r][1] * normals[3 * v + 1] +
-                               cof[r][2] * normals[3 * v + 2]);
-      }
-      // The same float32 normalisation as the OBJ reader's, so a mesh exported
-      // both ways gets the same normals.
-      const float xx = t[0] * t[0];
-      const float yy = t[1] * t[1];
-      const float zz = t[2] * t[2];
-      const float length = std::sqrt((xx + yy) + zz);
-      if (!(length > 0.0f) || !std::isfinite(length)) {
+      std::array<float, 3> unit{};
+      if (!transform.normal(normals[3 * v], normals[3 * v + 1], normals[3 * v + 2], unit)) {
         fail(what + " has the normal " + std::to_string(v) + ", which has no direction");
       }
-      const float inverse = 1.0f / length;
-      mesh_.normals.push_back({t[0] * inverse, t[1] * inverse, t[2] * inverse});
+      mesh_.normals.push_back(unit);
     }
   }
 
@@ -635,7 +583,7 @@ Mesh GltfReader::read() {
   };
   std::vector<Pending> stack;
   for (auto it = roots.rbegin(); it != roots.rend(); ++it) {
-    stack.push_back({*it, identity()});
+    stack.push_back({*it, mat4_identity()});
   }
   while (!stack.empty()) {
     const Pending next = stack.back();
@@ -647,7 +595,7 @@ Mesh GltfReader::read() {
       fail("node " + std::to_string(next.node) + " appears twice in the node hierarchy");
     }
     visited[static_cast<std::size_t>(next.node)] = true;
-    const Mat4 world = multiply(next.parent, local_transform(next.node));
+    const Mat4 world = mat4_multiply(next.parent, local_transform(next.node));
     add_node(next.node, world);
     const auto& children = model_.nodes[static_cast<std::size_t>(next.node)].children;
     for (auto it = children.rbegin(); it != children.rend(); ++it) {
