@@ -2,7 +2,7 @@
 // float EXR beside a plain write of the same number of bytes to the same
 // folder, then as a 16-bit PNG. Prints both throughputs and their ratio.
 //
-//   image_write_bench [folder] [rounds]
+//   image_write_bench [--dir <folder>] [--rounds N]
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "common/bench_common.h"
 #include "core/error.h"
 #include "image/exr.h"
 #include "image/png.h"
@@ -75,11 +76,13 @@ void plain_write(const fs::path& path, const std::vector<unsigned char>& bytes) 
 
 int main(int argc, char** argv) {
   try {
+    const std::string given_folder = kv::bench::option_value(argc, argv, "--dir", "");
     const fs::path folder =
-        argc > 1 ? fs::path(argv[1])
-                 : fs::temp_directory_path() /
-                       ("kv-image-bench-" + std::to_string(kv::platform::process_id()));
-    const int rounds = argc > 2 ? std::max(1, std::atoi(argv[2])) : 3;
+        !given_folder.empty()
+            ? fs::path(given_folder)
+            : fs::temp_directory_path() /
+                  ("kv-image-bench-" + std::to_string(kv::platform::process_id()));
+    const int rounds = std::max(1, kv::bench::int_option(argc, argv, "--rounds", 3));
     fs::create_directories(folder);
     const fs::path exr_path = folder / "bench.exr";
     const fs::path plain_path = folder / "bench.raw";
@@ -137,7 +140,7 @@ int main(int argc, char** argv) {
     fs::remove(exr_path);
     fs::remove(plain_path);
     fs::remove(png_path);
-    if (argc <= 1) {
+    if (given_folder.empty()) {
       fs::remove(folder);
     }
     return 0;

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "common/bench_common.h"
 #include "core/error.h"
 #include "mesh/kvm_file.h"
 #include "mesh/obj_reader.h"
@@ -91,14 +92,7 @@ void warm_page_cache(const std::string& path) {
   }
 }
 
-std::string option_value(int argc, char** argv, const char* name, const char* fallback) {
-  for (int i = 1; i + 1 < argc; ++i) {
-    if (std::string(argv[i]) == name) {
-      return argv[i + 1];
-    }
-  }
-  return fallback;
-}
+using kv::bench::option_value;
 
 // Child: writes the OBJ, reads it and stores it as .kvm. Kept out of the
 // parent because the peak resident size a process reports is inherited by

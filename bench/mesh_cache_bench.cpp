@@ -2,7 +2,7 @@
 // stores the entry, the second reads the entry. Prints both times and their
 // ratio; the warm hit should be at least ten times faster.
 //
-//   mesh_cache_bench [grid cells per side, default 1024 = 2,097,152 triangles]
+//   mesh_cache_bench [--cells <grid cells per side, default 1024 = 2,097,152 triangles>]
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -11,6 +11,7 @@
 #include <fstream>
 #include <string>
 
+#include "common/bench_common.h"
 #include "mesh/mesh_cache.h"
 #include "mesh/mesh_format.h"
 #include "platform/platform.h"
@@ -87,7 +88,7 @@ std::uint64_t write_grid_obj(const std::filesystem::path& path, int cells) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const int cells = argc > 1 ? std::atoi(argv[1]) : 1024;
+  const int cells = kv::bench::int_option(argc, argv, "--cells", 1024);
   if (cells < 1 || cells > 8192) {
     std::fprintf(stderr, "grid cells per side must be 1 to 8192\n");
     return 2;

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "common/bench_common.h"
 #include "core/error.h"
 #include "mesh/obj_reader.h"
 #include "obj/bench_obj.h"
@@ -139,14 +140,7 @@ void warm_page_cache(const std::string& path) {
   }
 }
 
-std::string option_value(int argc, char** argv, const char* name, const char* fallback) {
-  for (int i = 1; i + 1 < argc; ++i) {
-    if (std::string(argv[i]) == name) {
-      return argv[i + 1];
-    }
-  }
-  return fallback;
-}
+using kv::bench::option_value;
 
 bool has_flag(int argc, char** argv, const char* name) {
   for (int i = 1; i < argc; ++i) {

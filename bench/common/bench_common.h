@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 namespace kv::bench {
 
@@ -12,6 +13,16 @@ using Clock = std::chrono::steady_clock;
 
 inline double seconds_since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// The text after `name` on the command line, or the fallback.
+inline std::string option_value(int argc, char** argv, const char* name, const char* fallback) {
+  for (int i = 1; i + 1 < argc; ++i) {
+    if (std::strcmp(argv[i], name) == 0) {
+      return argv[i + 1];
+    }
+  }
+  return fallback;
 }
 
 // The value after `name` on the command line, or the fallback.
