@@ -5,8 +5,8 @@
 #include <cmath>
 #include <string>
 
-#include "core/error.h"
 #include "mesh/gltf_test_builder.h"
+#include "mesh/mesh_test_util.h"
 #include "support/test_support.h"
 
 namespace kv {
@@ -21,19 +21,12 @@ Mesh read_text(const ScratchDir& dir, const std::string& bytes, const std::strin
   return read_gltf(dir / name, MeshReadOptions{});
 }
 
-// The message of the refusal, without the "<path>: " prefix.
+// The message of the refusal, less the path ("" when read).
 std::string refusal(const std::string& bytes, const std::string& name = "m.gltf") {
   ScratchDir dir;
   test::write_text_file(dir / name, bytes);
-  try {
-    read_gltf(dir / name, MeshReadOptions{});
-  } catch (const Error& e) {
-    const std::string prefix = (dir / name).string() + ": ";
-    const std::string what = e.what();
-    EXPECT_EQ(what.rfind(prefix, 0), 0u) << what;
-    return what.substr(std::min(prefix.size(), what.size()));
-  }
-  return "";
+  return test::error_of([&] { read_gltf(dir / name, MeshReadOptions{}); },
+                        (dir / name).string() + ": ");
 }
 
 const std::vector<float> kQuad = {0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0};
@@ -62,36 +55,24 @@ TEST(GltfReader, PlacesVerticesByTheNodeAndTurnsVToTheObjConvention) {
   test::write_text_file(dir / "q.gltf", b.gltf_text());
   const Mesh m = read_gltf(dir / "q.gltf", MeshReadOptions{}, &stats);
   EXPECT_EQ(stats.quads_split, 0u);
-  ASSERT_EQ(m.positions.size(), 4u);
-  EXPECT_EQ(m.positions[1], (std::array<float, 3>{12, 0, 0}));
-  EXPECT_EQ(m.positions[2], (std::array<float, 3>{12, 2, 0}));
-  ASSERT_EQ(m.uvs.size(), 4u);
-  EXPECT_EQ(m.uvs[0], (std::array<double, 2>{0, 1}));
-  EXPECT_EQ(m.uvs[2], (std::array<double, 2>{1, 0.75}));
-  ASSERT_EQ(m.normals.size(), 4u);
-  EXPECT_EQ(m.normals[3], (std::array<float, 3>{0, 0, 1}));
+  EXPECT_EQ(m.positions,
+            (std::vector<std::array<float, 3>>{{10, 0, 0}, {12, 0, 0}, {12, 2, 0}, {10, 2, 0}}));
+  EXPECT_EQ(m.uvs, (std::vector<std::array<double, 2>>{{0, 1}, {1, 1}, {1, 0.75}, {0, 0}}));
+  EXPECT_EQ(m.normals, (std::vector<std::array<float, 3>>(4, {0, 0, 1})));
   ASSERT_EQ(m.triangles.size(), 2u);
-  const Triangle& second = m.triangles[1];
-  EXPECT_EQ(second.corners[0].position, 0u);
-  EXPECT_EQ(second.corners[1].position, 2u);
-  EXPECT_EQ(second.corners[2].position, 3u);
-  EXPECT_EQ(second.corners[2].uv, 3);
-  EXPECT_EQ(second.corners[2].normal, 3);
+  const auto& c = m.triangles[1].corners;
+  EXPECT_EQ(std::tuple(c[0].position, c[1].position, c[2].position, c[2].uv, c[2].normal),
+            std::tuple(0u, 2u, 3u, 3, 3));
   EXPECT_EQ(m.objects, std::vector<std::string>{"Quad"});
   EXPECT_EQ(m.materials, std::vector<std::string>{"paint"});
   EXPECT_EQ(m.triangle_materials, (std::vector<std::uint32_t>{0, 0}));
 
   // The same document as .glb, and with the buffer in a file beside it.
-  const Mesh glb = read_text(dir, b.glb_bytes(), "q.glb");
-  EXPECT_EQ(glb.positions, m.positions);
-  EXPECT_EQ(glb.uvs, m.uvs);
-  EXPECT_EQ(glb.normals, m.normals);
+  test::expect_same_mesh(read_text(dir, b.glb_bytes(), "q.glb"), m);
   test::write_text_file(dir / "q.bin", b.bin);
   json external = b.finished();
   external["buffers"][0]["uri"] = "q.bin";
-  const Mesh split = read_text(dir, external.dump(), "external.gltf");
-  EXPECT_EQ(split.positions, m.positions);
-  EXPECT_EQ(split.triangles.size(), 2u);
+  test::expect_same_mesh(read_text(dir, external.dump(), "external.gltf"), m);
 }
 
 TEST(GltfReader, WalksTheSceneDepthFirstAndNamesObjectsUniquely) {
@@ -116,14 +97,14 @@ TEST(GltfReader, WalksTheSceneDepthFirstAndNamesObjectsUniquely) {
   }
   // The child: rotated a quarter turn about z, then lifted by its parent.
   const auto& rotated = m.positions[m.triangles[1].corners[0].position];
-  EXPECT_NEAR(rotated[0], 0.0f, 1e-7f);
-  EXPECT_NEAR(rotated[1], 1.0f, 1e-7f);
-  EXPECT_NEAR(rotated[2], 5.0f, 1e-7f);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_NEAR(rotated[i], (std::array<float, 3>{0, 1, 5})[i], 1e-7f) << i;
+  }
   EXPECT_EQ(m.positions[m.triangles[0].corners[2].position], (std::array<float, 3>{0, 0, 6}));
   EXPECT_EQ(m.materials, std::vector<std::string>{"default"});
   EXPECT_TRUE(m.uvs.empty());
-  EXPECT_EQ(m.triangles[2].corners[0].uv, -1);
-  EXPECT_EQ(m.triangles[2].corners[0].normal, -1);
+  EXPECT_EQ(std::pair(m.triangles[2].corners[0].uv, m.triangles[2].corners[0].normal),
+            std::pair(-1, -1));
 
   // A matrix given column by column places like the equivalent TRS.
   GltfBuilder mb;
@@ -149,17 +130,10 @@ TEST(GltfReader, NormalsFollowTheInverseTransposeAndMirrorsKeepFacesOutward) {
     EXPECT_NEAR(m.normals[0][0], sign * 1.0f / std::sqrt(5.0f), 1e-6f);
     EXPECT_NEAR(m.normals[0][1], 2.0f / std::sqrt(5.0f), 1e-6f);
     EXPECT_EQ(m.normals[2], (std::array<float, 3>{0, 0, 1}));
-    const Triangle& t = m.triangles[0];
-    EXPECT_EQ(t.corners[0].position, 0u);
-    EXPECT_EQ(t.corners[1].position, mirror ? 2u : 1u);
-    EXPECT_EQ(t.corners[2].position, mirror ? 1u : 2u);
-    EXPECT_EQ(t.corners[1].normal, mirror ? 2 : 1);
-    // The face normal of the stored winding agrees with the vertex normal.
-    const auto& a = m.positions[t.corners[0].position];
-    const auto& b1 = m.positions[t.corners[1].position];
-    const auto& c = m.positions[t.corners[2].position];
-    const float cross_z = (b1[0] - a[0]) * (c[1] - a[1]) - (b1[1] - a[1]) * (c[0] - a[0]);
-    EXPECT_GT(cross_z, 0.0f);
+    // A mirror swaps two corners, whole, so the face still points along +z.
+    const auto& c = m.triangles[0].corners;
+    EXPECT_EQ(std::tuple(c[0].position, c[1].position, c[2].position, c[1].normal),
+              mirror ? std::tuple(0u, 2u, 1u, 2) : std::tuple(0u, 1u, 2u, 1));
   }
 }
 
@@ -324,18 +298,14 @@ TEST(GltfReader, RefusesFilesItCannotReadFaithfully) {
   EXPECT_EQ(refusal(with([](GltfBuilder& b) { b.doc["meshes"][0]["primitives"][0]["mode"] = 1; })),
             "mesh has no faces");
 
-  const std::string bad_json = refusal("{ this is not json");
-  EXPECT_EQ(bad_json.rfind("not a readable glTF file", 0), 0u) << bad_json;
-  const std::string bad_glb = refusal("glTF\x02\0\0\0garbage", "m.glb");
-  EXPECT_EQ(bad_glb.rfind("not a readable glTF file", 0), 0u) << bad_glb;
+  for (const auto& [bytes, name] :
+       {std::pair("{ this is not json", "m.gltf"), std::pair("glTF\x02\0\0\0garbage", "m.glb")}) {
+    EXPECT_EQ(refusal(bytes, name).rfind("not a readable glTF file", 0), 0u) << name;
+  }
 
   ScratchDir dir;
-  try {
-    read_gltf(dir / "none.glb", MeshReadOptions{});
-    FAIL() << "read a missing file";
-  } catch (const Error& e) {
-    EXPECT_EQ(std::string(e.what()), "cannot open mesh file: " + (dir / "none.glb").string());
-  }
+  EXPECT_EQ(test::error_of([&] { read_gltf(dir / "none.glb", MeshReadOptions{}); }),
+            "cannot open mesh file: " + (dir / "none.glb").string());
 }
 
 }  // namespace

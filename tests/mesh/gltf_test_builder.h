@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -15,28 +16,16 @@ namespace kv::test {
 inline std::string base64(const std::string& bytes) {
   static const char* digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   std::string out;
-  std::size_t i = 0;
-  for (; i + 2 < bytes.size(); i += 3) {
-    const unsigned v = (static_cast<unsigned char>(bytes[i]) << 16) |
-                       (static_cast<unsigned char>(bytes[i + 1]) << 8) |
-                       static_cast<unsigned char>(bytes[i + 2]);
-    out += digits[(v >> 18) & 63];
-    out += digits[(v >> 12) & 63];
-    out += digits[(v >> 6) & 63];
-    out += digits[v & 63];
-  }
-  if (i + 1 == bytes.size()) {
-    const unsigned v = static_cast<unsigned char>(bytes[i]) << 16;
-    out += digits[(v >> 18) & 63];
-    out += digits[(v >> 12) & 63];
-    out += "==";
-  } else if (i + 2 == bytes.size()) {
-    const unsigned v = (static_cast<unsigned char>(bytes[i]) << 16) |
-                       (static_cast<unsigned char>(bytes[i + 1]) << 8);
-    out += digits[(v >> 18) & 63];
-    out += digits[(v >> 12) & 63];
-    out += digits[(v >> 6) & 63];
-    out += '=';
+  for (std::size_t i = 0; i < bytes.size(); i += 3) {
+    unsigned v = 0;
+    for (std::size_t k = 0; k < 3; ++k) {
+      v = v << 8 | (i + k < bytes.size() ? static_cast<unsigned char>(bytes[i + k]) : 0u);
+    }
+    // 1, 2 or 3 bytes give 2, 3 or 4 digits; '=' pads to 4.
+    const std::size_t count = std::min<std::size_t>(4, bytes.size() - i + 1);
+    for (std::size_t k = 0; k < 4; ++k) {
+      out += k < count ? digits[(v >> (18 - 6 * k)) & 63] : '=';
+    }
   }
   return out;
 }

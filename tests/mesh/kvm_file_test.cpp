@@ -4,38 +4,18 @@
 
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <string>
 
-#include "core/error.h"
+#include "mesh/mesh_test_util.h"
 #include "support/test_support.h"
 
 namespace kv {
 namespace {
 
+using test::sample_mesh;
 using test::ScratchDir;
-
-// A small mesh touching every section: UVs that float32 cannot hold exactly,
-// non-unit normals, corners without UV or normal, an empty object name.
-Mesh sample_mesh() {
-  Mesh m;
-  m.positions = {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0.5f}};
-  m.uvs = {{0.1, 0.2}, {0.7, 0.3}, {1.0 / 3.0, 0.9}};
-  m.normals = {{0, 0, 1}, {0, 0.6f, 0.8f}};
-  Triangle a;
-  a.corners = {Corner{0, 0, 0}, Corner{1, 1, 0}, Corner{2, 2, 1}};
-  a.object = 0;
-  Triangle b;
-  b.corners = {Corner{0, -1, -1}, Corner{2, 2, -1}, Corner{3, -1, 1}};
-  b.object = 1;
-  m.triangles = {a, b};
-  m.objects = {"Body", ""};
-  m.materials = {"skin", "metal"};
-  m.triangle_materials = {1, 0};
-  m.blocks = {"group"};
-  m.object_blocks = {0, 0};
-  return m;
-}
 
 // The file layout assembled field by field, independently of the writer.
 class Bytes {
@@ -108,20 +88,12 @@ std::string layout(const Mesh& m, std::uint32_t flags) {
   return b.data;
 }
 
-// The message read_kvm throws for the bytes, or "" when it reads them.
+// The message read_kvm throws for the bytes, less the path ("" when read).
 std::string read_error(const std::string& bytes, int threads = 1) {
   ScratchDir dir;
   const auto path = dir / "m.kvm";
   test::write_text_file(path, bytes);
-  try {
-    read_kvm(path, threads);
-  } catch (const Error& e) {
-    const std::string prefix = path.string() + ": ";
-    const std::string what = e.what();
-    EXPECT_EQ(what.rfind(prefix, 0), 0u) << what;
-    return what.substr(std::min(prefix.size(), what.size()));
-  }
-  return "";
+  return test::error_of([&] { read_kvm(path, threads); }, path.string() + ": ");
 }
 
 Mesh read_bytes(const std::string& bytes, int threads = 1) {
@@ -139,22 +111,6 @@ bool same_bits(float a, float b) {
   return std::memcmp(&a, &b, sizeof a) == 0;
 }
 
-void expect_equal_meshes(const Mesh& a, const Mesh& b) {
-  ASSERT_EQ(a.positions.size(), b.positions.size());
-  EXPECT_EQ(std::memcmp(a.positions.data(), b.positions.data(), a.positions.size() * 12), 0);
-  ASSERT_EQ(a.uvs.size(), b.uvs.size());
-  EXPECT_EQ(std::memcmp(a.uvs.data(), b.uvs.data(), a.uvs.size() * 16), 0);
-  ASSERT_EQ(a.normals.size(), b.normals.size());
-  EXPECT_EQ(std::memcmp(a.normals.data(), b.normals.data(), a.normals.size() * 12), 0);
-  ASSERT_EQ(a.triangles.size(), b.triangles.size());
-  EXPECT_EQ(std::memcmp(a.triangles.data(), b.triangles.data(), a.triangles.size() * 40), 0);
-  EXPECT_EQ(a.objects, b.objects);
-  EXPECT_EQ(a.materials, b.materials);
-  EXPECT_EQ(a.triangle_materials, b.triangle_materials);
-  EXPECT_EQ(a.blocks, b.blocks);
-  EXPECT_EQ(a.object_blocks, b.object_blocks);
-}
-
 TEST(KvmFile, WriterProducesTheLayoutByteForByteAndReadsBackBitEqual) {
   ScratchDir dir;
   const Mesh m = sample_mesh();
@@ -165,17 +121,17 @@ TEST(KvmFile, WriterProducesTheLayoutByteForByteAndReadsBackBitEqual) {
     EXPECT_EQ(test::read_text_file(path), layout(m, flags));
     if ((flags & 3) == 3) {
       Mesh expected = m;
-      if (!(flags & kKvmMaterials)) {
-        expected.materials.clear();
-        expected.triangle_materials.clear();
-      }
       if (!(flags & kKvmBlocks)) {
         expected.blocks.clear();
         expected.object_blocks.clear();
       }
-      expect_equal_meshes(read_kvm(path, 1), expected);
+      const Mesh back = read_kvm(path, 1);
+      test::expect_same_mesh(back, expected, flags & kKvmMaterials);
+      EXPECT_EQ(back.materials.empty(), !(flags & kKvmMaterials));
     }
   }
+  // Bytes after the last section are ignored.
+  test::expect_same_mesh(read_bytes(layout(m, 15) + "trailing junk"), m);
 }
 
 TEST(KvmFile, NarrowUvsWidenAndNormalsScaleUnlessKeptAsStored) {
@@ -198,23 +154,15 @@ TEST(KvmFile, NarrowUvsWidenAndNormalsScaleUnlessKeptAsStored) {
   EXPECT_TRUE(as_is.blocks.empty());
 }
 
-TEST(KvmFile, BytesAfterTheLastSectionAreIgnored) {
-  const Mesh m = sample_mesh();
-  const Mesh read = read_bytes(layout(m, 15) + "trailing junk");
-  EXPECT_EQ(read.blocks, m.blocks);
-  EXPECT_EQ(read.object_blocks, m.object_blocks);
-}
-
 TEST(KvmFile, HeaderFaultsAreReportedInHeaderOrder) {
   const std::uint64_t big = 2147483648ull;
   EXPECT_EQ(read_error(header(0, 1, 0, 0, 1, 1).substr(0, 55)), "the file is truncated");
   EXPECT_EQ(read_error(""), "the file is truncated");
-  std::string bad_magic = layout(sample_mesh(), 0);
-  bad_magic[6] = '2';
-  EXPECT_EQ(read_error(bad_magic), "not a korvane mesh (.kvm)");
-  bad_magic = layout(sample_mesh(), 0);
-  bad_magic[7] = ' ';
-  EXPECT_EQ(read_error(bad_magic), "not a korvane mesh (.kvm)");
+  for (const auto& [at, byte] : {std::pair(6, '2'), std::pair(7, ' ')}) {
+    std::string bad_magic = layout(sample_mesh(), 0);
+    bad_magic[at] = byte;
+    EXPECT_EQ(read_error(bad_magic), "not a korvane mesh (.kvm)");
+  }
   EXPECT_EQ(read_error(header(99, big, 0, 0, 0, 0, 2)), "unsupported .kvm version 2");
   EXPECT_EQ(read_error(header(16, big, 0, 0, 0, 0)), "unsupported .kvm flags 16");
   EXPECT_EQ(read_error(header(15, big, 0, 0, 0, 0)), "too many elements");
@@ -308,24 +256,20 @@ TEST(KvmFile, ElementFaultsNameTheFirstBadElement) {
   m.normals[1] = {0, std::numeric_limits<float>::quiet_NaN(), 1};
   EXPECT_EQ(read_error(layout(m, 0)), "normal 1 has no direction");
 
-  auto corner_fault = [](auto change) {
-    Mesh t = sample_mesh();
-    change(t.triangles[1]);
-    return read_error(layout(t, 0));
+  // Each corner index checked against its own array, on both sides.
+  const std::vector<std::function<void(Triangle&)>> corner_faults = {
+      [](Triangle& t) { t.corners[2].uv = -2; },      [](Triangle& t) { t.corners[1].uv = 3; },
+      [](Triangle& t) { t.corners[0].normal = 2; },   [](Triangle& t) { t.corners[0].normal = -5; },
+      [](Triangle& t) { t.corners[2].position = 4; }, [](Triangle& t) { t.object = 2; },
   };
-  EXPECT_EQ(corner_fault([](Triangle& t) { t.corners[2].uv = -2; }),
-            "triangle 1 has an index out of range");
-  EXPECT_EQ(corner_fault([](Triangle& t) { t.corners[1].uv = 3; }),
-            "triangle 1 has an index out of range");
-  EXPECT_EQ(corner_fault([](Triangle& t) { t.corners[0].normal = 2; }),
-            "triangle 1 has an index out of range");
-  EXPECT_EQ(corner_fault([](Triangle& t) { t.corners[0].normal = -5; }),
-            "triangle 1 has an index out of range");
-  EXPECT_EQ(corner_fault([](Triangle& t) { t.corners[2].position = 4; }),
-            "triangle 1 has an index out of range");
-  EXPECT_EQ(corner_fault([](Triangle& t) { t.object = 2; }),
-            "triangle 1 has an index out of range");
-  EXPECT_EQ(corner_fault([](Triangle& t) { t.corners[2].position = 3; }), "");
+  for (const auto& fault : corner_faults) {
+    Mesh t = sample_mesh();
+    fault(t.triangles[1]);
+    EXPECT_EQ(read_error(layout(t, 0)), "triangle 1 has an index out of range");
+  }
+  m = sample_mesh();
+  m.triangles[1].corners[2].position = 3;
+  EXPECT_EQ(read_error(layout(m, 0)), "");
 
   // Several faults: the arrays are reported in a fixed order.
   m = sample_mesh();
@@ -375,7 +319,7 @@ TEST(KvmFile, ValidationIsTheSameOnOneAndTwoThreads) {
   const std::string good = layout(m, kKvmUvDouble);
   const Mesh one = read_bytes(good, 1);
   const Mesh two = read_bytes(good, 2);
-  expect_equal_meshes(one, two);
+  test::expect_same_mesh(one, two);
   const auto& n = m.normals[129999];
   const double len = std::sqrt(double{n[0]} * n[0] + double{n[1]} * n[1] + double{n[2]} * n[2]);
   EXPECT_NEAR(one.normals[129999][0], n[0] / len, 1e-6);
@@ -407,73 +351,50 @@ TEST(KvmFile, ValidationIsTheSameOnOneAndTwoThreads) {
   }
 }
 
-TEST(KvmFile, MissingFileHasNoPathPrefix) {
-  ScratchDir dir;
-  const auto path = dir / "absent.kvm";
-  try {
-    read_kvm(path, 1);
-    FAIL() << "read an absent file";
-  } catch (const Error& e) {
-    EXPECT_EQ(std::string(e.what()), "cannot open mesh file: " + path.string());
-  }
-}
-
 // The message write_kvm throws, with the folder checked to hold nothing new.
 std::string write_error(const Mesh& m, std::uint32_t flags) {
   ScratchDir dir;
   const auto path = dir / "out.kvm";
-  std::string message;
-  try {
-    write_kvm(path, m, flags);
-  } catch (const Error& e) {
-    message = e.what();
-    const std::string prefix = path.string() + ": ";
-    EXPECT_EQ(message.rfind(prefix, 0), 0u) << message;
-    message = message.substr(std::min(prefix.size(), message.size()));
-  }
+  const std::string message =
+      test::error_of([&] { write_kvm(path, m, flags); }, path.string() + ": ");
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}),
             message.empty() ? 1 : 0);
   return message;
 }
 
 TEST(KvmFile, WriterRefusesMeshesTheReaderWouldRefuse) {
-  const Mesh good = sample_mesh();
-  EXPECT_EQ(write_error(good, 16), "unsupported .kvm flags 16");
-  Mesh m = good;
-  m.triangles.clear();
-  m.triangle_materials.clear();
-  EXPECT_EQ(write_error(m, 0), "mesh has no faces");
-  m = good;
-  m.objects.clear();
-  EXPECT_EQ(write_error(m, 0), "mesh has no objects");
-  m = good;
-  m.objects[1] = std::string(65537, 'n');
-  EXPECT_EQ(write_error(m, 0), "object name too long");
-  m = good;
-  m.triangle_materials.pop_back();
-  EXPECT_EQ(write_error(m, kKvmMaterials),
-            "kKvmMaterials needs a material table and one material per triangle");
-  EXPECT_EQ(write_error(m, 0), "");  // materials not asked for
-  m = good;
-  m.materials.clear();
-  EXPECT_EQ(write_error(m, kKvmMaterials),
-            "kKvmMaterials needs a material table and one material per triangle");
-  m = good;
-  m.materials[0] = std::string(65537, 'm');
-  EXPECT_EQ(write_error(m, kKvmMaterials), "material name too long");
-  m = good;
-  m.triangle_materials[1] = 2;
-  EXPECT_EQ(write_error(m, kKvmMaterials), "a triangle has a material index out of range");
-  m = good;
-  m.object_blocks = {0};
-  EXPECT_EQ(write_error(m, kKvmBlocks), "kKvmBlocks needs a block table and one block per object");
-  m = good;
-  m.blocks.clear();
-  EXPECT_EQ(write_error(m, kKvmBlocks), "kKvmBlocks needs a block table and one block per object");
-  // Block indices are left to the reader, which refuses the file.
-  m = good;
+  const std::string no_materials =
+      "kKvmMaterials needs a material table and one material per triangle";
+  const std::string no_blocks = "kKvmBlocks needs a block table and one block per object";
+  struct Case {
+    std::function<void(Mesh&)> change;
+    std::uint32_t flags;
+    std::string message;
+  };
+  const std::vector<Case> cases = {
+      {[](Mesh&) {}, 16, "unsupported .kvm flags 16"},
+      {[](Mesh& m) { m.triangles.clear(), m.triangle_materials.clear(); }, 0, "mesh has no faces"},
+      {[](Mesh& m) { m.objects.clear(); }, 0, "mesh has no objects"},
+      {[](Mesh& m) { m.objects[1] = std::string(65537, 'n'); }, 0, "object name too long"},
+      {[](Mesh& m) { m.triangle_materials.pop_back(); }, kKvmMaterials, no_materials},
+      {[](Mesh& m) { m.triangle_materials.pop_back(); }, 0, ""},  // materials not asked for
+      {[](Mesh& m) { m.materials.clear(); }, kKvmMaterials, no_materials},
+      {[](Mesh& m) { m.materials[0] = std::string(65537, 'm'); }, kKvmMaterials,
+       "material name too long"},
+      {[](Mesh& m) { m.triangle_materials[1] = 2; }, kKvmMaterials,
+       "a triangle has a material index out of range"},
+      {[](Mesh& m) { m.object_blocks = {0}; }, kKvmBlocks, no_blocks},
+      {[](Mesh& m) { m.blocks.clear(); }, kKvmBlocks, no_blocks},
+      // Block indices are left to the reader, which refuses the file.
+      {[](Mesh& m) { m.object_blocks[1] = 5; }, kKvmBlocks, ""},
+  };
+  for (const Case& c : cases) {
+    Mesh m = sample_mesh();
+    c.change(m);
+    EXPECT_EQ(write_error(m, c.flags), c.message) << c.message;
+  }
+  Mesh m = sample_mesh();
   m.object_blocks[1] = 5;
-  EXPECT_EQ(write_error(m, kKvmBlocks), "");
   EXPECT_EQ(read_error(layout(m, kKvmBlocks)), "an object has a block index out of range");
 }
 
@@ -491,13 +412,12 @@ TEST(KvmFile, FailedWriteLeavesTheDestinationUntouched) {
 
   // A destination in a missing folder: refused with the path, nothing written.
   const auto nowhere = dir / "missing" / "x.kvm";
-  try {
-    write_kvm(nowhere, sample_mesh(), 3);
-    FAIL() << "wrote into a missing folder";
-  } catch (const Error& e) {
-    EXPECT_EQ(std::string(e.what()).rfind(nowhere.string() + ": could not create", 0), 0u)
-        << e.what();
-  }
+  EXPECT_NE(test::error_of([&] { write_kvm(nowhere, sample_mesh(), 3); },
+                           nowhere.string() + ": could not create"),
+            "");
+  // A missing file has no path prefix.
+  EXPECT_EQ(test::error_of([&] { read_kvm(dir / "absent.kvm", 1); }),
+            "cannot open mesh file: " + (dir / "absent.kvm").string());
 }
 
 }  // namespace

@@ -2,14 +2,13 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <filesystem>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "core/error.h"
 #include "mesh/kvm_file.h"
+#include "mesh/mesh_test_util.h"
 #include "platform/platform.h"
 #include "support/test_support.h"
 
@@ -48,44 +47,19 @@ std::set<std::string> names_in(const std::filesystem::path& folder) {
   return names;
 }
 
-// UVs float32 cannot hold, normals that are not unit length, corners
-// without UV or normal: all must come back bit for bit.
+// The shared sample, with or without its blocks.
 Mesh sample_mesh(bool with_blocks) {
-  Mesh m;
-  m.positions = {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0.5f}};
-  m.uvs = {{0.1, 0.2}, {0.7, 1.0 / 7.0}, {1.0 / 3.0, 0.9}};
-  m.normals = {{0, 0, 2}, {0, 0.6f, 0.81f}};
-  Triangle a;
-  a.corners = {Corner{0, 0, 0}, Corner{1, 1, 0}, Corner{2, 2, 1}};
-  a.object = 0;
-  Triangle b;
-  b.corners = {Corner{0, -1, -1}, Corner{2, 2, -1}, Corner{3, -1, 1}};
-  b.object = 1;
-  m.triangles = {a, b};
-  m.objects = {"Body", "Head"};
-  m.materials = {"skin", "metal"};
-  m.triangle_materials = {1, 0};
-  if (with_blocks) {
-    m.blocks = {"figure"};
-    m.object_blocks = {0, 0};
+  Mesh m = test::sample_mesh();
+  if (!with_blocks) {
+    m.blocks.clear();
+    m.object_blocks.clear();
   }
   return m;
 }
 
-template <typename T>
-bool same_bytes(const std::vector<T>& a, const std::vector<T>& b) {
-  return a.size() == b.size() &&
-         (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0);
-}
-
+// The cache keeps no materials.
 void expect_same_geometry(const Mesh& got, const Mesh& want) {
-  EXPECT_TRUE(same_bytes(got.positions, want.positions));
-  EXPECT_TRUE(same_bytes(got.uvs, want.uvs));
-  EXPECT_TRUE(same_bytes(got.normals, want.normals));
-  EXPECT_TRUE(same_bytes(got.triangles, want.triangles));
-  EXPECT_EQ(got.objects, want.objects);
-  EXPECT_EQ(got.blocks, want.blocks);
-  EXPECT_EQ(got.object_blocks, want.object_blocks);
+  test::expect_same_mesh(got, want, false);
 }
 
 MeshStats sample_stats() {
@@ -127,15 +101,13 @@ TEST(MeshCacheKey, MadeFromTheSourcesAbsolutePathSizeAndTime) {
   EXPECT_EQ(make_mesh_cache_key(relative, QuadPolicy::split), expected);
   EXPECT_EQ(make_mesh_cache_key(obj, QuadPolicy::split), expected);
 
-  const auto rejected = make_mesh_cache_key(obj, QuadPolicy::reject);
-  ASSERT_TRUE(rejected.has_value());
-  EXPECT_TRUE(rejected->ends_with("\nquads reject\n"));
+  EXPECT_TRUE(
+      make_mesh_cache_key(obj, QuadPolicy::reject).value_or("").ends_with("\nquads reject\n"));
 
   // Times before the epoch keep their sign.
   set_mtime(obj, -2 * kSecond - 250000000ll);
-  const auto old = make_mesh_cache_key(obj, QuadPolicy::split);
-  ASSERT_TRUE(old.has_value());
-  EXPECT_NE(old->find("\ntime -2250000000\n"), std::string::npos) << *old;
+  EXPECT_NE(make_mesh_cache_key(obj, QuadPolicy::split).value_or("").find("\ntime -2250000000\n"),
+            std::string::npos);
 
   // Touching the file changes the key.
   set_mtime(obj, 1234567890987654322ll);
@@ -222,18 +194,16 @@ TEST(MeshCacheStore, HitReturnsTheStoredMeshBitForBitAndTheStoredCounters) {
                   std::to_string(kvc.size()) + "\n");
 
     MeshStats stats;
-    stats.reader_internal = 5;
+    stats.reader_internal = 5;  // not the cache's to set
     const auto old = now_ns() - 3600 * kSecond;
     set_mtime(mesh_cache_key_path(folder, key), old);
     const std::optional<Mesh> hit = mesh_cache_lookup(folder, key, 2, &stats);
     ASSERT_TRUE(hit.has_value());
     expect_same_geometry(*hit, mesh);
-    EXPECT_TRUE(hit->materials.empty());
-    EXPECT_TRUE(hit->triangle_materials.empty());
-    EXPECT_EQ(stats.lines, 7u);
-    EXPECT_EQ(stats.quads_split, 3u);
-    EXPECT_EQ(stats.polygons_inexact, 2u);
-    EXPECT_EQ(stats.reader_internal, 5u);  // not the cache's to set
+    EXPECT_TRUE(hit->materials.empty() && hit->triangle_materials.empty());
+    EXPECT_EQ(
+        std::tuple(stats.lines, stats.quads_split, stats.polygons_inexact, stats.reader_internal),
+        std::tuple(7u, 3u, 2u, 5u));
     // The hit is the entry's last use.
     EXPECT_GT(mtime_of(mesh_cache_key_path(folder, key)), old + 3000 * kSecond);
   }
@@ -242,28 +212,60 @@ TEST(MeshCacheStore, HitReturnsTheStoredMeshBitForBitAndTheStoredCounters) {
   EXPECT_FALSE(mesh_cache_lookup(dir / "absent", key_for("/a.obj"), 1, nullptr));
 }
 
-TEST(MeshCacheStore, AKvcSizeOffByOneIsAMissAndTheNextStoreReplacesBothFiles) {
+TEST(MeshCacheStore, DamagedEntriesAreMissesAndTheNextStoreReplacesBothFiles) {
   ScratchDir dir;
   const std::string key = key_for("/a.obj");
   const auto key_path = mesh_cache_key_path(dir.path(), key);
   const auto kvc_path = mesh_cache_kvc_path(dir.path(), key);
   mesh_cache_store(dir.path(), key, sample_mesh(false), sample_stats(), kNoCap);
-  const std::string good_key = read_text_file(key_path);
   const std::uint64_t kvc_size = std::filesystem::file_size(kvc_path);
+  const std::string size = std::to_string(kvc_size);
 
-  for (std::int64_t delta : {-1, 1}) {
-    std::string bad = good_key;
-    const auto at = bad.rfind("kvc ");
-    bad = bad.substr(0, at) + "kvc " + std::to_string(static_cast<std::int64_t>(kvc_size) + delta) +
-          "\n";
-    write_text_file(key_path, bad);
-    MeshStats stats;
-    EXPECT_FALSE(mesh_cache_lookup(dir.path(), key, 1, &stats)) << delta;
-    EXPECT_EQ(stats.lines, 0u);  // a miss leaves the counters alone
+  // Other spacing between the pairs is still a valid key file.
+  write_text_file(key_path, key + "lines\t7  quads_split 3\r\npolygons_inexact 2 kvc " + size);
+  MeshStats stats;
+  ASSERT_TRUE(mesh_cache_lookup(dir.path(), key, 1, &stats));
+  EXPECT_EQ(stats.quads_split, 3u);
+
+  const std::string counters = "lines 7\nquads_split 3\npolygons_inexact 2\n";
+  const std::string tail = counters + "kvc " + size + "\n";
+  std::string other_key = key;
+  other_key[other_key.find("split")] = 'S';
+  const std::vector<std::string> damaged = {
+      "",
+      key,                                   // no counters
+      key.substr(0, key.size() - 1) + tail,  // key text cut short
+      other_key + tail,                      // another key
+      key + counters + "kvc " + std::to_string(kvc_size - 1) + "\n",
+      key + counters + "kvc " + std::to_string(kvc_size + 1) + "\n",
+      key + "line 7\nquads_split 3\npolygons_inexact 2\nkvc " + size + "\n",
+      key + "quads_split 3\nlines 7\npolygons_inexact 2\nkvc " + size + "\n",
+      key + "lines 7\nquads_split 3\nkvc " + size + "\npolygons_inexact 2\n",
+      key + counters,
+      key + tail + "extra 1\n",
+      key + tail + "1\n",
+      key + "lines -7\nquads_split 3\npolygons_inexact 2\nkvc " + size + "\n",
+      key + "lines 7x\nquads_split 3\npolygons_inexact 2\nkvc " + size + "\n",
+      key + "lines 99999999999999999999\nquads_split 3\npolygons_inexact 2\nkvc " + size + "\n",
+      key + counters + "kvc\n",
+  };
+  for (const std::string& text : damaged) {
+    write_text_file(key_path, text);
+    MeshStats untouched;
+    EXPECT_FALSE(mesh_cache_lookup(dir.path(), key, 1, &untouched)) << text;
+    EXPECT_EQ(untouched.lines, 0u);  // a miss leaves the counters alone
     // A miss deletes nothing.
-    EXPECT_EQ(read_text_file(key_path), bad);
+    EXPECT_EQ(read_text_file(key_path), text);
     EXPECT_TRUE(std::filesystem::exists(kvc_path));
   }
+
+  // A damaged .kvc of the recorded size is a miss too, and is not deleted.
+  write_text_file(key_path, key + tail);
+  std::string kvc = read_text_file(kvc_path);
+  kvc[0] = 'X';
+  write_text_file(kvc_path, kvc);
+  EXPECT_FALSE(mesh_cache_lookup(dir.path(), key, 1, nullptr));
+  EXPECT_TRUE(std::filesystem::exists(kvc_path) && std::filesystem::exists(key_path));
 
   // A different mesh under the same key replaces both files.
   Mesh other = sample_mesh(true);
@@ -275,7 +277,6 @@ TEST(MeshCacheStore, AKvcSizeOffByOneIsAMissAndTheNextStoreReplacesBothFiles) {
   EXPECT_NE(new_size, kvc_size);
   EXPECT_EQ(read_text_file(key_path), key + "lines 1\nquads_split 0\npolygons_inexact 0\nkvc " +
                                           std::to_string(new_size) + "\n");
-  MeshStats stats;
   const auto hit = mesh_cache_lookup(dir.path(), key, 1, &stats);
   ASSERT_TRUE(hit.has_value());
   expect_same_geometry(*hit, other);
@@ -285,91 +286,31 @@ TEST(MeshCacheStore, AKvcSizeOffByOneIsAMissAndTheNextStoreReplacesBothFiles) {
             (std::set<std::string>{kvc_path.filename().string(), key_path.filename().string()}));
 }
 
-TEST(MeshCacheStore, DamagedKeyFilesAreMisses) {
-  ScratchDir dir;
-  const std::string key = key_for("/a.obj");
-  const auto key_path = mesh_cache_key_path(dir.path(), key);
-  mesh_cache_store(dir.path(), key, sample_mesh(false), sample_stats(), kNoCap);
-  const std::string size =
-      std::to_string(std::filesystem::file_size(mesh_cache_kvc_path(dir.path(), key)));
-
-  // Other spacing between the pairs is still a valid key file.
-  write_text_file(key_path, key + "lines\t7  quads_split 3\r\npolygons_inexact 2 kvc " + size);
-  MeshStats stats;
-  ASSERT_TRUE(mesh_cache_lookup(dir.path(), key, 1, &stats));
-  EXPECT_EQ(stats.quads_split, 3u);
-
-  const std::string tail = "lines 7\nquads_split 3\npolygons_inexact 2\nkvc " + size + "\n";
-  std::string other_key = key;
-  other_key[other_key.find("split")] = 'S';
-  const std::vector<std::string> damaged = {
-      "",
-      key,                                   // no counters
-      key.substr(0, key.size() - 1) + tail,  // key text cut short
-      other_key + tail,                      // another key
-      key + "line 7\nquads_split 3\npolygons_inexact 2\nkvc " + size + "\n",
-      key + "quads_split 3\nlines 7\npolygons_inexact 2\nkvc " + size + "\n",
-      key + "lines 7\nquads_split 3\nkvc " + size + "\npolygons_inexact 2\n",
-      key + "lines 7\nquads_split 3\npolygons_inexact 2\n",
-      key + tail + "extra 1\n",
-      key + tail + "1\n",
-      key + "lines -7\nquads_split 3\npolygons_inexact 2\nkvc " + size + "\n",
-      key + "lines 7x\nquads_split 3\npolygons_inexact 2\nkvc " + size + "\n",
-      key + "lines 99999999999999999999\nquads_split 3\npolygons_inexact 2\nkvc " + size + "\n",
-      key + "lines 7\nquads_split 3\npolygons_inexact 2\nkvc\n",
-  };
-  for (const std::string& text : damaged) {
-    write_text_file(key_path, text);
-    EXPECT_FALSE(mesh_cache_lookup(dir.path(), key, 1, nullptr)) << text;
-  }
-
-  // A damaged .kvc of the recorded size is a miss too, and is not deleted.
-  write_text_file(key_path, key + tail);
-  const auto kvc_path = mesh_cache_kvc_path(dir.path(), key);
-  std::string kvc = read_text_file(kvc_path);
-  kvc[0] = 'X';
-  write_text_file(kvc_path, kvc);
-  EXPECT_FALSE(mesh_cache_lookup(dir.path(), key, 1, nullptr));
-  EXPECT_TRUE(std::filesystem::exists(kvc_path));
-  EXPECT_TRUE(std::filesystem::exists(key_path));
-}
-
 TEST(MeshCacheStore, FailuresGiveTheirMessages) {
   ScratchDir dir;
+  const std::string key = key_for("/a.obj");
+  auto store = [&](const std::filesystem::path& folder, const std::string& k, const Mesh& m) {
+    return test::error_of([&] { mesh_cache_store(folder, k, m, {}, kNoCap); });
+  };
   write_text_file(dir / "file", "not a folder");
   const auto folder = dir / "file" / "cache";
-  try {
-    mesh_cache_store(folder, key_for("/a.obj"), sample_mesh(false), {}, kNoCap);
-    FAIL() << "store into a folder below a file succeeded";
-  } catch (const Error& e) {
-    EXPECT_EQ(std::string(e.what()),
-              "cannot create the cache folder " + folder.string() + ": Not a directory");
-  }
+  EXPECT_EQ(store(folder, key, sample_mesh(false)),
+            "cannot create the cache folder " + folder.string() + ": Not a directory");
 
   // A folder in the way of the key file: the write succeeds, the replacement
   // cannot.
-  const std::string key = key_for("/a.obj");
   const auto key_path = mesh_cache_key_path(dir.path(), key);
   std::filesystem::create_directory(key_path);
   write_text_file(key_path / "keep", "x");
-  try {
-    mesh_cache_store(dir.path(), key, sample_mesh(false), {}, kNoCap);
-    FAIL() << "store over a folder succeeded";
-  } catch (const Error& e) {
-    EXPECT_EQ(std::string(e.what()),
-              "cannot replace the cache file " + key_path.string() + ": Is a directory");
-  }
+  EXPECT_EQ(store(dir.path(), key, sample_mesh(false)),
+            "cannot replace the cache file " + key_path.string() + ": Is a directory");
   EXPECT_FALSE(std::filesystem::exists(key_path.string() + ".tmp"));
   std::filesystem::remove_all(key_path);
 
   // A folder where the key's temporary file goes: the write itself fails.
   std::filesystem::create_directory(key_path.string() + ".tmp");
-  try {
-    mesh_cache_store(dir.path(), key, sample_mesh(false), {}, kNoCap);
-    FAIL() << "store with a folder as temporary file succeeded";
-  } catch (const Error& e) {
-    EXPECT_EQ(std::string(e.what()), "cannot write the cache file " + key_path.string());
-  }
+  EXPECT_EQ(store(dir.path(), key, sample_mesh(false)),
+            "cannot write the cache file " + key_path.string());
   EXPECT_FALSE(mesh_cache_lookup(dir.path(), key, 1, nullptr));
 
   // A mesh the .kvm writer refuses gives the writer's message; the entry it
@@ -379,12 +320,8 @@ TEST(MeshCacheStore, FailuresGiveTheirMessages) {
   ASSERT_TRUE(mesh_cache_lookup(dir.path(), other, 1, nullptr));
   Mesh empty = sample_mesh(false);
   empty.triangles.clear();
-  try {
-    mesh_cache_store(dir.path(), other, empty, {}, kNoCap);
-    FAIL() << "store of a mesh without faces succeeded";
-  } catch (const Error& e) {
-    EXPECT_NE(std::string(e.what()).find("mesh has no faces"), std::string::npos) << e.what();
-  }
+  const std::string refused = store(dir.path(), other, empty);
+  EXPECT_NE(refused.find("mesh has no faces"), std::string::npos) << refused;
   EXPECT_TRUE(std::filesystem::exists(mesh_cache_kvc_path(dir.path(), other)));
   EXPECT_FALSE(std::filesystem::exists(mesh_cache_key_path(dir.path(), other)));
   EXPECT_FALSE(mesh_cache_lookup(dir.path(), other, 1, nullptr));
@@ -428,10 +365,9 @@ TEST(MeshCacheTrim, RemovesLeastRecentlyUsedEntriesUntilUnderTheCap) {
   mesh_cache_trim(dir.path(), {}, all);
   EXPECT_TRUE(present(newest) && present(oldest) && present(middle));
 
-  // One byte below: the oldest goes, nothing else.
+  // One byte below: the oldest goes, both its files, nothing else.
   mesh_cache_trim(dir.path(), {}, all - 1);
-  EXPECT_FALSE(std::filesystem::exists(oldest.kvc));
-  EXPECT_FALSE(std::filesystem::exists(oldest.key_file));
+  EXPECT_FALSE(std::filesystem::exists(oldest.kvc) || std::filesystem::exists(oldest.key_file));
   EXPECT_TRUE(present(newest) && present(middle));
 
   // The entry just stored survives even when it is the oldest.
@@ -440,23 +376,13 @@ TEST(MeshCacheTrim, RemovesLeastRecentlyUsedEntriesUntilUnderTheCap) {
   EXPECT_TRUE(present(newest));
   EXPECT_FALSE(present(middle));
   EXPECT_TRUE(std::filesystem::exists(dir / "unrelated.txt"));
+
+  // A missing folder is ignored, not made.
+  mesh_cache_trim(dir / "absent", {}, 0);
+  EXPECT_FALSE(std::filesystem::exists(dir / "absent"));
 }
 
-TEST(MeshCacheTrim, CapZeroKeepsExactlyTheEntryJustStored) {
-  ScratchDir dir;
-  const std::int64_t now = now_ns();
-  const StoredEntry a = store_entry(dir.path(), "/a.obj", now);
-  const StoredEntry b = store_entry(dir.path(), "/b.obj", now);
-  const std::string key = key_for("/c.obj");
-  mesh_cache_store(dir.path(), key, sample_mesh(false), {}, 0);
-  EXPECT_EQ(names_in(dir.path()),
-            (std::set<std::string>{mesh_cache_kvc_path(dir.path(), key).filename().string(),
-                                   mesh_cache_key_path(dir.path(), key).filename().string()}));
-  EXPECT_FALSE(present(a) || present(b));
-  EXPECT_TRUE(mesh_cache_lookup(dir.path(), key, 1, nullptr));
-}
-
-TEST(MeshCacheTrim, AKvcWithoutKeyIsRemovedBeforeEntriesUsedSince) {
+TEST(MeshCacheTrim, AKeylessKvcGoesFirstAndCapZeroKeepsOnlyTheNewEntry) {
   ScratchDir dir;
   const std::int64_t now = now_ns();
   const StoredEntry live = store_entry(dir.path(), "/live.obj", now - 100 * kSecond);
@@ -464,12 +390,19 @@ TEST(MeshCacheTrim, AKvcWithoutKeyIsRemovedBeforeEntriesUsedSince) {
   // A store that died between the .kvc and the .key.
   std::filesystem::remove(torn.key_file);
   set_mtime(torn.kvc, now - 200 * kSecond);
-  const std::uint64_t torn_bytes = std::filesystem::file_size(torn.kvc);
-
   // Removing the keyless .kvc alone brings the folder under the cap.
-  mesh_cache_trim(dir.path(), {}, live.bytes + torn_bytes - 1);
+  mesh_cache_trim(dir.path(), {}, live.bytes + std::filesystem::file_size(torn.kvc) - 1);
   EXPECT_FALSE(std::filesystem::exists(torn.kvc));
   EXPECT_TRUE(present(live));
+
+  const StoredEntry fresh = store_entry(dir.path(), "/fresh.obj", now);
+  const std::string key = key_for("/c.obj");
+  mesh_cache_store(dir.path(), key, sample_mesh(false), {}, 0);
+  EXPECT_EQ(names_in(dir.path()),
+            (std::set<std::string>{mesh_cache_kvc_path(dir.path(), key).filename().string(),
+                                   mesh_cache_key_path(dir.path(), key).filename().string()}));
+  EXPECT_FALSE(present(live) || present(fresh));
+  EXPECT_TRUE(mesh_cache_lookup(dir.path(), key, 1, nullptr));
 }
 
 TEST(MeshCacheTrim, LeftOverTemporaryFilesGoAfterAnHour) {
@@ -499,12 +432,6 @@ TEST(MeshCacheTrim, LeftOverTemporaryFilesGoAfterAnHour) {
   mesh_cache_store(dir.path(), key_for("/a.obj"), sample_mesh(false), {}, kNoCap);
   EXPECT_FALSE(std::filesystem::exists(dir / "young.key.tmp"));
   EXPECT_TRUE(std::filesystem::exists(dir / "fresh.tmp"));
-}
-
-TEST(MeshCacheTrim, AMissingFolderIsIgnored) {
-  ScratchDir dir;
-  mesh_cache_trim(dir / "absent", {}, 0);
-  EXPECT_FALSE(std::filesystem::exists(dir / "absent"));
 }
 
 // ---- the cached load ------------------------------------------------------

@@ -2,13 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 
-#include "core/error.h"
 #include "mesh/fbx_test_scene.h"
 #include "mesh/gltf_test_builder.h"
 #include "mesh/kvm_file.h"
+#include "mesh/mesh_test_util.h"
 #include "support/test_support.h"
 
 namespace kv {
@@ -79,23 +78,13 @@ TEST(MeshFormat, ReadMeshDispatchesAndFillsTheCounters) {
 
   MeshReadOptions reject;
   reject.quads = QuadPolicy::reject;
-  try {
-    read_mesh(dir / "plate.kvm", reject);
-    FAIL() << "the OBJ reader did not get the options";
-  } catch (const Error& e) {
-    EXPECT_EQ(std::string(e.what()),
-              (dir / "plate.kvm").string() +
-                  ": quad face, but quads are set to be rejected; triangulate the mesh before "
-                  "export");
-  }
+  EXPECT_EQ(test::error_of([&] { read_mesh(dir / "plate.kvm", reject); },
+                           (dir / "plate.kvm").string() + ": "),
+            "quad face, but quads are set to be rejected; triangulate the mesh before export");
   // A .kvm file refused by its reader keeps the reader's message.
   test::write_text_file(dir / "bad.obj", kMagic + std::string(48, '\0'));
-  try {
-    read_mesh(dir / "bad.obj", MeshReadOptions{});
-    FAIL() << "read a damaged .kvm";
-  } catch (const Error& e) {
-    EXPECT_EQ(std::string(e.what()), (dir / "bad.obj").string() + ": unsupported .kvm version 0");
-  }
+  EXPECT_EQ(test::error_of([&] { read_mesh(dir / "bad.obj", MeshReadOptions{}); }),
+            (dir / "bad.obj").string() + ": unsupported .kvm version 0");
   EXPECT_THROW(read_mesh(dir / "absent.obj", MeshReadOptions{}), Error);
 }
 
@@ -144,25 +133,22 @@ std::string as_gltf(const Source& s) {
 }
 
 std::vector<test::FbxPart> as_fbx(const Source& s) {
-  test::FbxPart plate;
-  plate.name = "Plate";
-  plate.material = "paint";
-  test::FbxPart spike;
-  spike.name = "Spike";
-  spike.material = "metal";
-  for (int i : {0, 1, 2, 3}) {
-    plate.positions.push_back(s.positions[i]);
-    plate.normals.push_back(s.normals[i]);
-    plate.uvs.push_back(s.uvs[i]);
-  }
-  for (int i : {1, 4, 5}) {
-    spike.positions.push_back(s.positions[i]);
-    spike.normals.push_back(s.normals[i]);
-    spike.uvs.push_back(s.uvs[i]);
-  }
-  plate.faces = {{0, 1, 2, 3}};
-  spike.faces = {{0, 1, 2}};
-  return {plate, spike};
+  auto part = [&](const char* name, const char* material, std::vector<unsigned> corners) {
+    test::FbxPart p;
+    p.name = name;
+    p.material = material;
+    for (unsigned i : corners) {
+      p.positions.push_back(s.positions[i]);
+      p.normals.push_back(s.normals[i]);
+      p.uvs.push_back(s.uvs[i]);
+    }
+    p.faces = {{}};
+    for (unsigned k = 0; k < corners.size(); ++k) {
+      p.faces[0].push_back(k);
+    }
+    return p;
+  };
+  return {part("Plate", "paint", {0, 1, 2, 3}), part("Spike", "metal", {1, 4, 5})};
 }
 
 void expect_same_corners(const Mesh& a, const Mesh& b, double tolerance) {
@@ -177,10 +163,7 @@ void expect_same_corners(const Mesh& a, const Mesh& b, double tolerance) {
       const Corner& ca = a.triangles[t].corners[k];
       const Corner& cb = b.triangles[t].corners[k];
       EXPECT_EQ(a.positions[ca.position], b.positions[cb.position]);
-      ASSERT_GE(ca.uv, 0);
-      ASSERT_GE(cb.uv, 0);
-      ASSERT_GE(ca.normal, 0);
-      ASSERT_GE(cb.normal, 0);
+      ASSERT_TRUE(ca.uv >= 0 && cb.uv >= 0 && ca.normal >= 0 && cb.normal >= 0);
       for (int i = 0; i < 2; ++i) {
         EXPECT_NEAR(a.uvs[ca.uv][i], b.uvs[cb.uv][i], tolerance);
       }
@@ -211,41 +194,6 @@ TEST(MeshFormat, OneMeshReadsAlikeFromObjGltfAndFbx) {
   // glTF and the OBJ normalise float32 normals the same way, bit for bit.
   const Corner& c = gltf.triangles[2].corners[2];
   EXPECT_EQ(gltf.normals[c.normal], obj.normals[obj.triangles[2].corners[2].normal]);
-}
-
-TEST(MeshFormat, ObjThroughKvmReadsBackBitEqual) {
-  ScratchDir dir;
-  std::string obj = as_obj(Source{});
-  obj +=
-      "g Left\no Group\ng Right\nf 1 3 5\nv 0.1 0.2 0.3\nvt 0.3333333333333333 0.1\n"
-      "f -1/-1 1/1 2/2 3/3 4/4\n";
-  test::write_text_file(dir / "grouped.obj", obj);
-  MeshStats stats;
-  const Mesh mesh = read_mesh(dir / "grouped.obj", MeshReadOptions{}, &stats);
-  ASSERT_FALSE(mesh.blocks.empty());
-  ASSERT_FALSE(mesh.materials.empty());
-  for (std::uint32_t flags : {3u, 7u, 11u, 15u}) {
-    SCOPED_TRACE(flags);
-    write_kvm(dir / "grouped.kvm", mesh, flags);
-    const Mesh back = read_mesh(dir / "grouped.kvm", MeshReadOptions{}, &stats);
-    EXPECT_EQ(stats.polygons_inexact, 0u);
-    ASSERT_EQ(back.positions.size(), mesh.positions.size());
-    EXPECT_EQ(std::memcmp(back.positions.data(), mesh.positions.data(), mesh.positions.size() * 12),
-              0);
-    ASSERT_EQ(back.uvs.size(), mesh.uvs.size());
-    EXPECT_EQ(std::memcmp(back.uvs.data(), mesh.uvs.data(), mesh.uvs.size() * 16), 0);
-    ASSERT_EQ(back.normals.size(), mesh.normals.size());
-    EXPECT_EQ(std::memcmp(back.normals.data(), mesh.normals.data(), mesh.normals.size() * 12), 0);
-    ASSERT_EQ(back.triangles.size(), mesh.triangles.size());
-    EXPECT_EQ(std::memcmp(back.triangles.data(), mesh.triangles.data(), mesh.triangles.size() * 40),
-              0);
-    EXPECT_EQ(back.objects, mesh.objects);
-    EXPECT_EQ(back.materials,
-              (flags & kKvmMaterials) ? mesh.materials : std::vector<std::string>{});
-    EXPECT_EQ(back.blocks, (flags & kKvmBlocks) ? mesh.blocks : std::vector<std::string>{});
-    EXPECT_EQ(back.object_blocks,
-              (flags & kKvmBlocks) ? mesh.object_blocks : std::vector<std::uint32_t>{});
-  }
 }
 
 TEST(MeshFormat, WarningLineAndUniqueNames) {
