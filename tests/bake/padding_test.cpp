@@ -1,5 +1,5 @@
-// Ring padding (dilate_mean, dilate_mean_image, pad_image in ring mode) and
-// the checks made at entry.
+// Padding: the ring mode (dilate_mean, dilate_mean_image, pad_image), the
+// nearest-valid-texel modes, sRGB means, half floats and the entry checks.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -15,21 +15,70 @@
 namespace kv {
 namespace {
 
+using Mask = std::vector<std::uint8_t>;
+using Values = std::vector<double>;
+
+// An image that owns its bytes; values are given and read as doubles in the
+// component's own units.
+struct TestImage {
+  std::int32_t w;
+  std::int32_t h;
+  std::int32_t c;
+  ComponentType type;
+  std::vector<std::byte> bytes;
+
+  TestImage(std::int32_t width, std::int32_t height, std::int32_t channels, ComponentType t)
+      : w(width),
+        h(height),
+        c(channels),
+        type(t),
+        bytes(static_cast<std::size_t>(width) * height * channels * component_bytes(t)) {}
+
+  ImageView view() { return ImageView{w, h, c, type, bytes}; }
+
+  void set(std::size_t texel, std::int32_t channel, double v) {
+    std::byte* at = &bytes[(texel * c + channel) * component_bytes(type)];
+    if (type == ComponentType::kU8) {
+      *at = static_cast<std::byte>(v);
+    } else if (type == ComponentType::kF32) {
+      const auto f = static_cast<float>(v);
+      std::memcpy(at, &f, 4);
+    } else {
+      const std::uint16_t code =
+          type == ComponentType::kU16 ? static_cast<std::uint16_t>(v) : double_to_half(v);
+      std::memcpy(at, &code, 2);
+    }
+  }
+  double get(std::size_t texel, std::int32_t channel = 0) const {
+    const std::byte* at = &bytes[(texel * c + channel) * component_bytes(type)];
+    if (type == ComponentType::kU8) {
+      return std::to_integer<int>(*at);
+    }
+    if (type == ComponentType::kF32) {
+      float f;
+      std::memcpy(&f, at, 4);
+      return f;
+    }
+    std::uint16_t code;
+    std::memcpy(&code, at, 2);
+    return type == ComponentType::kU16 ? code : half_to_double(code);
+  }
+  // Channel 0 of every texel.
+  std::vector<double> row() const {
+    std::vector<double> out;
+    for (std::size_t i = 0; i < static_cast<std::size_t>(w) * h; ++i) {
+      out.push_back(get(i));
+    }
+    return out;
+  }
+};
+
 MapU16 make_map(std::int32_t w, std::int32_t h, std::int32_t c, std::uint16_t fill) {
-  MapU16 map;
-  map.width = w;
-  map.height = h;
-  map.channels = c;
-  map.codes.assign(static_cast<std::size_t>(w) * h * c, fill);
-  return map;
+  return MapU16{w, h, c, std::vector<std::uint16_t>(static_cast<std::size_t>(w) * h * c, fill)};
 }
 
 std::uint16_t code_at(const MapU16& map, int x, int y, int c = 0) {
   return map.codes[(static_cast<std::size_t>(y) * map.width + x) * map.channels + c];
-}
-
-void set_code(MapU16& map, int x, int y, int c, std::uint16_t v) {
-  map.codes[(static_cast<std::size_t>(y) * map.width + x) * map.channels + c] = v;
 }
 
 void expect_error(const std::function<void()>& fn, const std::string& message) {
@@ -43,83 +92,59 @@ void expect_error(const std::function<void()>& fn, const std::string& message) {
 
 // A plain, sequential ring dilation over a whole-image scratch of means,
 // written straight from the rule, against which the pooled one is checked.
-std::vector<std::uint8_t> reference_ring(MapU16& map, const std::vector<std::uint8_t>& valid,
-                                         int width) {
+Mask reference_ring(MapU16& map, const Mask& valid, int width) {
   static const int dx[8] = {-1, 1, 0, 0, -1, 1, -1, 1};
   static const int dy[8] = {0, 0, -1, 1, -1, -1, 1, 1};
-  const int w = map.width;
-  const int h = map.height;
-  const int ch = map.channels;
+  const int w = map.width, h = map.height, ch = map.channels;
+  // 0: empty, 1: source, 2: filled, 3: in the current ring.
   std::vector<int> state(valid.size());
-  std::vector<double> scratch(map.codes.size(), 0.0);
-  std::vector<std::uint8_t> mask(valid.size());
+  Mask mask(valid.size());
   for (std::size_t i = 0; i < valid.size(); ++i) {
-    state[i] = valid[i] ? 1 : 0;
-    mask[i] = valid[i] ? 1 : 0;
+    state[i] = mask[i] = valid[i] ? 1 : 0;
   }
-  if (width == 0) {
-    return mask;
-  }
-  std::vector<int> ring;
-  for (int y = 0; y < h; ++y) {
-    for (int x = 0; x < w; ++x) {
-      if (state[y * w + x] != 0) {
-        continue;
-      }
-      for (int k = 0; k < 8; ++k) {
-        const int nx = x + dx[k];
-        const int ny = y + dy[k];
-        if (nx >= 0 && nx < w && ny >= 0 && ny < h && state[ny * w + nx] == 1) {
-          ring.push_back(y * w + x);
-          break;
+  const auto next_ring = [&](int from) {  // empty texels beside a texel in state `from`
+    std::vector<int> ring;
+    for (int i = 0; i < w * h; ++i) {
+      for (int k = 0; k < 8 && state[i] == 0; ++k) {
+        const int nx = i % w + dx[k], ny = i / w + dy[k];
+        if (nx >= 0 && nx < w && ny >= 0 && ny < h && state[ny * w + nx] == from) {
+          ring.push_back(i);
+          state[i] = 3;
         }
       }
     }
-  }
-  for (int i : ring) {
-    state[i] = 3;
-  }
+    return ring;
+  };
+  std::vector<double> scratch(map.codes.size(), 0.0);
   std::vector<int> filled;
+  std::vector<int> ring = next_ring(1);
   for (int r = 1; r <= width && !ring.empty(); ++r) {
     const int mark = r == 1 ? 1 : 2;
-    for (int i : ring) {
-      const int x = i % w;
-      const int y = i / w;
+    for (const int i : ring) {
       int count = 0;
       std::vector<double> sum(ch, 0.0);
       for (int k = 0; k < 8; ++k) {
-        const int n = std::clamp(y + dy[k], 0, h - 1) * w + std::clamp(x + dx[k], 0, w - 1);
-        if (state[n] != mark) {
-          continue;
-        }
-        ++count;
-        for (int c = 0; c < ch; ++c) {
-          sum[c] += mark == 1 ? static_cast<double>(map.codes[n * ch + c]) : scratch[n * ch + c];
+        const int n = std::clamp(i / w + dy[k], 0, h - 1) * w + std::clamp(i % w + dx[k], 0, w - 1);
+        if (state[n] == mark) {
+          ++count;
+          for (int c = 0; c < ch; ++c) {
+            sum[c] += mark == 1 ? map.codes[n * ch + c] : scratch[n * ch + c];
+          }
         }
       }
       for (int c = 0; c < ch; ++c) {
         scratch[i * ch + c] = sum[c] / count;
       }
     }
-    for (int i : ring) {
+    for (const int i : ring) {
       state[i] = 2;
       mask[i] = 1;
       filled.push_back(i);
     }
-    std::vector<int> next;
-    for (int i : ring) {
-      for (int k = 0; k < 8; ++k) {
-        const int nx = i % w + dx[k];
-        const int ny = i / w + dy[k];
-        if (nx >= 0 && nx < w && ny >= 0 && ny < h && state[ny * w + nx] == 0) {
-          state[ny * w + nx] = 3;
-          next.push_back(ny * w + nx);
-        }
-      }
-    }
-    ring = next;
+    // Texels beside earlier rings already joined the ring after them.
+    ring = next_ring(2);
   }
-  for (int i : filled) {
+  for (const int i : filled) {
     for (int c = 0; c < ch; ++c) {
       const double m = scratch[i * ch + c];
       map.codes[i * ch + c] =
@@ -129,242 +154,151 @@ std::vector<std::uint8_t> reference_ring(MapU16& map, const std::vector<std::uin
   return mask;
 }
 
-// Sparse random islands: a few blobs of valid texels with random codes.
-std::vector<std::uint8_t> random_islands(MapU16& map, std::uint32_t seed, int blobs) {
+// Random valid texels with random codes: `blobs` discs, or (blobs 0) single
+// texels, about one in `one_in`, so the first ring holds most of the image.
+Mask random_valid(MapU16& map, std::uint32_t seed, int blobs, std::uint32_t one_in = 0) {
   std::mt19937 rng(seed);
-  std::vector<std::uint8_t> valid(static_cast<std::size_t>(map.width) * map.height, 0);
+  const int w = map.width, h = map.height;
+  Mask valid(static_cast<std::size_t>(w) * h, 0);
   for (int b = 0; b < blobs; ++b) {
-    const int cx = static_cast<int>(rng() % map.width);
-    const int cy = static_cast<int>(rng() % map.height);
+    const int cx = static_cast<int>(rng() % w), cy = static_cast<int>(rng() % h);
     const int r = 1 + static_cast<int>(rng() % 6);
-    for (int y = std::max(0, cy - r); y <= std::min(map.height - 1, cy + r); ++y) {
-      for (int x = std::max(0, cx - r); x <= std::min(map.width - 1, cx + r); ++x) {
+    for (int y = std::max(0, cy - r); y <= std::min(h - 1, cy + r); ++y) {
+      for (int x = std::max(0, cx - r); x <= std::min(w - 1, cx + r); ++x) {
         if ((x - cx) * (x - cx) + (y - cy) * (y - cy) <= r * r) {
-          valid[static_cast<std::size_t>(y) * map.width + x] =
-              static_cast<std::uint8_t>(1 + rng() % 200);
+          valid[static_cast<std::size_t>(y) * w + x] = static_cast<std::uint8_t>(1 + rng() % 200);
         }
       }
     }
   }
   for (std::size_t i = 0; i < valid.size(); ++i) {
+    if (one_in > 0) {
+      valid[i] = rng() % one_in == 0 ? 1 : 0;
+    }
     for (int c = 0; c < map.channels; ++c) {
-      map.codes[i * map.channels + c] =
-          valid[i] ? static_cast<std::uint16_t>(rng() % 65536) : static_cast<std::uint16_t>(77);
+      map.codes[i * map.channels + c] = static_cast<std::uint16_t>(valid[i] ? rng() % 65536 : 77);
     }
   }
   return valid;
 }
 
-// Scattered single texels, about one in `one_in`, so the first ring holds
-// most of the image.
-std::vector<std::uint8_t> random_scatter(MapU16& map, std::uint32_t seed, std::uint32_t one_in) {
-  std::mt19937 rng(seed);
-  std::vector<std::uint8_t> valid(static_cast<std::size_t>(map.width) * map.height, 0);
-  for (std::size_t i = 0; i < valid.size(); ++i) {
-    valid[i] = rng() % one_in == 0 ? 1 : 0;
-    for (int c = 0; c < map.channels; ++c) {
-      map.codes[i * map.channels + c] = static_cast<std::uint16_t>(valid[i] ? rng() % 65536 : 3);
-    }
-  }
-  return valid;
-}
-
-TEST(RingPadding, WidthZeroChangesNothing) {
+TEST(RingPadding, WidthZeroFullAndEmptyImagesChangeNothing) {
   MapU16 map = make_map(4, 3, 2, 5);
-  std::vector<std::uint8_t> valid(12, 0);
+  Mask valid(12, 0);
   valid[5] = 9;
-  set_code(map, 1, 1, 0, 40000);
+  map.codes[10] = 40000;
   const MapU16 before = map;
-  const auto mask = dilate_mean(map, valid, 0, 1);
-  EXPECT_EQ(map.codes, before.codes);
-  std::vector<std::uint8_t> expected(12, 0);
+  Mask expected(12, 0);
   expected[5] = 1;  // the mask is normalised to 0/1
-  EXPECT_EQ(mask, expected);
+  EXPECT_EQ(dilate_mean(map, valid, 0, 1), expected);
+  EXPECT_EQ(map.codes, before.codes);
+
+  MapU16 full = make_map(5, 4, 1, 0);
+  for (std::size_t i = 0; i < full.codes.size(); ++i) {
+    full.codes[i] = static_cast<std::uint16_t>(i * 1000);
+  }
+  const MapU16 full_before = full;
+  EXPECT_EQ(dilate_mean(full, Mask(20, 1), 8, 2), Mask(20, 1));
+  EXPECT_EQ(full.codes, full_before.codes);
+  MapU16 empty = make_map(5, 4, 1, 123);
+  EXPECT_EQ(dilate_mean(empty, Mask(20, 0), 8, 2), Mask(20, 0));
+  EXPECT_EQ(empty.codes, std::vector<std::uint16_t>(20, 123));
 }
 
 TEST(RingPadding, SingleTexelFillsTwoRingsOfItsValue) {
   MapU16 map = make_map(7, 7, 3, 11);
-  std::vector<std::uint8_t> valid(49, 0);
+  Mask valid(49, 0);
   valid[3 * 7 + 3] = 1;
-  set_code(map, 3, 3, 0, 1000);
-  set_code(map, 3, 3, 1, 2000);
-  set_code(map, 3, 3, 2, 65535);
+  const std::uint16_t source[3] = {1000, 2000, 65535};
+  std::copy(source, source + 3, map.codes.begin() + 24 * 3);
   const auto mask = dilate_mean(map, valid, 2, 2, 3);
   int filled = 0;
   for (int y = 0; y < 7; ++y) {
     for (int x = 0; x < 7; ++x) {
-      const int ring = std::max(std::abs(x - 3), std::abs(y - 3));
-      if (ring <= 2) {
-        ++filled;
-        EXPECT_EQ(mask[y * 7 + x], 1) << x << "," << y;
-        EXPECT_EQ(code_at(map, x, y, 0), 1000) << x << "," << y;
-        EXPECT_EQ(code_at(map, x, y, 1), 2000);
-        EXPECT_EQ(code_at(map, x, y, 2), 65535);
-      } else {  // the outermost border is ring 3: untouched
-        EXPECT_EQ(mask[y * 7 + x], 0) << x << "," << y;
-        EXPECT_EQ(code_at(map, x, y, 0), 11) << x << "," << y;
+      // Rings 1 and 2 take the value; the outermost border is ring 3.
+      const bool inside = std::max(std::abs(x - 3), std::abs(y - 3)) <= 2;
+      filled += inside ? 1 : 0;
+      EXPECT_EQ(mask[y * 7 + x], inside ? 1 : 0) << x << "," << y;
+      for (int c = 0; c < 3; ++c) {
+        EXPECT_EQ(code_at(map, x, y, c), inside ? source[c] : 11) << x << "," << y;
       }
     }
   }
   EXPECT_EQ(filled, 1 + 8 + 16);
 }
 
-TEST(RingPadding, BorderNeighboursAreClampedWithDoubleWeight) {
+TEST(RingPadding, ClampedNeighboursAndOneRoundingHalfUpAtTheEnd) {
   // Row 0 valid (100, 1000, 40); row 1 is the first ring. At (0, 1) the
   // neighbours (x, y-1) and the clamped (x-1, y-1) are both (0, 0):
   // (100 + 100 + 1000) / 3 = 400, where skipping would give 550.
-  // (1, 1): (1000 + 100 + 40) / 3 = 380.
-  // (2, 1): (2,0), (1,0) and the clamped (3,0) -> (2,0): (40 + 1000 + 40) / 3 = 360.
+  // (1, 1): (1000 + 100 + 40) / 3 = 380; (2, 1): (40 + 1000 + 40) / 3 = 360.
   MapU16 map = make_map(3, 2, 1, 0);
-  set_code(map, 0, 0, 0, 100);
-  set_code(map, 1, 0, 0, 1000);
-  set_code(map, 2, 0, 0, 40);
-  const std::vector<std::uint8_t> valid = {1, 1, 1, 0, 0, 0};
-  const auto mask = dilate_mean(map, valid, 1, 1);
-  EXPECT_EQ(code_at(map, 0, 1), 400);
-  EXPECT_EQ(code_at(map, 1, 1), 380);
-  EXPECT_EQ(code_at(map, 2, 1), 360);
-  EXPECT_EQ(mask, std::vector<std::uint8_t>(6, 1));
-}
+  map.codes = {100, 1000, 40, 0, 0, 0};
+  EXPECT_EQ(dilate_mean(map, Mask{1, 1, 1, 0, 0, 0}, 1, 1), Mask(6, 1));
+  EXPECT_EQ(map.codes, (std::vector<std::uint16_t>{100, 1000, 40, 400, 380, 360}));
 
-TEST(RingPadding, MeansAreRoundedOnceAtTheEnd) {
-  // 3 x 3, row 0 valid (0, 1, 2). Ring 1 means: (0,1) = (0+0+1)/3 = 1/3,
-  // (1,1) = (1+0+2)/3 = 1, (2,1) = (2+1+2)/3 = 5/3.
-  // Ring 2: (0,2) = (1/3 + 1/3 + 1)/3 = 5/9 -> 1 (rounding ring 1 first
-  // would give (0 + 0 + 1)/3 -> 0); (1,2) = (1 + 1/3 + 5/3)/3 = 1;
-  // (2,2) = (5/3 + 1 + 5/3)/3 = 13/9 -> 1 (rounding first: 5/3 -> 2).
-  MapU16 map = make_map(3, 3, 1, 9);
-  set_code(map, 0, 0, 0, 0);
-  set_code(map, 1, 0, 0, 1);
-  set_code(map, 2, 0, 0, 2);
-  const std::vector<std::uint8_t> valid = {1, 1, 1, 0, 0, 0, 0, 0, 0};
-  dilate_mean(map, valid, 2, 1);
-  const std::vector<std::uint16_t> expected = {0, 1, 2, 0, 1, 2, 1, 1, 1};
-  EXPECT_EQ(map.codes, expected);
-}
+  // 3 x 3, row 0 valid (0, 1, 2). Ring 1 means: 1/3, 1, 5/3. Ring 2:
+  // (0,2) = (1/3 + 1/3 + 1)/3 = 5/9 -> 1 (rounding ring 1 first would give
+  // 0); (1,2) = 1; (2,2) = 13/9 -> 1 (rounding first: 5/3 -> 2 gives 2).
+  map = make_map(3, 3, 1, 9);
+  map.codes[0] = 0;
+  map.codes[1] = 1;
+  map.codes[2] = 2;
+  dilate_mean(map, Mask{1, 1, 1, 0, 0, 0, 0, 0, 0}, 2, 1);
+  EXPECT_EQ(map.codes, (std::vector<std::uint16_t>{0, 1, 2, 0, 1, 2, 1, 1, 1}));
 
-TEST(RingPadding, MeansRoundHalfUp) {
-  // One empty texel between two sources, 1 x 3 (row): the clamped
-  // neighbours count each side three times, so the mean is (a + b) / 2.
-  MapU16 map = make_map(3, 1, 2, 0);
-  set_code(map, 0, 0, 0, 10);
-  set_code(map, 2, 0, 0, 11);  // 10.5 -> 11
-  set_code(map, 0, 0, 1, 65535);
-  set_code(map, 2, 0, 1, 65534);  // 65534.5 -> 65535
-  dilate_mean(map, std::vector<std::uint8_t>{1, 0, 1}, 1, 1);
+  // One empty texel between two sources: the clamped neighbours count each
+  // side three times, so the mean is (a + b) / 2: 10.5 -> 11, 65534.5 -> 65535.
+  map = make_map(3, 1, 2, 0);
+  map.codes = {10, 65535, 0, 0, 11, 65534};
+  dilate_mean(map, Mask{1, 0, 1}, 1, 1);
   EXPECT_EQ(code_at(map, 1, 0, 0), 11);
   EXPECT_EQ(code_at(map, 1, 0, 1), 65535);
 }
 
-TEST(RingPadding, FullAndEmptyImagesAreLeftAlone) {
-  MapU16 full = make_map(5, 4, 1, 0);
-  for (std::size_t i = 0; i < full.codes.size(); ++i) {
-    full.codes[i] = static_cast<std::uint16_t>(i * 1000);
-  }
-  const MapU16 full_before = full;
-  EXPECT_EQ(dilate_mean(full, std::vector<std::uint8_t>(20, 1), 8, 2),
-            std::vector<std::uint8_t>(20, 1));
-  EXPECT_EQ(full.codes, full_before.codes);
-
-  MapU16 empty = make_map(5, 4, 1, 123);
-  EXPECT_EQ(dilate_mean(empty, std::vector<std::uint8_t>(20, 0), 8, 2),
-            std::vector<std::uint8_t>(20, 0));
-  EXPECT_EQ(empty.codes, std::vector<std::uint16_t>(20, 123));
-}
-
-TEST(RingPadding, StopsAfterWidthRings) {
-  // A valid column at x = 0 of a 10-wide map: width 3 fills x = 1..3 only.
-  MapU16 map = make_map(10, 2, 1, 7);
-  std::vector<std::uint8_t> valid(20, 0);
-  valid[0] = valid[10] = 1;
-  set_code(map, 0, 0, 0, 500);
-  set_code(map, 0, 1, 0, 500);
-  const auto mask = dilate_mean(map, valid, 3, 1);
-  for (int y = 0; y < 2; ++y) {
-    for (int x = 0; x < 10; ++x) {
-      EXPECT_EQ(mask[y * 10 + x], x <= 3 ? 1 : 0) << x;
-      EXPECT_EQ(code_at(map, x, y), x <= 3 ? 500 : 7) << x;
-    }
-  }
-}
-
 TEST(RingPadding, MatchesPlainReferenceAcrossBlocksAndTasks) {
   // Large enough for several 32-row blocks and rings of more than 16,384
-  // texels, so chunk seams and ordered joins are exercised.
-  for (const int width : {1, 2, 5, 40}) {
-    MapU16 map = make_map(301, 203, 3, 0);
-    const auto valid = random_islands(map, 1234u + static_cast<std::uint32_t>(width), 60);
-    MapU16 expected_map = map;
-    const auto expected_mask = reference_ring(expected_map, valid, width);
+  // texels, so chunk seams and ordered joins are exercised. Scattered texels
+  // make a first ring of about 35,000 texels: three tasks of 16,384.
+  struct Case {
+    int width;
+    int channels;
+    int blobs;
+    std::uint32_t one_in;
+  };
+  for (const Case k : {Case{1, 3, 60, 0}, Case{2, 3, 60, 0}, Case{5, 3, 60, 0}, Case{40, 3, 60, 0},
+                       Case{1, 2, 0, 12}, Case{3, 2, 0, 12}}) {
+    MapU16 map = make_map(301, 203, k.channels, 0);
+    const auto valid =
+        random_valid(map, 1234u + static_cast<std::uint32_t>(k.width), k.blobs, k.one_in);
+    MapU16 expected = map;
+    const auto expected_mask = reference_ring(expected, valid, k.width);
     MapU16 one = map;
     MapU16 two = map;
-    EXPECT_EQ(dilate_mean(one, valid, width, 1), expected_mask);
-    EXPECT_EQ(one.codes, expected_map.codes) << "width " << width;
-    EXPECT_EQ(dilate_mean(two, valid, width, 2), expected_mask);
-    EXPECT_EQ(two.codes, one.codes) << "width " << width;
-  }
-  // First ring of about 35,000 texels: three tasks of 16,384.
-  for (const int width : {1, 3}) {
-    MapU16 map = make_map(301, 203, 2, 0);
-    const auto valid = random_scatter(map, 77u, 12);
-    MapU16 expected_map = map;
-    const auto expected_mask = reference_ring(expected_map, valid, width);
-    MapU16 two = map;
-    EXPECT_EQ(dilate_mean(two, valid, width, 2), expected_mask);
-    EXPECT_EQ(two.codes, expected_map.codes) << "width " << width;
+    EXPECT_EQ(dilate_mean(one, valid, k.width, 1), expected_mask);
+    EXPECT_EQ(one.codes, expected.codes) << "width " << k.width;
+    EXPECT_EQ(dilate_mean(two, valid, k.width, 2), expected_mask);
+    EXPECT_EQ(two.codes, expected.codes) << "width " << k.width;
   }
 }
 
-TEST(RingPadding, ImageOfEveryComponentType) {
+TEST(RingPadding, EveryComponentTypeAndPadImage) {
   // Two sources 1 and 2 with an empty texel between: the mean 1.5 is kept
   // exactly in float images and rounded up in integer ones.
-  struct Case {
-    ComponentType type;
-    double expected;
-  };
-  for (const Case& k : {Case{ComponentType::kU8, 2.0}, Case{ComponentType::kU16, 2.0},
-                        Case{ComponentType::kF16, 1.5}, Case{ComponentType::kF32, 1.5}}) {
-    const std::size_t bytes = component_bytes(k.type);
-    std::vector<std::byte> data(3 * bytes);
-    auto put = [&](int texel, double v) {
-      if (k.type == ComponentType::kU8) {
-        data[texel] = static_cast<std::byte>(v);
-      } else if (k.type == ComponentType::kU16) {
-        const auto c = static_cast<std::uint16_t>(v);
-        std::memcpy(&data[texel * 2], &c, 2);
-      } else if (k.type == ComponentType::kF16) {
-        const std::uint16_t c = double_to_half(v);
-        std::memcpy(&data[texel * 2], &c, 2);
-      } else {
-        const auto f = static_cast<float>(v);
-        std::memcpy(&data[texel * 4], &f, 4);
-      }
-    };
-    put(0, 1.0);
-    put(1, 100.0);
-    put(2, 2.0);
-    const ImageView image{3, 1, 1, k.type, data};
-    const WorkerPool pool(1);
-    dilate_mean_image(image, std::vector<std::uint8_t>{1, 0, 1}, 1, false, pool);
-    double got = 0;
-    if (k.type == ComponentType::kU8) {
-      got = std::to_integer<int>(data[1]);
-    } else if (k.type == ComponentType::kU16 || k.type == ComponentType::kF16) {
-      std::uint16_t c;
-      std::memcpy(&c, &data[2], 2);
-      got = k.type == ComponentType::kU16 ? c : half_to_double(c);
-    } else {
-      float f;
-      std::memcpy(&f, &data[4], 4);
-      got = f;
-    }
-    EXPECT_EQ(got, k.expected) << static_cast<int>(k.type);
+  const WorkerPool pool(1);
+  for (const auto& [type, expected] :
+       {std::pair{ComponentType::kU8, 2.0}, std::pair{ComponentType::kU16, 2.0},
+        std::pair{ComponentType::kF16, 1.5}, std::pair{ComponentType::kF32, 1.5}}) {
+    TestImage image(3, 1, 1, type);
+    image.set(0, 0, 1.0);
+    image.set(1, 0, 100.0);
+    image.set(2, 0, 2.0);
+    dilate_mean_image(image.view(), Mask{1, 0, 1}, 1, false, pool);
+    EXPECT_EQ(image.get(1), expected) << static_cast<int>(type);
   }
-}
 
-TEST(RingPadding, PadImageRingModeEqualsDilateMean) {
   MapU16 map = make_map(97, 71, 2, 0);
-  const auto valid = random_islands(map, 99u, 12);
+  const auto valid = random_valid(map, 99u, 12);
   MapU16 direct = map;
   const auto direct_mask = dilate_mean(direct, valid, 6, 2);
   PaddingSettings settings;
@@ -376,71 +310,387 @@ TEST(RingPadding, PadImageRingModeEqualsDilateMean) {
   EXPECT_EQ(map.codes, direct.codes);
 }
 
-TEST(PaddingChecks, PadImageMessages) {
+TEST(PaddingChecks, MessagesOfEveryEntry) {
   std::vector<std::uint16_t> codes(12, 0);
-  const ImageView image{4, 3, 1, ComponentType::kU16, std::as_writable_bytes(std::span(codes))};
-  PaddingSettings settings;
+  const auto bytes = std::as_writable_bytes(std::span(codes));
+  const ImageView image{4, 3, 1, ComponentType::kU16, bytes};
   const WorkerPool pool(1);
-  expect_error([&] { pad_image(image, std::vector<std::uint8_t>(11, 0), settings, pool); },
-               "padding: the valid mask does not match the image");
-  settings.mode = PaddingMode::passthrough;  // checked before any mode runs
-  expect_error([&] { pad_image(image, std::vector<std::uint8_t>(13, 0), settings, pool); },
-               "padding: the valid mask does not match the image");
-  settings.width = -1;
-  expect_error([&] { pad_image(image, std::vector<std::uint8_t>(12, 0), settings, pool); },
+  const std::string mask_message = "padding: the valid mask does not match the image";
+  const std::string image_message = "padding: image or mask size mismatch (or image too large)";
+  const auto pad = [&](const ImageView& view, std::size_t mask, PaddingMode mode, int width) {
+    PaddingSettings settings;
+    settings.mode = mode;
+    settings.width = width;
+    return [&pool, view, mask, settings] { pad_image(view, Mask(mask, 0), settings, pool); };
+  };
+  expect_error(pad(image, 11, PaddingMode::ring, 3), mask_message);
+  // Checked before any mode runs; the mask before the width.
+  expect_error(pad(image, 13, PaddingMode::passthrough, 3), mask_message);
+  expect_error(pad(image, 2, PaddingMode::passthrough, -1), mask_message);
+  expect_error(pad(image, 12, PaddingMode::passthrough, -1),
                "padding: the width must not be negative");
-  // Both wrong: the mask is checked first.
-  expect_error([&] { pad_image(image, std::vector<std::uint8_t>(2, 0), settings, pool); },
-               "padding: the valid mask does not match the image");
-  settings.width = 3;
-  const ImageView short_bytes{4, 3, 1, ComponentType::kU16,
-                              std::as_writable_bytes(std::span(codes).first(11))};
-  expect_error([&] { pad_image(short_bytes, std::vector<std::uint8_t>(12, 0), settings, pool); },
-               "padding: image or mask size mismatch (or image too large)");
-  const ImageView bad_type{4, 3, 1, static_cast<ComponentType>(7),
-                           std::as_writable_bytes(std::span(codes))};
-  expect_error([&] { pad_image(bad_type, std::vector<std::uint8_t>(12, 0), settings, pool); },
-               "padding: image or mask size mismatch (or image too large)");
-  const ImageView no_channels{4, 3, 0, ComponentType::kU16, {}};
-  expect_error([&] { pad_image(no_channels, std::vector<std::uint8_t>(12, 0), settings, pool); },
-               "padding: image or mask size mismatch (or image too large)");
+  for (const ImageView& bad : {ImageView{4, 3, 1, ComponentType::kU16, bytes.first(11)},
+                               ImageView{4, 3, 1, static_cast<ComponentType>(7), bytes},
+                               ImageView{4, 3, 0, ComponentType::kU16, {}}}) {
+    expect_error(pad(bad, 12, PaddingMode::ring, 3), image_message);
+  }
+
+  const Mask valid(6, 0);
+  const auto dilate = [&](MapU16 map, std::size_t mask, int width, int expected_channels) {
+    expect_error(
+        [&] { dilate_mean(map, std::span(valid).first(mask), width, 1, expected_channels); },
+        "padding: map or mask size mismatch (or image too large)");
+  };
+  dilate(make_map(3, 2, 2, 0), 5, 1, 0);   // mask too short
+  dilate(make_map(3, 2, 2, 0), 6, -1, 0);  // negative width
+  dilate(make_map(3, 2, 2, 0), 6, 1, 3);   // not the channels asked for
+  MapU16 bad = make_map(3, 2, 2, 0);
+  bad.codes.pop_back();
+  dilate(bad, 6, 1, 0);
+  for (MapU16 wrong : {MapU16{0, 2, 2, {}}, MapU16{3, 2, 0, {}}, MapU16{65536, 65536, 1, {}}}) {
+    dilate(wrong, 6, 1, 0);  // zero width, no channels, W * H above 2^32 - 1
+  }
+  MapU16 ok = make_map(3, 2, 2, 0);
+  EXPECT_NO_THROW(dilate_mean(ok, valid, 1, 1, 2));  // the channels asked for
+
+  Mask small(6);
+  const ImageView u8{3, 2, 1, ComponentType::kU8, std::as_writable_bytes(std::span(small))};
+  expect_error([&] { dilate_mean_image(u8, std::span(valid).first(4), 1, false, pool); },
+               image_message);
+  expect_error([&] { dilate_mean_image(u8, valid, -2, false, pool); }, image_message);
 }
 
-TEST(PaddingChecks, DilateMeanMessages) {
-  const std::string message = "padding: map or mask size mismatch (or image too large)";
-  const std::vector<std::uint8_t> valid(6, 0);
-  auto run = [&](MapU16 map, std::span<const std::uint8_t> mask, int width, int expected) {
-    expect_error([&] { dilate_mean(map, mask, width, 1, expected); }, message);
-  };
-  run(make_map(3, 2, 2, 0), std::span(valid).first(5), 1, 0);  // mask too short
-  run(make_map(3, 2, 2, 0), valid, -1, 0);                     // negative width
-  run(make_map(3, 2, 2, 0), valid, 1, 3);                      // not the channels asked for
-  MapU16 short_codes = make_map(3, 2, 2, 0);
-  short_codes.codes.pop_back();
-  run(short_codes, valid, 1, 0);
-  MapU16 zero_width = make_map(3, 2, 2, 0);
-  zero_width.width = 0;
-  run(zero_width, valid, 1, 0);
-  MapU16 no_channels = make_map(3, 2, 2, 0);
-  no_channels.channels = 0;
-  run(no_channels, valid, 1, 0);
-  // W * H above 2^32 - 1 is refused before anything is touched.
-  MapU16 huge;
-  huge.width = 65536;
-  huge.height = 65536;
-  huge.channels = 1;
-  run(huge, valid, 1, 0);
-  // The requested channel count, when it matches, passes.
-  MapU16 ok = make_map(3, 2, 2, 0);
-  EXPECT_NO_THROW(dilate_mean(ok, valid, 1, 1, 2));
+// ---- the modes built on the nearest valid texel, sRGB and half floats ----------
 
-  std::vector<std::uint8_t> bytes(6);
-  const ImageView image{3, 2, 1, ComponentType::kU8, std::as_writable_bytes(std::span(bytes))};
-  const WorkerPool pool(1);
-  expect_error([&] { dilate_mean_image(image, std::span(valid).first(4), 1, false, pool); },
-               "padding: image or mask size mismatch (or image too large)");
-  expect_error([&] { dilate_mean_image(image, valid, -2, false, pool); },
-               "padding: image or mask size mismatch (or image too large)");
+PaddingSettings mode(PaddingMode m, std::int32_t width, bool srgb = false) {
+  PaddingSettings s;
+  s.mode = m;
+  s.width = width;
+  s.srgb = srgb;
+  return s;
+}
+
+// A one-row image of one channel holding `values`.
+TestImage line(const Values& values, ComponentType type = ComponentType::kU16) {
+  TestImage image(static_cast<std::int32_t>(values.size()), 1, 1, type);
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    image.set(i, 0, values[i]);
+  }
+  return image;
+}
+
+// Lowest-index nearest valid texel by trying every valid texel.
+NearestValid brute_nearest(int w, int h, const Mask& valid) {
+  NearestValid out;
+  for (int t = 0; t < w * h; ++t) {
+    std::uint32_t best = NearestValid::kNone;
+    std::uint64_t best_d = ~std::uint64_t{0};
+    for (int i = 0; i < w * h; ++i) {
+      const std::int64_t dx = i % w - t % w, dy = i / w - t / w;
+      const auto d = static_cast<std::uint64_t>(dx * dx + dy * dy);
+      if (valid[i] && (best == NearestValid::kNone || d < best_d)) {
+        best = static_cast<std::uint32_t>(i);
+        best_d = d;
+      }
+    }
+    out.nearest.push_back(best);
+    out.distance2.push_back(best_d);
+  }
+  return out;
+}
+
+TEST(NearestValidTexels, MatchesBruteForceWithLowestIndexTies) {
+  const WorkerPool one(1);
+  const WorkerPool two(2);
+  std::mt19937 rng(5);
+  for (const auto& [w, h, one_in] : {std::array{1, 1, 1},
+                                     {1, 40, 7},
+                                     {40, 1, 7},
+                                     {37, 70, 25},
+                                     {70, 37, 60},
+                                     {66, 65, 400},
+                                     {9, 9, 3}}) {
+    Mask valid(static_cast<std::size_t>(w) * h);
+    for (auto& v : valid) {
+      v = rng() % static_cast<unsigned>(one_in) == 0 ? 1 : 0;
+    }
+    valid[valid.size() / 2] = 1;
+    const NearestValid expected = brute_nearest(w, h, valid);
+    const NearestValid got = nearest_valid_texels(w, h, valid, one);
+    for (std::size_t i = 0; i < valid.size(); ++i) {
+      ASSERT_EQ(got.distance2[i], expected.distance2[i]) << w << "x" << h << " at " << i;
+      ASSERT_EQ(got.nearest[i], expected.nearest[i]) << w << "x" << h << " at " << i;
+    }
+    const NearestValid got_two = nearest_valid_texels(w, h, valid, two);
+    EXPECT_EQ(got_two.nearest, got.nearest);
+    EXPECT_EQ(got_two.distance2, got.distance2);
+  }
+  // 3 x 3: (2,0) and (0,2) are both at squared distance 4 from (0,0); the
+  // upper one wins although the other is further left.
+  Mask valid(9, 0);
+  valid[2] = valid[6] = 1;
+  const NearestValid nv = nearest_valid_texels(3, 3, valid, one);
+  EXPECT_EQ(nv.nearest[0], 2u);
+  EXPECT_EQ(nv.distance2[0], 4u);
+  EXPECT_EQ(nearest_valid_texels(3, 3, Mask(9, 0), one).nearest,
+            std::vector<std::uint32_t>(9, NearestValid::kNone));
+}
+
+TEST(PaddingModes, PassthroughAndInfinite) {
+  TestImage kept = line({100, 101, 102, 103});
+  EXPECT_EQ(pad_image(kept.view(), Mask{0, 5, 0, 0}, mode(PaddingMode::passthrough, 32), 1),
+            (Mask{0, 1, 0, 0}));
+  EXPECT_EQ(kept.row(), (Values{100, 101, 102, 103}));
+
+  // 10 _ _ _ 50, width ignored: x = 2 is equally near both and takes the
+  // left (lower index).
+  TestImage image = line({10, 0, 0, 0, 50});
+  EXPECT_EQ(pad_image(image.view(), Mask{1, 0, 0, 0, 1}, mode(PaddingMode::infinite, 0), 1),
+            Mask(5, 1));
+  EXPECT_EQ(image.row(), (Values{10, 10, 10, 50, 50}));
+
+  // Every channel is copied bytes for bytes, also from half floats.
+  TestImage halves(3, 2, 2, ComponentType::kF16);
+  halves.set(5, 0, 0.1);
+  halves.set(5, 1, -3.25);
+  pad_image(halves.view(), Mask{0, 0, 0, 0, 0, 1}, mode(PaddingMode::infinite, 1), 2);
+  for (int i = 0; i < 6; ++i) {
+    EXPECT_EQ(halves.get(i, 0), half_to_double(double_to_half(0.1)));
+    EXPECT_EQ(halves.get(i, 1), -3.25);
+  }
+
+  // Without a valid texel nothing changes.
+  TestImage none = line({0, 42, 0}, ComponentType::kU8);
+  EXPECT_EQ(pad_image(none.view(), Mask(3, 0), mode(PaddingMode::infinite, 5), 1), Mask(3, 0));
+  EXPECT_EQ(none.row(), (Values{0, 42, 0}));
+}
+
+TEST(PaddingModes, ColorBeyondTheSquaredDistanceLimit) {
+  // Valid (0,0) of 3 x 3, width 2: squared distances up to 1 take the value,
+  // so (1,0) and (0,1) copy it and the diagonal (1,1), at 2, gets the colour.
+  TestImage image(3, 3, 1, ComponentType::kU16);
+  image.set(0, 0, 9);
+  PaddingSettings s = mode(PaddingMode::color, 2);
+  s.color = {1000};
+  EXPECT_EQ(pad_image(image.view(), Mask{1, 0, 0, 0, 0, 0, 0, 0, 0}, s, 1), Mask(9, 1));
+  EXPECT_EQ(image.row(), (Values{9, 9, 1000, 9, 1000, 1000, 1000, 1000, 1000}));
+  // 1 x 7, width 3: x = 1, 2 (distances 1, 4) copy; the rest is colour.
+  // Width 0 and width 1 take no nearest value at all.
+  const Values copied = {9, 9, 9, 1000, 1000, 1000, 1000};
+  const Values none = {9, 1000, 1000, 1000, 1000, 1000, 1000};
+  for (const auto& [width, expected] : {std::pair{3, copied}, {1, none}, {0, none}}) {
+    TestImage row = line({9, 0, 0, 0, 0, 0, 0});
+    s.width = width;
+    pad_image(row.view(), Mask{1, 0, 0, 0, 0, 0, 0}, s, 1);
+    EXPECT_EQ(row.row(), expected) << width;
+  }
+
+  // Without a valid texel every texel takes the colour.
+  TestImage blank(2, 2, 1, ComponentType::kU8);
+  s.color = {66};
+  EXPECT_EQ(pad_image(blank.view(), Mask(4, 0), s, 1), Mask(4, 1));
+  EXPECT_EQ(blank.row(), Values(4, 66));
+}
+
+TEST(PaddingModes, ColorIsStoredInTheComponentType) {
+  PaddingSettings s = mode(PaddingMode::color, 0);
+  // u8: 7.5 rounds half up, 300 clamps, -4 gives 0; the fourth channel has no
+  // value and gets 0.
+  TestImage bytes(2, 1, 4, ComponentType::kU8);
+  for (int c = 0; c < 4; ++c) {
+    bytes.set(0, c, 50);
+    bytes.set(1, c, 77);
+  }
+  s.color = {7.5, 300, -4};
+  pad_image(bytes.view(), Mask{1, 0}, s, 1);
+  EXPECT_EQ(bytes.get(1, 0), 8);
+  EXPECT_EQ(bytes.get(1, 1), 255);
+  EXPECT_EQ(bytes.get(1, 2), 0);
+  EXPECT_EQ(bytes.get(1, 3), 0);
+  EXPECT_EQ(bytes.get(0, 1), 50);  // the valid texel is left alone
+
+  TestImage floats(2, 1, 1, ComponentType::kF32);
+  s.color = {0.1};
+  pad_image(floats.view(), Mask{1, 0}, s, 1);
+  EXPECT_EQ(floats.get(1), static_cast<double>(0.1f));
+
+  // A bake pads by ring by default; its default colour is the flat Normal.
+  TestImage normal(2, 1, 3, ComponentType::kU16);
+  pad_image(normal.view(), Mask{1, 0}, padding_settings_of(NormalBakeSettings{}), 1);
+  EXPECT_EQ(normal.get(1, 0), 0);  // one valid texel of code 0 fills it
+  NormalBakeSettings bake;
+  bake.padding = PaddingMode::color;
+  bake.dilation = 0;
+  pad_image(normal.view(), Mask{1, 0}, padding_settings_of(bake), 1);
+  EXPECT_EQ(normal.get(1, 0), 32768);
+  EXPECT_EQ(normal.get(1, 1), 32768);
+  EXPECT_EQ(normal.get(1, 2), 65535);
+}
+
+TEST(PaddingModes, TransparentZeroesBeyondTheLimit) {
+  TestImage image(4, 1, 4, ComponentType::kU8);
+  const double texel[4] = {10, 20, 30, 255};
+  for (int c = 0; c < 4; ++c) {
+    image.set(0, c, texel[c]);
+    for (int i = 1; i < 4; ++i) {
+      image.set(i, c, 99);
+    }
+  }
+  EXPECT_EQ(pad_image(image.view(), Mask{1, 0, 0, 0}, mode(PaddingMode::transparent, 2), 1),
+            (Mask{1, 1, 0, 0}));
+  for (int c = 0; c < 4; ++c) {
+    EXPECT_EQ(image.get(1, c), texel[c]);
+    EXPECT_EQ(image.get(2, c), 0);
+    EXPECT_EQ(image.get(3, c), 0);
+  }
+  // Without a valid texel everything is zeroed, and nothing holds a value.
+  TestImage blank = line({5, 6, 7, 8}, ComponentType::kU8);
+  EXPECT_EQ(pad_image(blank.view(), Mask(4, 0), mode(PaddingMode::transparent, 4), 1), Mask(4, 0));
+  EXPECT_EQ(blank.row(), Values(4, 0));
+}
+
+TEST(PaddingModes, DiffusionByHandAndInLinearLight) {
+  // 1 x 4, sources 0 and 200 at the ends, width 0. Pull: level 1 = (0, 200).
+  // Push: x = 1 takes 3/4 * 0 + 1/4 * 200 = 50; x = 2 takes 3/4 * 200 = 150.
+  TestImage four = line({0, 0, 0, 200});
+  EXPECT_EQ(pad_image(four.view(), Mask{1, 0, 0, 1}, mode(PaddingMode::diffusion, 0), 1),
+            Mask(4, 1));
+  EXPECT_EQ(four.row(), (Values{0, 50, 150, 200}));
+  // The same in linear light: 0.25 -> 136.96 -> 137 and 0.75 -> 224.61 -> 225.
+  TestImage srgb = line({0, 0, 0, 255}, ComponentType::kU8);
+  pad_image(srgb.view(), Mask{1, 0, 0, 1}, mode(PaddingMode::diffusion, 0, true), 1);
+  EXPECT_EQ(srgb.row(), (Values{0, 137, 225, 255}));
+
+  // 1 x 6, width 2: x = 1 and x = 4 copy their neighbour. Pull: level 1 =
+  // (0, -, 200), level 2 = (0, 200), level 3 = 100. Push: level 1 middle =
+  // 3/4 * 0 + 1/4 * 200 = 50; then x = 2 gets 3/4 * 50 + 1/4 * 0 = 37.5 -> 38
+  // and x = 3 gets 3/4 * 50 + 1/4 * 200 = 87.5 -> 88.
+  TestImage six = line({0, 0, 0, 0, 0, 200});
+  pad_image(six.view(), Mask{1, 0, 0, 0, 0, 1}, mode(PaddingMode::diffusion, 2), 1);
+  EXPECT_EQ(six.row(), (Values{0, 0, 38, 88, 200, 200}));
+
+  // Nothing to diffuse from: the image stays as it is.
+  TestImage none = line({0, 0, 0, 5});
+  EXPECT_EQ(pad_image(none.view(), Mask(4, 0), mode(PaddingMode::diffusion, 3), 1), Mask(4, 0));
+  EXPECT_EQ(none.row(), (Values{0, 0, 0, 5}));
+
+  // On scattered sources every texel stays within their range, and a
+  // constant channel stays constant.
+  TestImage image(83, 61, 2, ComponentType::kF32);
+  std::mt19937 rng(8);
+  Mask valid(83 * 61, 0);
+  for (std::size_t i = 0; i < valid.size(); ++i) {
+    valid[i] = rng() % 40 == 0 ? 1 : 0;
+    image.set(i, 0, valid[i] ? 10.0 + static_cast<double>(rng() % 100) : -1000.0);
+    image.set(i, 1, valid[i] ? 0.5 : -1000.0);
+  }
+  EXPECT_EQ(pad_image(image.view(), valid, mode(PaddingMode::diffusion, 2), 2),
+            Mask(valid.size(), 1));
+  for (std::size_t i = 0; i < valid.size(); ++i) {
+    ASSERT_GE(image.get(i, 0), 10.0) << i;
+    ASSERT_LE(image.get(i, 0), 109.0) << i;
+    ASSERT_EQ(image.get(i, 1), 0.5) << i;
+  }
+}
+
+TEST(PaddingSrgb, RingMeansInLinearLight) {
+  // 0 and 255 average to linear 0.5, which encodes to 187.516 -> 188 (128
+  // without the flag); 100 and 200 give 160.2 -> 160.
+  for (const auto& [a, b, srgb, expected] : {std::tuple{0.0, 255.0, true, 188.0},
+                                             {0.0, 255.0, false, 128.0},
+                                             {100.0, 200.0, true, 160.0}}) {
+    TestImage image = line({a, 0, b}, ComponentType::kU8);
+    pad_image(image.view(), Mask{1, 0, 1}, mode(PaddingMode::ring, 1, srgb), 1);
+    EXPECT_EQ(image.get(1), expected) << a << " " << b << " " << srgb;
+  }
+  const PaddingSettings s = mode(PaddingMode::ring, 1, true);
+  // 16-bit: linear 0.5 -> 48191.62 -> 48192. Float images ignore the flag.
+  TestImage wide = line({0, 0, 65535});
+  pad_image(wide.view(), Mask{1, 0, 1}, s, 1);
+  EXPECT_EQ(wide.get(1), 48192);
+  TestImage floats = line({0, 0, 1}, ComponentType::kF32);
+  pad_image(floats.view(), Mask{1, 0, 1}, s, 1);
+  EXPECT_EQ(floats.get(1), 0.5);
+  // Alpha (the last of two or four channels) stays linear: 127.5 -> 128.
+  for (const int channels : {2, 4}) {
+    TestImage rgba(3, 1, channels, ComponentType::kU8);
+    for (int c = 0; c < channels; ++c) {
+      rgba.set(2, c, 255);
+    }
+    pad_image(rgba.view(), Mask{1, 0, 1}, s, 1);
+    for (int c = 0; c < channels; ++c) {
+      EXPECT_EQ(rgba.get(1, c), c == channels - 1 ? 128 : 188) << channels;
+    }
+  }
+
+  for (const double top : {255.0, 65535.0}) {
+    for (int code = 0; code <= static_cast<int>(top); ++code) {
+      ASSERT_EQ(std::floor(linear_to_srgb(srgb_to_linear(code / top)) * top + 0.5), code) << top;
+    }
+  }
+  EXPECT_EQ(srgb_to_linear(0.04045), 0.04045 / 12.92);
+  EXPECT_NEAR(srgb_to_linear(0.5), 0.21404114048223255, 1e-15);
+  EXPECT_EQ(linear_to_srgb(-0.5), 0.0);
+  EXPECT_EQ(linear_to_srgb(2.0), 1.0);
+}
+
+TEST(HalfFloat, RoundsToNearestEven) {
+  // 65520 is halfway to infinity, which is even; 1 + 2^-11 and 1 + 3 2^-11
+  // are halfway with the even neighbour below and above; 2^-25 is halfway to
+  // 0; 1023.5 2^-24 (0x1.ffcp-15) rounds up into the normals; 1.9996 carries
+  // into the exponent.
+  const double values[] = {1.0,      -2.0,      0.0,         -0.0,      65504.0,
+                           65519.99, 65520.0,   0x1.002p0,   0x1.006p0, 0x1p-24,
+                           0x1p-25,  0x1.8p-25, 0x1.ffcp-15, 1.9996,    INFINITY};
+  const int halves[] = {0x3C00, 0xC000, 0x0000, 0x8000, 0x7BFF, 0x7BFF, 0x7C00, 0x3C00,
+                        0x3C02, 0x0001, 0x0000, 0x0001, 0x0400, 0x4000, 0x7C00};
+  for (std::size_t i = 0; i < std::size(values); ++i) {
+    EXPECT_EQ(double_to_half(values[i]), halves[i]) << values[i];
+  }
+  const std::uint16_t nan = double_to_half(NAN);
+  EXPECT_EQ(nan & 0x7C00, 0x7C00);
+  EXPECT_NE(nan & 0x03FF, 0);
+  for (std::uint32_t bits = 0; bits < 0x10000; ++bits) {
+    const auto h = static_cast<std::uint16_t>(bits);
+    if ((h & 0x7C00) == 0x7C00 && (h & 0x03FF) != 0) {
+      EXPECT_TRUE(std::isnan(half_to_double(h)));
+    } else {
+      ASSERT_EQ(double_to_half(half_to_double(h)), h) << bits;
+    }
+  }
+  EXPECT_EQ(half_to_double(0x0001), std::ldexp(1.0, -24));
+  EXPECT_EQ(half_to_double(0x3555), 0.333251953125);
+}
+
+TEST(PaddingThreads, EveryModeIsTheSameOnOneAndTwoThreads) {
+  std::mt19937 rng(21);
+  TestImage base(263, 141, 3, ComponentType::kU16);
+  TestImage base8(263, 141, 4, ComponentType::kU8);
+  Mask valid(263 * 141, 0);
+  for (std::size_t i = 0; i < valid.size(); ++i) {
+    const int x = static_cast<int>(i % 263);
+    const int y = static_cast<int>(i / 263);
+    valid[i] = ((x / 30 + y / 20) % 3 == 0 && rng() % 5 != 0) ? 1 : 0;
+    for (int c = 0; c < 3; ++c) {
+      base.set(i, c, valid[i] ? static_cast<double>(rng() % 65536) : 1.0);
+    }
+    for (int c = 0; c < 4; ++c) {
+      base8.set(i, c, valid[i] ? static_cast<double>(rng() % 256) : 1.0);
+    }
+  }
+  for (const PaddingMode m :
+       {PaddingMode::ring, PaddingMode::passthrough, PaddingMode::infinite,
+        PaddingMode::transparent, PaddingMode::color, PaddingMode::diffusion}) {
+    for (const bool srgb : {false, true}) {
+      const TestImage& source = srgb ? base8 : base;
+      TestImage one = source;
+      TestImage two = source;
+      const auto mask_one = pad_image(one.view(), valid, mode(m, 9, srgb), 1);
+      EXPECT_EQ(mask_one, pad_image(two.view(), valid, mode(m, 9, srgb), 2)) << static_cast<int>(m);
+      EXPECT_EQ(one.bytes, two.bytes) << static_cast<int>(m);
+      EXPECT_EQ(one.bytes == source.bytes, m == PaddingMode::passthrough) << static_cast<int>(m);
+    }
+  }
 }
 
 }  // namespace

@@ -1,14 +1,14 @@
-#include "bake/normal_resolve.h"
-
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdlib>
 #include <limits>
 
-#include "bake/bake_scene_meshes.h"
+#include "bake/bake_test_meshes.h"
 #include "bake/cpu_tracer.h"
 #include "bake/low_prep.h"
+#include "bake/miss_fill.h"
+#include "bake/normal_bake.h"
+#include "bake/normal_resolve.h"
 #include "bake/ray_setup.h"
 #include "core/error.h"
 #include "support/test_support.h"
@@ -20,8 +20,11 @@ using test::add_plane;
 using test::high_plane;
 using test::PlaneSpec;
 using test::unit_low_plane;
+using Codes = std::array<std::uint16_t, 3>;
 
-TangentFrame frame(std::array<float, 3> t, float sign, std::array<float, 3> n) {
+constexpr Codes kFlat = {32768, 32768, 65535};
+
+TangentFrame frame(std::array<float, 3> t, float sign, std::array<float, 3> n = {0, 0, 1}) {
   TangentFrame f;
   f.tangent = t;
   f.sign = sign;
@@ -29,8 +32,13 @@ TangentFrame frame(std::array<float, 3> t, float sign, std::array<float, 3> n) {
   return f;
 }
 
-std::array<TangentFrame, 3> same_frames(const TangentFrame& f) {
-  return {f, f, f};
+// The solve at (b1, b2); `fallback` must come out as expected.
+std::array<double, 3> solve(const std::array<TangentFrame, 3>& frames, double b1, double b2,
+                            bool per_vertex, std::array<float, 3> h, bool expect_fallback) {
+  bool fallback = !expect_fallback;
+  const auto c = tangent_space_normal(frames, b1, b2, per_vertex, h, &fallback);
+  EXPECT_EQ(fallback, expect_fallback);
+  return c;
 }
 
 void expect_near3(const std::array<double, 3>& got, const std::array<double, 3>& want,
@@ -40,132 +48,74 @@ void expect_near3(const std::array<double, 3>& got, const std::array<double, 3>&
   }
 }
 
-// ---- the tangent-space solve -----------------------------------------------
-
-TEST(TangentSolve, OrthonormalFrameAndSign) {
-  const auto up = same_frames(frame({1, 0, 0}, 1.0f, {0, 0, 1}));
-  bool fallback = true;
-  expect_near3(tangent_space_normal(up, 0.25, 0.25, false, {0.6f, 0.8f, 0.0f}, &fallback),
-               {0.6f, 0.8f, 0.0});
-  EXPECT_FALSE(fallback);
-  expect_near3(tangent_space_normal(up, 0.25, 0.25, false, {0.0f, 0.0f, 1.0f}, &fallback),
-               {0, 0, 1});
-
+TEST(TangentSolve, DirectSolveSignsAndSkewedFrames) {
+  const TangentFrame up = frame({1, 0, 0}, 1.0f);
+  expect_near3(solve({up, up, up}, 0.25, 0.25, false, {0.6f, 0.8f, 0.0f}, false), {0.6f, 0.8f, 0});
+  expect_near3(solve({up, up, up}, 0.25, 0.25, false, {0, 0, 1}, false), {0, 0, 1});
   // A negative sign mirrors the bitangent, so the second coefficient flips.
-  const auto mirrored = same_frames(frame({1, 0, 0}, -1.0f, {0, 0, 1}));
-  expect_near3(tangent_space_normal(mirrored, 0.25, 0.25, false, {0.6f, 0.8f, 0.0f}, &fallback),
-               {0.6f, -0.8f, 0.0});
-  EXPECT_FALSE(fallback);
-}
+  const TangentFrame mirrored = frame({1, 0, 0}, -1.0f);
+  expect_near3(solve({mirrored, mirrored, mirrored}, 0.25, 0.25, false, {0.6f, 0.8f, 0.0f}, false),
+               {0.6f, -0.8f, 0});
 
-TEST(TangentSolve, SkewedFrameIsSolvedExactly) {
-  // T and N not orthogonal: Cramer's rule recovers the coefficients that
-  // built h, where a projection onto the axes would not.
-  const std::array<double, 3> t = {1.0, 0.0, 0.5};
-  const std::array<double, 3> n = {0.0, 0.0, 1.0};
-  const std::array<double, 3> b = {n[1] * t[2] - n[2] * t[1], n[2] * t[0] - n[0] * t[2],
-                                   n[0] * t[1] - n[1] * t[0]};  // N x T
+  // T = (1, 0, 0.5) and N = +z are not orthogonal; B = N x T = (0, 1, 0).
+  // Cramer's rule recovers the coefficients that built h, where a projection
+  // onto the axes would not.
   const double c0 = 0.3, c1 = 0.2, c2 = 0.5;
-  std::array<float, 3> h{};
-  for (std::size_t k = 0; k < 3; ++k) {
-    h[k] = static_cast<float>(c0 * t[k] + c1 * b[k] + c2 * n[k]);
-  }
-  const auto frames = same_frames(frame({1.0f, 0.0f, 0.5f}, 1.0f, {0, 0, 1}));
-  bool fallback = true;
-  const std::array<double, 3> c = tangent_space_normal(frames, 0.1, 0.2, false, h, &fallback);
+  const std::array<float, 3> h = {static_cast<float>(c0), static_cast<float>(c1),
+                                  static_cast<float>(c0 * 0.5 + c2)};
+  const TangentFrame skew = frame({1.0f, 0.0f, 0.5f}, 1.0f);
   const double len = std::sqrt(c0 * c0 + c1 * c1 + c2 * c2);
-  expect_near3(c, {c0 / len, c1 / len, c2 / len}, 1e-6);
-  EXPECT_FALSE(fallback);
-}
+  expect_near3(solve({skew, skew, skew}, 0.1, 0.2, false, h, false), {c0 / len, c1 / len, c2 / len},
+               1e-6);
 
-TEST(TangentSolve, PerVertexBitangentsBlendTheCornersOwnSigns) {
   // Corner 0 has sign +1, corners 1 and 2 sign -1. At the second corner the
   // per-fragment rule still takes corner 0's sign, the per-vertex rule takes
   // the second corner's own bitangent.
-  const std::array<TangentFrame, 3> frames = {frame({1, 0, 0}, 1.0f, {0, 0, 1}),
-                                              frame({1, 0, 0}, -1.0f, {0, 0, 1}),
-                                              frame({1, 0, 0}, -1.0f, {0, 0, 1})};
-  const std::array<float, 3> h = {0.0f, 0.6f, 0.8f};
-  bool fallback = true;
-  expect_near3(tangent_space_normal(frames, 1.0, 0.0, false, h, &fallback), {0, 0.6, 0.8});
-  EXPECT_FALSE(fallback);
-  expect_near3(tangent_space_normal(frames, 1.0, 0.0, true, h, &fallback), {0, -0.6, 0.8});
-  EXPECT_FALSE(fallback);
+  const std::array<TangentFrame, 3> mixed = {up, mirrored, mirrored};
+  expect_near3(solve(mixed, 1.0, 0.0, false, {0.0f, 0.6f, 0.8f}, false), {0, 0.6, 0.8});
+  expect_near3(solve(mixed, 1.0, 0.0, true, {0.0f, 0.6f, 0.8f}, false), {0, -0.6, 0.8});
 }
 
 TEST(TangentSolve, FallbackFrames) {
   const std::array<float, 3> h = {0.6f, 0.8f, 0.0f};
-  bool fallback = false;
+  const TangentFrame up = frame({1, 0, 0}, 1.0f);
   // Per-vertex bitangents that cancel (signs +1 and -1 blended half and
-  // half): the determinant is 0, the orthonormalised frame (with corner 0's
-  // sign) answers instead.
-  const std::array<TangentFrame, 3> cancelling = {frame({1, 0, 0}, 1.0f, {0, 0, 1}),
-                                                  frame({1, 0, 0}, -1.0f, {0, 0, 1}),
-                                                  frame({1, 0, 0}, 1.0f, {0, 0, 1})};
-  expect_near3(tangent_space_normal(cancelling, 0.5, 0.0, true, h, &fallback), {0.6f, 0.8f, 0.0});
-  EXPECT_TRUE(fallback);
-
-  // Tangent along the normal: no frame can be formed, the flat normal remains.
-  fallback = false;
-  const auto parallel = same_frames(frame({0, 0, 1}, 1.0f, {0, 0, 1}));
-  EXPECT_EQ(tangent_space_normal(parallel, 0.2, 0.3, false, h, &fallback),
-            (std::array<double, 3>{0.0, 0.0, 1.0}));
-  EXPECT_TRUE(fallback);
-
-  // A zero frame (tangent and normal 0).
-  fallback = false;
-  const auto zero = same_frames(frame({0, 0, 0}, 1.0f, {0, 0, 0}));
-  EXPECT_EQ(tangent_space_normal(zero, 0.2, 0.3, false, h, &fallback),
-            (std::array<double, 3>{0.0, 0.0, 1.0}));
-  EXPECT_TRUE(fallback);
-
-  // A high normal of zero length has no direction: fallback, then flat.
-  fallback = false;
-  const auto up = same_frames(frame({1, 0, 0}, 1.0f, {0, 0, 1}));
-  EXPECT_EQ(tangent_space_normal(up, 0.2, 0.3, false, {0.0f, 0.0f, 0.0f}, &fallback),
-            (std::array<double, 3>{0.0, 0.0, 1.0}));
-  EXPECT_TRUE(fallback);
+  // half): the determinant is 0, the orthonormalised frame with corner 0's
+  // sign answers instead.
+  expect_near3(solve({up, frame({1, 0, 0}, -1.0f), up}, 0.5, 0.0, true, h, true), {0.6f, 0.8f, 0});
+  // Tangent along the normal, a zero frame, and a high normal of zero length
+  // leave no direction: the flat normal.
+  const std::array<double, 3> flat = {0.0, 0.0, 1.0};
+  const TangentFrame parallel = frame({0, 0, 1}, 1.0f);
+  EXPECT_EQ(solve({parallel, parallel, parallel}, 0.2, 0.3, false, h, true), flat);
+  const TangentFrame zero = frame({0, 0, 0}, 1.0f, {0, 0, 0});
+  EXPECT_EQ(solve({zero, zero, zero}, 0.2, 0.3, false, h, true), flat);
+  EXPECT_EQ(solve({up, up, up}, 0.2, 0.3, false, {0, 0, 0}, true), flat);
 }
 
-// ---- the colour round trip and the texel codes -------------------------------
-
-TEST(TexelCodes, ColourRoundTripQuantisesLikeTheColourForm) {
+TEST(TexelCodes, ColourRoundTripAndEncoding) {
   std::array<float, 3> sum = {0.0f, 0.0f, 0.0f};
   // 1e-9 vanishes in 0.5 + 1e-9 * 0.5; adding c directly would keep it.
   add_through_colour(sum, {1e-9, -1e-9, 1.0});
-  EXPECT_EQ(sum[0], 0.0f);
-  EXPECT_EQ(sum[1], 0.0f);
-  EXPECT_EQ(sum[2], 1.0f);
+  EXPECT_EQ(sum, (std::array<float, 3>{0.0f, 0.0f, 1.0f}));
   add_through_colour(sum, {0.25, -0.5, 0.0});
-  EXPECT_EQ(sum[0], 0.25f);
-  EXPECT_EQ(sum[1], -0.5f);
-  EXPECT_EQ(sum[2], 1.0f);
-}
+  EXPECT_EQ(sum, (std::array<float, 3>{0.25f, -0.5f, 1.0f}));
 
-TEST(TexelCodes, NormalisedSumEncodedPerChannel) {
-  std::uint16_t codes[3] = {1, 2, 3};
-  ASSERT_TRUE(texel_normal_codes({0.0f, 0.0f, 4.0f}, codes));
-  EXPECT_EQ(codes[0], 32768);
-  EXPECT_EQ(codes[1], 32768);
-  EXPECT_EQ(codes[2], 65535);
+  Codes codes = {1, 2, 3};
+  ASSERT_TRUE(texel_normal_codes({0.0f, 0.0f, 4.0f}, codes.data()));
+  EXPECT_EQ(codes, kFlat);
+  // x = -0.6 -> 0.2 -> 13107. z = 0.8 -> 0.9 in float (0.899999976) gives
+  // 58981.498 -> 58981; a 64-bit colour would give 58981.5 -> 58982.
+  ASSERT_TRUE(texel_normal_codes({-3.0f, 0.0f, 4.0f}, codes.data()));
+  EXPECT_EQ(codes, (Codes{13107, 32768, 58981}));
 
-  ASSERT_TRUE(texel_normal_codes({-3.0f, 0.0f, 4.0f}, codes));
-  // x = -0.6 -> 0.2 -> 13107; z = 0.8 -> 0.9 -> 58981.5 rounded half up,
-  // computed in float: (0.8f * 0.5f + 0.5f) is 0.9f.
-  EXPECT_EQ(codes[0],
-            static_cast<std::uint16_t>(std::floor(double(-0.6f * 0.5f + 0.5f) * 65535.0 + 0.5)));
-  EXPECT_EQ(codes[1], 32768);
-  EXPECT_EQ(codes[2],
-            static_cast<std::uint16_t>(std::floor(double(0.8f * 0.5f + 0.5f) * 65535.0 + 0.5)));
-
-  std::uint16_t untouched[3] = {7, 8, 9};
-  EXPECT_FALSE(texel_normal_codes({0.0f, 0.0f, 0.0f}, untouched));
-  EXPECT_FALSE(
-      texel_normal_codes({std::numeric_limits<float>::quiet_NaN(), 0.0f, 1.0f}, untouched));
-  EXPECT_FALSE(texel_normal_codes({std::numeric_limits<float>::infinity(), 0.0f, 1.0f}, untouched));
-  EXPECT_EQ(untouched[0], 7);
-  EXPECT_EQ(untouched[1], 8);
-  EXPECT_EQ(untouched[2], 9);
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  const float inf = std::numeric_limits<float>::infinity();
+  for (const std::array<float, 3>& bad :
+       {std::array<float, 3>{0, 0, 0}, std::array<float, 3>{nan, 0, 1}, {inf, 0, 1}}) {
+    EXPECT_FALSE(texel_normal_codes(bad, codes.data()));
+  }
+  EXPECT_EQ(codes, (Codes{13107, 32768, 58981}));  // untouched
 }
 
 TEST(BandRows, WholeRowsWithinTheSampleBudget) {
@@ -178,9 +128,7 @@ TEST(BandRows, WholeRowsWithinTheSampleBudget) {
   EXPECT_EQ(band_rows_for(UINT64_MAX, 16384, 16384, 8), 2047);
 }
 
-// ---- ray setup ------------------------------------------------------------------
-
-TEST(RaySetup, DistancesScaleWithTheHighMesh) {
+TEST(RaySetup, DistancesAndTheQueryFromTheLowSurface) {
   Mesh high;
   high.positions = {{-1.0f, 0.0f, 0.0f}, {2.0f, 0.5f, 0.25f}};
   EXPECT_EQ(mesh_extent(high), 3.0);
@@ -193,9 +141,7 @@ TEST(RaySetup, DistancesScaleWithTheHighMesh) {
   EXPECT_EQ(absolute.scale, 1.0f);
   EXPECT_EQ(absolute.front, 0.01f);
   EXPECT_EQ(ray_distances(Mesh{}, 0.01f, 0.02f, true).t_max, 0.0f);
-}
 
-TEST(RaySetup, QueryFromTheLowSurface) {
   Mesh low;
   PlaneSpec p;
   p.z = 2.0f;
@@ -233,11 +179,7 @@ TEST(RaySetup, QueryFromTheLowSurface) {
   EXPECT_FALSE(build_ray_query(setup, 0, 0.5, 0.25, q));
 }
 
-// ---- whole resolves over small scenes ------------------------------------------------
-
-struct Baked {
-  NormalBakeResult result;
-};
+// ---- whole resolves over small scenes ------------------------------------------
 
 NormalBakeSettings small_settings(std::int32_t size, std::int32_t aa) {
   NormalBakeSettings s;
@@ -249,37 +191,38 @@ NormalBakeSettings small_settings(std::int32_t size, std::int32_t aa) {
 }
 
 NormalBakeResult bake(const Mesh& low, const Mesh& high, const NormalBakeSettings& s,
-                      int threads = 1, std::int32_t band_rows = 0) {
+                      int threads = 1, std::int32_t band_rows = 0,
+                      const BandFinished& band_finished = {}) {
   const LowPrep prep = LowPrep::build(low, {}, s);
   const CpuTracer tracer(high, {}, CpuTracerOptions{}, threads);
-  const WorkerPool pool(threads);
   ResolveOptions options;
   options.band_rows = band_rows;
   options.distances = ray_distances(high, s.front, s.rear, s.relative_scale);
-  return resolve_normals(prep, high, tracer, s, options, pool);
+  return resolve_normals(prep, high, tracer, s, options, WorkerPool(threads), band_finished);
 }
 
-std::array<std::uint16_t, 3> codes_at(const NormalBakeResult& r, std::int32_t x, std::int32_t y) {
-  const std::size_t i =
-      static_cast<std::size_t>(y) * static_cast<std::size_t>(r.width) + static_cast<std::size_t>(x);
+Codes codes_at(const NormalBakeResult& r, std::size_t i) {
   return {r.normal[i * 3], r.normal[i * 3 + 1], r.normal[i * 3 + 2]};
 }
 
-TEST(Resolve, FlatPlanesFacingTheSameWayGiveTheFlatCode) {
+Mesh high_at(float z, std::optional<std::array<float, 3>> normal = {}) {
   Mesh high;
-  add_plane(high, high_plane(0.004f));
-  for (std::int32_t aa : {1, 4}) {
+  PlaneSpec p = high_plane(z);
+  p.normal = normal;
+  add_plane(high, p);
+  return high;
+}
+
+TEST(Resolve, FlatPlanesFacingTheSameWayGiveTheFlatCode) {
+  const Mesh high = high_at(0.004f);
+  for (const std::int32_t aa : {1, 4}) {
     const NormalBakeResult r = bake(unit_low_plane(), high, small_settings(8, aa));
     ASSERT_EQ(r.normal.size(), 8u * 8u * 3u);
-    for (std::int32_t y = 0; y < 8; ++y) {
-      for (std::int32_t x = 0; x < 8; ++x) {
-        const std::size_t i = static_cast<std::size_t>(y * 8 + x);
-        EXPECT_EQ(codes_at(r, x, y), (std::array<std::uint16_t, 3>{32768, 32768, 65535}))
-            << x << "," << y << " aa " << aa;
-        EXPECT_EQ(r.opacity[i], 65535);
-        EXPECT_EQ(r.normal_valid[i], 1);
-        EXPECT_EQ(r.outside[i], 0);
-      }
+    for (std::size_t i = 0; i < 64; ++i) {
+      EXPECT_EQ(codes_at(r, i), kFlat) << i << " aa " << aa;
+      EXPECT_EQ(r.opacity[i], 65535);
+      EXPECT_EQ(r.normal_valid[i], 1);
+      EXPECT_EQ(r.outside[i], 0);
     }
     const std::uint64_t samples = 64u * static_cast<std::uint64_t>(aa * aa);
     EXPECT_EQ(r.counters.samples_covered, samples);
@@ -294,25 +237,18 @@ TEST(Resolve, FlatPlanesFacingTheSameWayGiveTheFlatCode) {
 }
 
 TEST(Resolve, DirectXDiffersOnlyInTheSecondChannel) {
-  Mesh high;
-  PlaneSpec tilted = high_plane(0.004f);
-  const float z = std::sqrt(1.0f - 0.09f - 0.16f);
-  tilted.normal = std::array<float, 3>{0.3f, 0.4f, z};
-  add_plane(high, tilted);
-  NormalBakeSettings gl = small_settings(4, 2);
-  NormalBakeSettings dx = gl;
+  const Mesh high = high_at(0.004f, std::array<float, 3>{0.3f, 0.4f, std::sqrt(0.75f)});
+  NormalBakeSettings dx = small_settings(4, 2);
   dx.normal_format = 1;
-  const NormalBakeResult a = bake(unit_low_plane(), high, gl);
+  const NormalBakeResult a = bake(unit_low_plane(), high, small_settings(4, 2));
   const NormalBakeResult b = bake(unit_low_plane(), high, dx);
   for (std::size_t i = 0; i < 16; ++i) {
+    // x = 0.3 -> 0.65 and y = 0.4 -> 0.7 of the range in OpenGL.
+    EXPECT_NEAR(a.normal[i * 3], 0.65 * 65535.0, 2.0);
+    EXPECT_NEAR(a.normal[i * 3 + 1], 0.7 * 65535.0, 2.0);
     EXPECT_EQ(a.normal[i * 3], b.normal[i * 3]);
     EXPECT_EQ(a.normal[i * 3 + 2], b.normal[i * 3 + 2]);
-    EXPECT_NE(a.normal[i * 3 + 1], b.normal[i * 3 + 1]);
-    EXPECT_NEAR(static_cast<int>(b.normal[i * 3 + 1]),
-                65535 - static_cast<int>(a.normal[i * 3 + 1]), 1);
-    // y = 0.4 -> 0.7 of the range in OpenGL.
-    EXPECT_NEAR(a.normal[i * 3 + 1], 0.7 * 65535.0, 2.0);
-    EXPECT_NEAR(a.normal[i * 3], 0.65 * 65535.0, 2.0);
+    EXPECT_NEAR(b.normal[i * 3 + 1], 65535 - a.normal[i * 3 + 1], 1);
   }
   EXPECT_EQ(a.opacity, b.opacity);
   EXPECT_EQ(a.normal_valid, b.normal_valid);
@@ -324,11 +260,10 @@ TEST(Resolve, DistanceWindowIsOpenAtBothEnds) {
   NormalBakeSettings s = small_settings(1, 1);
   s.front = 0.01f;
   s.rear = 0.02f;
-  auto opacity_with_plane_at = [&](float z) {
+  const auto opacity_with_plane_at = [&](float z) {
     Mesh high;
-    PlaneSpec p = high_plane(z);
-    p.x0 = p.y0 = 0.0f;
-    p.x1 = p.y1 = 1.0f;
+    PlaneSpec p;
+    p.z = z;
     add_plane(high, p);
     return bake(unit_low_plane(), high, s).opacity[0];
   };
@@ -348,48 +283,23 @@ TEST(Resolve, AntiAliasedBorderTexelGetsOpacityButNoNormal) {
   p.x1 = 0.53f;
   p.u1 = 0.53;
   add_plane(low, p);
-  Mesh high;
-  add_plane(high, high_plane(0.004f));
-  const NormalBakeResult r = bake(low, high, small_settings(10, 4));
-  for (std::int32_t y = 0; y < 10; ++y) {
-    const std::size_t border = static_cast<std::size_t>(y * 10 + 5);
-    EXPECT_EQ(r.opacity[border], 65535) << y;
-    EXPECT_EQ(r.normal_valid[border], 0) << y;
-    EXPECT_EQ(r.centre_covered[border], 0) << y;
-    EXPECT_EQ(r.outside[border], 0) << y;
-    EXPECT_EQ(codes_at(r, 5, y), (std::array<std::uint16_t, 3>{0, 0, 0}));
-    const std::size_t inside = static_cast<std::size_t>(y * 10 + 4);
-    EXPECT_EQ(r.normal_valid[inside], 1);
-    EXPECT_EQ(r.centre_covered[inside], 1);
-    const std::size_t beyond = static_cast<std::size_t>(y * 10 + 6);
-    EXPECT_EQ(r.outside[beyond], 1);
-    EXPECT_EQ(r.opacity[beyond], 0);
+  const NormalBakeResult r = bake(low, high_at(0.004f), small_settings(10, 4));
+  for (std::size_t row = 0; row < 100; row += 10) {
+    EXPECT_EQ(r.opacity[row + 5], 65535) << row;
+    EXPECT_EQ(r.normal_valid[row + 5], 0) << row;
+    EXPECT_EQ(r.centre_covered[row + 5], 0) << row;
+    EXPECT_EQ(r.outside[row + 5], 0) << row;
+    EXPECT_EQ(codes_at(r, row + 5), (Codes{0, 0, 0}));
+    EXPECT_EQ(r.normal_valid[row + 4], 1);
+    EXPECT_EQ(r.centre_covered[row + 4], 1);
+    EXPECT_EQ(r.outside[row + 6], 1);
+    EXPECT_EQ(r.opacity[row + 6], 0);
   }
   EXPECT_EQ(r.counters.texels_outside, 40u);
   EXPECT_EQ(r.counters.texels_covered, 60u);
   EXPECT_EQ(r.counters.texels_centre_covered, 50u);
   EXPECT_EQ(r.counters.texels_valid, 50u);
   EXPECT_EQ(r.counters.texels_opaque, 60u);
-}
-
-TEST(Resolve, TexelsWhoseRaysAllMissGetNeitherOpacityNorNormal) {
-  // The high plane ends at x = 0.5: the right half of the image misses.
-  Mesh high;
-  PlaneSpec p = high_plane(0.004f);
-  p.x1 = 0.5f;
-  add_plane(high, p);
-  const NormalBakeResult r = bake(unit_low_plane(), high, small_settings(8, 2));
-  for (std::int32_t y = 0; y < 8; ++y) {
-    for (std::int32_t x = 0; x < 8; ++x) {
-      const std::size_t i = static_cast<std::size_t>(y * 8 + x);
-      EXPECT_EQ(r.opacity[i], x < 4 ? 65535 : 0) << x << "," << y;
-      EXPECT_EQ(r.normal_valid[i], x < 4 ? 1 : 0) << x << "," << y;
-      EXPECT_EQ(r.centre_covered[i], 1);
-      EXPECT_EQ(r.outside[i], 0);
-    }
-  }
-  EXPECT_EQ(r.counters.rays, 256u);
-  EXPECT_EQ(r.counters.hits, 128u);
 }
 
 TEST(Resolve, StackedSamplesTraceOnceAndCountTheOthers) {
@@ -401,13 +311,10 @@ TEST(Resolve, StackedSamplesTraceOnceAndCountTheOthers) {
   PlaneSpec b;
   b.z = 0.5f;
   b.u1 = 0.5;
-  b.object = 0;
   add_plane(low, b);
-  Mesh high;
-  add_plane(high, high_plane(0.004f));
   NormalBakeSettings s = small_settings(8, 1);
   s.uv_snap_bits = -1;
-  const NormalBakeResult r = bake(low, high, s);
+  const NormalBakeResult r = bake(low, high_at(0.004f), s);
   EXPECT_EQ(r.counters.stacked_skipped, 28u);
   EXPECT_EQ(r.counters.samples_covered, 64u);
   EXPECT_EQ(r.counters.rays, 64u);
@@ -418,25 +325,18 @@ TEST(Resolve, StackedSamplesTraceOnceAndCountTheOthers) {
 }
 
 TEST(Resolve, BandsReportTheirRowsAndCancelBetweenThem) {
-  Mesh high;
-  add_plane(high, high_plane(0.004f));
-  const Mesh low = unit_low_plane();
-  const NormalBakeSettings s = small_settings(8, 1);
-  const LowPrep prep = LowPrep::build(low, {}, s);
-  const CpuTracer tracer(high, {}, CpuTracerOptions{}, 1);
-  const WorkerPool pool(1);
-  ResolveOptions options;
-  options.band_rows = 3;
-  options.distances = ray_distances(high, s.front, s.rear, false);
-
+  const Mesh high = high_at(0.004f);
   std::vector<TexelRegion> regions;
-  auto record = [&](const TexelRegion& region, const NormalBakeResult& partial) {
+  std::size_t cancel_at = 0;
+  const auto record = [&](const TexelRegion& region, const NormalBakeResult& partial) {
     regions.push_back(region);
     // The band's last row is final when the band is reported.
-    const std::size_t last = static_cast<std::size_t>((region.y + region.h - 1) * 8 + 7);
-    EXPECT_EQ(partial.normal_valid[last], 1);
+    EXPECT_EQ(partial.normal_valid[static_cast<std::size_t>((region.y + region.h - 1) * 8 + 7)], 1);
+    if (regions.size() == cancel_at) {
+      throw Cancelled();
+    }
   };
-  resolve_normals(prep, high, tracer, s, options, pool, record);
+  bake(unit_low_plane(), high, small_settings(8, 1), 1, 3, record);
   ASSERT_EQ(regions.size(), 3u);  // 3 + 3 + 2 rows
   EXPECT_EQ(regions[0].y, 0);
   EXPECT_EQ(regions[1].y, 3);
@@ -446,17 +346,10 @@ TEST(Resolve, BandsReportTheirRowsAndCancelBetweenThem) {
   EXPECT_EQ(regions[2].x, 0);
 
   regions.clear();
-  auto cancel_second = [&](const TexelRegion& region, const NormalBakeResult& partial) {
-    record(region, partial);
-    if (regions.size() == 2) {
-      throw Cancelled();
-    }
-  };
-  EXPECT_THROW(resolve_normals(prep, high, tracer, s, options, pool, cancel_second), Cancelled);
+  cancel_at = 2;
+  EXPECT_THROW(bake(unit_low_plane(), high, small_settings(8, 1), 1, 3, record), Cancelled);
   EXPECT_EQ(regions.size(), 2u);
 }
-
-// ---- determinism ---------------------------------------------------------------------
 
 void expect_same(const NormalBakeResult& a, const NormalBakeResult& b, const char* what) {
   EXPECT_EQ(a.normal, b.normal) << what;
@@ -471,8 +364,6 @@ void expect_same(const NormalBakeResult& a, const NormalBakeResult& b, const cha
   EXPECT_EQ(a.counters.texels_valid, b.counters.texels_valid) << what;
 }
 
-using test::ScopedEnv;
-
 TEST(Resolve, SameCodesOnAnyThreadCountBandSizeAndRefineCache) {
   const Mesh low = test::uv_sphere(24, 12, 1.0f, 0.0f);
   const Mesh high = test::uv_sphere(96, 48, 1.0f, 0.01f);
@@ -485,9 +376,7 @@ TEST(Resolve, SameCodesOnAnyThreadCountBandSizeAndRefineCache) {
   // The bumps must show: not every texel is the flat code.
   std::size_t bent = 0;
   for (std::size_t i = 0; i < reference.normal_valid.size(); ++i) {
-    if (reference.normal_valid[i] && reference.normal[i * 3 + 2] < 65400) {
-      ++bent;
-    }
+    bent += reference.normal_valid[i] && reference.normal[i * 3 + 2] < 65400 ? 1 : 0;
   }
   EXPECT_GT(bent, 100u);
 
@@ -495,10 +384,246 @@ TEST(Resolve, SameCodesOnAnyThreadCountBandSizeAndRefineCache) {
   expect_same(reference, bake(low, high, s, 2, 1), "bands of one row");
   expect_same(reference, bake(low, high, s, 1, 7), "bands of seven rows");
   expect_same(reference, bake(low, high, s, 2, 40), "one band");
-  {
-    ScopedEnv off("KV_TRACE_REFINE_CACHE", "off");
-    expect_same(reference, bake(low, high, s, 2), "refine cache off");
+  test::ScopedEnv off("KV_TRACE_REFINE_CACHE", "off");
+  expect_same(reference, bake(low, high, s, 2), "refine cache off");
+}
+
+// ---- whole bakes -----------------------------------------------------------------
+
+// A high plane at height z whose normals lean towards +x (0.6 -> 0.8 of the
+// code range), so a resolved Normal differs from the flat one.
+PlaneSpec tilted_plane(float z, bool facing_up = true, std::uint32_t object = 0) {
+  PlaneSpec p = high_plane(z);
+  p.facing_up = facing_up;
+  p.normal = std::array<float, 3>{0.6f, 0.0f, 0.8f};
+  p.object = object;
+  return p;
+}
+
+// Every texel holds a Normal: the flat code, or (flat false) the tilted one.
+void expect_all_flat(const NormalBakeRun& run, bool flat, const char* what) {
+  const NormalBakeResult& r = run.result;
+  for (std::size_t i = 0; i < r.normal_valid.size(); ++i) {
+    ASSERT_EQ(r.normal_valid[i], 1) << what << " texel " << i;
+    if (flat) {
+      EXPECT_EQ(codes_at(r, i), kFlat) << what << " texel " << i;
+    } else {
+      EXPECT_NEAR(r.normal[i * 3], 0.8 * 65535.0, 2.0) << what << " texel " << i;
+    }
   }
+}
+
+TEST(NormalBake, BackfaceAndNameSettingsReachTheRays) {
+  // Nearer to the ray origin: a tilted plane (clockwise, then
+  // counter-clockwise); behind it a counter-clockwise flat one.
+  Mesh high;
+  add_plane(high, tilted_plane(0.002f, false));
+  add_plane(high, high_plane(-0.002f));
+  NormalBakeSettings s = small_settings(4, 1);
+  const NormalBakeRun skipping = bake_normal_map(unit_low_plane(), high, s, 1);
+  expect_all_flat(skipping, true, "ignore backface");
+  EXPECT_EQ(skipping.result.counters.hits, 16u);
+  s.ignore_backface = false;
+  expect_all_flat(bake_normal_map(unit_low_plane(), high, s, 1), false, "keep backface");
+
+  Mesh low = unit_low_plane();
+  low.objects = {"panel_low"};
+  Mesh named;
+  add_plane(named, tilted_plane(0.002f, true, 0));
+  PlaneSpec far = high_plane(-0.002f);
+  far.object = 1;
+  add_plane(named, far);
+  named.objects = {"other_high", "panel_high"};
+  s = small_settings(4, 2);
+  expect_all_flat(bake_normal_map(low, named, s, 1), false, "match always");
+  s.match_by_name = true;
+  const NormalBakeRun by_name = bake_normal_map(low, named, s, 1);
+  expect_all_flat(by_name, true, "match by name");
+  EXPECT_EQ(by_name.unmatched_low_objects, 0u);
+  EXPECT_EQ(by_name.coverage.filled, 0u);
+
+  // A low object without a partner: its rays pass every high triangle, and
+  // the miss fill gives its texels the flat normal.
+  low.objects = {"lonely_low"};
+  const NormalBakeRun lonely = bake_normal_map(low, named, s, 1);
+  EXPECT_EQ(lonely.unmatched_low_objects, 1u);
+  EXPECT_EQ(lonely.result.counters.hits, 0u);
+  EXPECT_EQ(lonely.coverage.filled, 16u);
+  EXPECT_EQ(lonely.result.counters.texels_opaque, 0u);
+}
+
+TEST(NormalBake, NameGroupKeysDropSuffixesAndFollowBlocks) {
+  Mesh low;
+  low.objects = {"a_low", "b", "c_low"};
+  low.blocks = {"body_low"};
+  low.object_blocks = {0, 0, 0};
+  Mesh high;
+  high.objects = {"b", "a_high", "z_high"};
+  high.triangles.resize(3);
+  high.triangles[0].object = 2;
+  high.triangles[1].object = 1;
+  high.triangles[2].object = 0;
+  NormalBakeSettings s;
+  s.match_by_name = true;
+  const NameGroups names = match_name_groups(low, high, s);
+  ASSERT_EQ(names.low_objects.size(), 3u);
+  ASSERT_EQ(names.high_triangles.size(), 3u);
+  EXPECT_EQ(names.high_triangles[1], names.low_objects[0]);  // a_high ~ a_low
+  EXPECT_EQ(names.high_triangles[2], names.low_objects[1]);  // b ~ b
+  EXPECT_NE(names.high_triangles[0], names.low_objects[2]);  // z_high !~ c_low
+  EXPECT_NE(names.low_objects[0], names.low_objects[1]);
+  EXPECT_EQ(names.unmatched_low_objects, 1u);
+
+  // --match objects: the low mesh's block "body_low" keys all three objects;
+  // the high mesh has no blocks and keeps its object names.
+  high.objects = {"x_high", "body_high", "y"};
+  s.match_objects = true;
+  const NameGroups blocks = match_name_groups(low, high, s);
+  EXPECT_EQ(blocks.low_objects[0], blocks.low_objects[2]);
+  EXPECT_EQ(blocks.high_triangles[1], blocks.low_objects[0]);
+  EXPECT_NE(blocks.high_triangles[0], blocks.low_objects[0]);
+  EXPECT_EQ(blocks.unmatched_low_objects, 0u);
+}
+
+TEST(NormalBake, MissFillGivesInnerMissesTheFlatNormal) {
+  // The high plane covers x < 0.5 only: the right half of the image misses
+  // and gets no Opacity, but the flat Normal.
+  Mesh high;
+  PlaneSpec p = tilted_plane(0.004f);
+  p.x1 = 0.5f;
+  add_plane(high, p);
+  const NormalBakeRun run = bake_normal_map(unit_low_plane(), high, small_settings(8, 2), 2);
+  EXPECT_EQ(run.result.counters.rays, 256u);
+  EXPECT_EQ(run.result.counters.hits, 128u);
+  EXPECT_EQ(run.result.counters.texels_outside, 0u);
+  EXPECT_EQ(run.coverage.texels, 64u);
+  EXPECT_EQ(run.coverage.hits, 32u);
+  EXPECT_EQ(run.coverage.filled, 32u);
+  EXPECT_EQ(run.texels_valid, 64u);
+  for (std::size_t i = 0; i < 64; ++i) {
+    const bool left = i % 8 < 4;
+    EXPECT_EQ(run.result.normal_valid[i], 1);
+    EXPECT_EQ(run.result.opacity[i], left ? 65535 : 0) << i;
+    EXPECT_EQ(codes_at(run.result, i) == kFlat, !left) << i;
+  }
+
+  // Texels whose centre lies outside the islands are left to padding.
+  NormalBakeResult r;
+  r.width = 3;
+  r.height = 1;
+  r.normal = {1, 2, 3, 0, 0, 0, 0, 0, 0};
+  r.normal_valid = {1, 0, 0};
+  r.centre_covered = {1, 1, 0};
+  r.opacity = {65535, 0, 65535};
+  const MissFill fill = fill_normal_misses(r);
+  EXPECT_EQ(fill.texels, 2u);
+  EXPECT_EQ(fill.hits, 1u);
+  EXPECT_EQ(fill.filled, 1u);
+  EXPECT_EQ(r.normal, (std::vector<std::uint16_t>{1, 2, 3, 32768, 32768, 65535, 0, 0, 0}));
+  EXPECT_EQ(r.normal_valid, (std::vector<std::uint8_t>{1, 1, 0}));
+  EXPECT_EQ(r.opacity, (std::vector<std::uint16_t>{65535, 0, 65535}));
+  r.centre_covered.pop_back();
+  try {
+    fill_normal_misses(r);
+    ADD_FAILURE() << "no error";
+  } catch (const Error& e) {
+    EXPECT_STREQ(e.what(), "miss fill: the Normal result's arrays do not match its size");
+  }
+}
+
+TEST(NormalBake, CallbacksPhasesRegionsAndRunFigures) {
+  Mesh high;
+  add_plane(high, high_plane(0.004f));  // 3 units wide
+  NormalBakeSettings s = small_settings(6, 1);
+  s.relative_scale = true;
+  s.band_samples = 12;  // two rows per band
+  std::vector<std::string> events;
+  std::vector<std::int32_t> rows_seen(6, 0);
+  NormalBakeCallbacks callbacks;
+  callbacks.phase_started = [&](std::string_view phase) { events.emplace_back(phase); };
+  callbacks.tracing_started = [&](std::string_view backend) {
+    events.push_back("tracing " + std::string(backend.substr(0, 7)));
+  };
+  callbacks.region_finished = [&](const TexelRegion& region, const NormalBakeResult&) {
+    EXPECT_EQ(region.h, 2);
+    EXPECT_EQ(region.w, 6);
+    for (std::int32_t y = region.y; y < region.y + region.h; ++y) {
+      ++rows_seen[static_cast<std::size_t>(y)];
+    }
+  };
+  const NormalBakeRun run = bake_normal_map(unit_low_plane(), high, s, 2, callbacks);
+  EXPECT_EQ(events, (std::vector<std::string>{"bvh", "bake", "tracing embree "}));
+  EXPECT_EQ(rows_seen, (std::vector<std::int32_t>(6, 1)));
+  EXPECT_EQ(run.backend.rfind("embree ", 0), 0u);
+  EXPECT_EQ(run.scale, 3.0);
+  EXPECT_EQ(run.front, 0.01f * 3.0f);
+  EXPECT_EQ(run.rear, 0.01f * 3.0f);
+  EXPECT_EQ(run.low_triangles, 2u);
+  EXPECT_EQ(run.high_triangles, 2u);
+  EXPECT_EQ(run.memory.band_rows, 2u);
+  EXPECT_EQ(run.result.counters.rays, 36u);
+  EXPECT_EQ(run.zero_uv_area_triangles, 0u);
+  EXPECT_GE(run.seconds.trace, run.seconds.trace_rays);
+  expect_all_flat(run, true, "relative scale");
+}
+
+TEST(NormalBake, TightMemoryBudgetShrinksBandsNotResults) {
+  const Mesh low = test::uv_sphere(16, 8, 1.0f, 0.0f);
+  const Mesh high = test::uv_sphere(64, 32, 1.0f, 0.01f);
+  NormalBakeSettings s;
+  s.width = 32;
+  s.height = 32;
+  s.aa = 4;
+  const NormalBakeRun roomy = bake_normal_map(low, high, s, 2);
+  EXPECT_TRUE(roomy.memory.notices.empty());
+  EXPECT_EQ(roomy.memory.band_rows, 32u);
+
+  s.memory_budget_mb = 1;
+  s.memory_budget_given = true;
+  std::vector<BakeMemoryNotice> notices;
+  NormalBakeCallbacks callbacks;
+  callbacks.low_memory = [&](const BakeMemoryNotice& n) { notices.push_back(n); };
+  const NormalBakeRun tight = bake_normal_map(low, high, s, 1, callbacks);
+  ASSERT_EQ(notices.size(), 1u);
+  EXPECT_EQ(notices[0].stage, "bake");
+  EXPECT_EQ(notices[0].reason, "memory_budget");
+  EXPECT_EQ(notices[0].from, 32u);
+  EXPECT_EQ(notices[0].to, tight.memory.band_rows);
+  EXPECT_LT(tight.memory.band_rows, 32u);
+  EXPECT_EQ(tight.memory.budget_mb, 1u);
+  EXPECT_EQ(tight.memory.notices.size(), 1u);
+
+  EXPECT_EQ(tight.result.normal, roomy.result.normal);
+  EXPECT_EQ(tight.result.opacity, roomy.result.opacity);
+  EXPECT_EQ(tight.result.normal_valid, roomy.result.normal_valid);
+  EXPECT_EQ(tight.coverage.filled, roomy.coverage.filled);
+  EXPECT_EQ(tight.result.counters.hits, roomy.result.counters.hits);
+  EXPECT_GT(roomy.result.counters.hits, 5000u);
+}
+
+TEST(NormalBake, InvalidInputsFailBeforeAnyPhase) {
+  bool phase_seen = false;
+  NormalBakeCallbacks callbacks;
+  callbacks.phase_started = [&](std::string_view) { phase_seen = true; };
+  Mesh high;
+  add_plane(high, high_plane(0.0f));
+  const auto message = [&](const Mesh& low, const NormalBakeSettings& s) {
+    try {
+      bake_normal_map(low, high, s, 1, callbacks);
+    } catch (const Error& e) {
+      return std::string(e.what());
+    }
+    return std::string("no error");
+  };
+  EXPECT_EQ(message(unit_low_plane(), small_settings(4, 3)),
+            "antialiasing must be 1, 2, 4 or 8 sub-samples per side");
+  EXPECT_EQ(message(Mesh{}, small_settings(4, 1)), "low mesh has no triangles");
+  Mesh no_uvs;
+  PlaneSpec p;
+  p.with_uvs = false;
+  add_plane(no_uvs, p);
+  EXPECT_EQ(message(no_uvs, small_settings(4, 1)), "low mesh triangle 0 has no UV coordinates");
+  EXPECT_FALSE(phase_seen);
 }
 
 }  // namespace

@@ -1,21 +1,28 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <limits>
+#include <cstring>
+#include <initializer_list>
+#include <optional>
+#include <string>
+#include <vector>
 
+#include "bake/bake_test_meshes.h"
 #include "bake/cpu_tracer.h"
-#include "tracer_test_mesh.h"
+#include "core/error.h"
+#include "support/test_support.h"
 
 namespace kv {
 namespace {
 
-using test::add_square;
-using test::add_triangle;
+using test::add_plane;
 using test::down_query;
+using test::ScopedEnv;
+using test::square;
 
-RayQuery generic_query(std::array<float, 3> origin, std::array<float, 3> direction,
-                       std::array<float, 3> point, std::array<float, 3> axis, float front,
-                       float rear, float t_max) {
+RayQuery query(std::array<float, 3> origin, std::array<float, 3> direction,
+               std::array<float, 3> point, std::array<float, 3> axis, float front, float rear,
+               float t_max) {
   RayQuery q;
   q.origin = origin;
   q.direction = direction;
@@ -27,24 +34,35 @@ RayQuery generic_query(std::array<float, 3> origin, std::array<float, 3> directi
   return q;
 }
 
+// Triangle (0,0,z) (1,0,z) (0,1,z) at every height; at (0.25, 0.25) every
+// product of the hit point is exact, so the distance along the axis is z.
+Mesh corner_triangles(std::initializer_list<float> heights) {
+  Mesh mesh;
+  for (const float z : heights) {
+    test::add_triangle(mesh, {{{0, 0, z}, {1, 0, z}, {0, 1, z}}});
+  }
+  return mesh;
+}
+
+RayHit trace_once(std::initializer_list<float> heights, const RayQuery& q) {
+  return CpuTracer(corner_triangles(heights), {}, {}, 1).trace(q);
+}
+
 TEST(TracerHits, PlaneAtTheRightDistanceAndTriangle) {
   Mesh mesh;
-  const auto lower = add_square(mesh, -0.002f, 1.0f, true);  // triangles 0, 1
-  const auto upper = add_square(mesh, 0.003f, 1.0f, true);   // triangles 2, 3
+  add_plane(mesh, square(-0.002f));  // triangles 0, 1
+  add_plane(mesh, square(0.003f));   // triangles 2, 3
   CpuTracer tracer(mesh, {}, {}, 1);
 
   // (0.25, -0.5) lies in the half y < x: corners (-1,-1), (1,-1), (1,1).
   const RayHit hit = tracer.trace(down_query(0.25f, -0.5f, 0.01f, 0.01f));
-  EXPECT_EQ(hit.triangle, static_cast<std::int32_t>(upper));
+  EXPECT_EQ(hit.triangle, 2);
   EXPECT_EQ(hit.u, 0.375f);
   EXPECT_EQ(hit.v, 0.25f);
   EXPECT_EQ(hit.t, static_cast<float>(double{0.01f} - double{0.003f}));
+  EXPECT_EQ(tracer.trace(down_query(-0.5f, 0.25f, 0.01f, 0.01f)).triangle, 3);
 
-  // The other half of the same square.
-  const RayHit other = tracer.trace(down_query(-0.5f, 0.25f, 0.01f, 0.01f));
-  EXPECT_EQ(other.triangle, static_cast<std::int32_t>(upper + 1));
-
-  // Beside the squares, beyond t_max, and with an empty window: misses.
+  // Beside the squares, beyond t_max, and with an empty window: cleared misses.
   for (const RayQuery& q :
        {down_query(1.5f, 0.0f, 0.01f, 0.01f), down_query(0.1f, 0.0f, 0.001f, 0.001f),
         down_query(0.1f, 0.0f, 0.0f, 0.0f)}) {
@@ -55,123 +73,79 @@ TEST(TracerHits, PlaneAtTheRightDistanceAndTriangle) {
     EXPECT_EQ(miss.t, 0.0f);
   }
   // A window reaching 0.001 up and 0.0025 down holds only the lower square.
-  RayQuery below = down_query(0.25f, -0.5f, 0.001f, 0.0025f);
-  EXPECT_EQ(tracer.trace(below).triangle, static_cast<std::int32_t>(lower));
-  below = down_query(0.25f, -0.5f, 0.004f, 0.0025f);
-  EXPECT_EQ(tracer.trace(below).triangle, static_cast<std::int32_t>(upper));
-}
+  EXPECT_EQ(tracer.trace(down_query(0.25f, -0.5f, 0.001f, 0.0025f)).triangle, 0);
+  EXPECT_EQ(tracer.trace(down_query(0.25f, -0.5f, 0.004f, 0.0025f)).triangle, 2);
 
-TEST(TracerHits, DescriptionNamesTheEmbreeVersion) {
-  Mesh mesh;
-  add_square(mesh, 0.0f, 1.0f, true);
-  CpuTracer tracer(mesh, {}, {}, 1);
+  // The description names the Embree version as "embree X.Y.Z".
   const std::string text = tracer.description();
   ASSERT_EQ(text.rfind("embree ", 0), 0u) << text;
   int dots = 0;
-  for (char c : text.substr(7)) {
-    if (c == '.') {
-      ++dots;
-    } else {
-      EXPECT_TRUE(c >= '0' && c <= '9') << text;
-    }
+  for (const char c : text.substr(7)) {
+    dots += c == '.' ? 1 : 0;
+    EXPECT_TRUE(c == '.' || (c >= '0' && c <= '9')) << text;
   }
   EXPECT_EQ(dots, 2) << text;
   EXPECT_FALSE(tracer.runs_on_gpu());
   EXPECT_EQ(tracer.gpu_statistics(), (GpuTraceStatistics{0, 0, 0, 0, 0}));
 }
 
-// Triangle (0,0,z) (1,0,z) (0,1,z); at (0.25, 0.25) every product of the hit
-// point is exact, so the distance along the axis is exactly z.
-Mesh corner_triangles(std::initializer_list<float> heights) {
-  Mesh mesh;
-  for (float z : heights) {
-    add_triangle(mesh, {0, 0, z}, {1, 0, z}, {0, 1, z});
-  }
-  return mesh;
-}
-
-TEST(TracerWindow, OpenAtBothEnds) {
+TEST(TracerWindow, OpenAtBothEndsAndMeasuredAlongTheAxis) {
   const float step = 1.0f / 1024.0f;
   // Origin far above, so only the window along the axis decides.
-  const RayQuery q = generic_query({0.25f, 0.25f, 1.0f}, {0, 0, -1}, {0.25f, 0.25f, 0.0f},
-                                   {0, 0, 1}, 0.25f, 0.25f, 2.0f);
-  {
-    const Mesh at_front = corner_triangles({0.25f});
-    EXPECT_EQ(CpuTracer(at_front, {}, {}, 1).trace(q).triangle, -1);
-    const Mesh inside_front = corner_triangles({0.25f - step});
-    const RayHit hit = CpuTracer(inside_front, {}, {}, 1).trace(q);
-    EXPECT_EQ(hit.triangle, 0);
-    EXPECT_EQ(hit.t, 0.75f + step);
-  }
-  {
-    const Mesh at_rear = corner_triangles({-0.25f});
-    EXPECT_EQ(CpuTracer(at_rear, {}, {}, 1).trace(q).triangle, -1);
-    const Mesh inside_rear = corner_triangles({-0.25f + step});
-    EXPECT_EQ(CpuTracer(inside_rear, {}, {}, 1).trace(q).triangle, 0);
-  }
-  {
-    // A refused candidate does not end the search: the one behind is hit.
-    const Mesh both = corner_triangles({0.25f, 0.0f});
-    const RayHit hit = CpuTracer(both, {}, {}, 1).trace(q);
-    EXPECT_EQ(hit.triangle, 1);
-    EXPECT_EQ(hit.t, 1.0f);
-  }
-  {
-    // As the bakes build it: a triangle exactly front away is refused (t = 0),
-    // one a little nearer the surface is accepted.
-    const RayQuery bake = down_query(0.25f, 0.25f, 0.25f, 0.25f);
-    EXPECT_EQ(CpuTracer(corner_triangles({0.25f}), {}, {}, 1).trace(bake).triangle, -1);
-    const RayHit hit = CpuTracer(corner_triangles({0.25f - step}), {}, {}, 1).trace(bake);
-    EXPECT_EQ(hit.triangle, 0);
-    EXPECT_EQ(hit.t, step);
-    // At exactly rear behind, t equals t_max: refused as well.
-    EXPECT_EQ(CpuTracer(corner_triangles({-0.25f}), {}, {}, 1).trace(bake).triangle, -1);
-  }
-}
+  const RayQuery q =
+      query({0.25f, 0.25f, 1.0f}, {0, 0, -1}, {0.25f, 0.25f, 0.0f}, {0, 0, 1}, 0.25f, 0.25f, 2.0f);
+  EXPECT_EQ(trace_once({0.25f}, q).triangle, -1);
+  const RayHit inside = trace_once({0.25f - step}, q);
+  EXPECT_EQ(inside.triangle, 0);
+  EXPECT_EQ(inside.t, 0.75f + step);
+  EXPECT_EQ(trace_once({-0.25f}, q).triangle, -1);
+  EXPECT_EQ(trace_once({-0.25f + step}, q).triangle, 0);
+  // A refused candidate does not end the search: the one behind is hit.
+  const RayHit behind = trace_once({0.25f, 0.0f}, q);
+  EXPECT_EQ(behind.triangle, 1);
+  EXPECT_EQ(behind.t, 1.0f);
+  // As the bakes build it: exactly front away is refused (t = 0), a little
+  // nearer accepted; exactly rear behind (t = t_max) refused as well.
+  const RayQuery bake = down_query(0.25f, 0.25f, 0.25f, 0.25f);
+  EXPECT_EQ(trace_once({0.25f}, bake).triangle, -1);
+  EXPECT_EQ(trace_once({0.25f - step}, bake).t, step);
+  EXPECT_EQ(trace_once({-0.25f}, bake).triangle, -1);
 
-TEST(TracerWindow, MeasuredAlongTheAxisNotTheRay) {
-  // A slanted ray reaches z = 0.2 at t = 0.5 and z = -0.2 at t = 1.
-  const std::array<float, 3> origin = {0.7f, 0.25f, 0.6f};
-  const std::array<float, 3> slant = {-0.6f, 0.0f, -0.8f};
+  // A slanted ray reaches z = 0.2 at t = 0.5 and z = -0.2 at t = 1; the
+  // window is measured along the axis, not the ray.
   const Mesh above = corner_triangles({0.2f});
   const Mesh below = corner_triangles({-0.2f});
   CpuTracer up(above, {}, {}, 1);
   CpuTracer down(below, {}, {}, 1);
+  const auto slanted = [](std::array<float, 3> point, std::array<float, 3> axis, float front,
+                          float rear, float t_max) {
+    return query({0.7f, 0.25f, 0.6f}, {-0.6f, 0.0f, -0.8f}, point, axis, front, rear, t_max);
+  };
   const std::array<float, 3> point = {0.25f, 0.25f, 0.0f};
-  EXPECT_EQ(up.trace(generic_query(origin, slant, point, {0, 0, 1}, 0.25f, 0.1f, 2.0f)).triangle,
-            0);
-  EXPECT_EQ(up.trace(generic_query(origin, slant, point, {0, 0, 1}, 0.15f, 0.1f, 2.0f)).triangle,
-            -1);
-  EXPECT_EQ(down.trace(generic_query(origin, slant, point, {0, 0, 1}, 0.1f, 0.25f, 2.0f)).triangle,
-            0);
-  EXPECT_EQ(down.trace(generic_query(origin, slant, point, {0, 0, 1}, 0.1f, 0.15f, 2.0f)).triangle,
-            -1);
+  EXPECT_EQ(up.trace(slanted(point, {0, 0, 1}, 0.25f, 0.1f, 2.0f)).triangle, 0);
+  EXPECT_EQ(up.trace(slanted(point, {0, 0, 1}, 0.15f, 0.1f, 2.0f)).triangle, -1);
+  EXPECT_EQ(down.trace(slanted(point, {0, 0, 1}, 0.1f, 0.25f, 2.0f)).triangle, 0);
+  EXPECT_EQ(down.trace(slanted(point, {0, 0, 1}, 0.1f, 0.15f, 2.0f)).triangle, -1);
   // A tilted axis counts the x offset too: hit point (0.4, 0.25, 0.2) from
   // (0, 0, 0) along (0.6, 0, 0.8) is 0.24 + 0.16 = 0.4 away.
-  const std::array<float, 3> tilted = {0.6f, 0.0f, 0.8f};
-  EXPECT_EQ(up.trace(generic_query(origin, slant, {0, 0, 0}, tilted, 0.45f, 0.1f, 2.0f)).triangle,
-            0);
-  EXPECT_EQ(up.trace(generic_query(origin, slant, {0, 0, 0}, tilted, 0.35f, 0.1f, 2.0f)).triangle,
-            -1);
+  EXPECT_EQ(up.trace(slanted({0, 0, 0}, {0.6f, 0.0f, 0.8f}, 0.45f, 0.1f, 2.0f)).triangle, 0);
+  EXPECT_EQ(up.trace(slanted({0, 0, 0}, {0.6f, 0.0f, 0.8f}, 0.35f, 0.1f, 2.0f)).triangle, -1);
   // t_max still bounds the ray.
-  EXPECT_EQ(up.trace(generic_query(origin, slant, point, {0, 0, 1}, 0.25f, 0.1f, 0.5f)).triangle,
-            -1);
+  EXPECT_EQ(up.trace(slanted(point, {0, 0, 1}, 0.25f, 0.1f, 0.5f)).triangle, -1);
 }
 
-TEST(TracerBackface, RejectionOnAndOff) {
+TEST(TracerFilters, BackfaceGroupsAndExclusion) {
   Mesh mesh;
-  add_square(mesh, 0.004f, 1.0f, false);                     // clockwise from above
-  const auto lower = add_square(mesh, -0.004f, 1.0f, true);  // counter-clockwise
+  add_plane(mesh, square(0.004f, 1.0f, false, 0));  // clockwise from above, group 7
+  add_plane(mesh, square(-0.004f, 1.0f, true, 1));  // counter-clockwise, group 3
   CpuTracer tracer(mesh, {}, {}, 1);
 
   const RayHit rejecting = tracer.trace(down_query(0.3f, 0.1f, 0.01f, 0.01f, -1, 1));
-  EXPECT_EQ(rejecting.triangle, static_cast<std::int32_t>(lower));
+  EXPECT_EQ(rejecting.triangle, 2);
   EXPECT_EQ(rejecting.t, static_cast<float>(double{0.01f} + double{0.004f}));
-
   const RayHit accepting = tracer.trace(down_query(0.3f, 0.1f, 0.01f, 0.01f, -1, 0));
   EXPECT_EQ(accepting.triangle, 0);
   EXPECT_EQ(accepting.t, static_cast<float>(double{0.01f} - double{0.004f}));
-
   // Seen from below, the first square is the front face.
   RayQuery up = down_query(0.3f, 0.1f, 0.01f, 0.01f, -1, 1);
   up.origin[2] = -0.002f;
@@ -179,113 +153,82 @@ TEST(TracerBackface, RejectionOnAndOff) {
   up.surface_normal = {0, 0, -1};
   up.surface_point = {0.3f, 0.1f, 0.008f};
   EXPECT_EQ(tracer.trace(up).triangle, 0);
-}
 
-TEST(TracerGroups, RaysSeeOnlyTheirGroup) {
-  Mesh mesh;
-  add_square(mesh, 0.004f, 1.0f, true, 0);   // triangles 0, 1: group 7
-  add_square(mesh, -0.004f, 1.0f, true, 1);  // triangles 2, 3: group 3
+  // Exclusion passes one triangle; one off the ray's path changes nothing.
+  const RayQuery q = down_query(0.3f, 0.1f, 0.01f, 0.01f, -1, 0);
+  EXPECT_EQ(tracer.trace_excluding(q, 0).triangle, 2);
+  EXPECT_EQ(tracer.trace_excluding(q, 1).triangle, 0);
+  EXPECT_EQ(tracer.trace_excluding(q, -1).triangle, 0);
+
+  // Name groups: a ray sees only its own group; -1 sees every group.
   CpuTracer grouped(mesh, {7, 7, 3, 3}, {}, 1);
-  CpuTracer plain(mesh, {}, {}, 1);
   EXPECT_TRUE(grouped.has_name_groups());
-  EXPECT_FALSE(plain.has_name_groups());
-
-  auto at = [](std::int32_t group) { return down_query(0.3f, 0.1f, 0.01f, 0.01f, group); };
+  EXPECT_FALSE(tracer.has_name_groups());
+  const auto at = [](std::int32_t group) { return down_query(0.3f, 0.1f, 0.01f, 0.01f, group, 0); };
   EXPECT_EQ(grouped.trace(at(7)).triangle, 0);
-  EXPECT_EQ(grouped.trace(at(3)).triangle, 2);  // passes through group 7
+  EXPECT_EQ(grouped.trace(at(3)).triangle, 2);
   EXPECT_EQ(grouped.trace(at(-1)).triangle, 0);
   EXPECT_EQ(grouped.trace(at(5)).triangle, -1);
   // A grouped query on a tracer without groups finds nothing.
-  EXPECT_EQ(plain.trace(at(3)).triangle, -1);
-  EXPECT_EQ(plain.trace(at(-1)).triangle, 0);
-}
-
-TEST(TracerExclusion, ExcludedTriangleIsPassedThrough) {
-  Mesh mesh;
-  add_square(mesh, 0.004f, 1.0f, true);
-  add_square(mesh, -0.004f, 1.0f, true);
-  CpuTracer tracer(mesh, {}, {}, 1);
-  const RayQuery q = down_query(0.3f, 0.1f, 0.01f, 0.01f);
-  EXPECT_EQ(tracer.trace_excluding(q, 0).triangle, 2);
-  EXPECT_EQ(tracer.trace_excluding(q, 1).triangle, 0);  // not on the ray's path
-  EXPECT_EQ(tracer.trace_excluding(q, -1).triangle, 0);
+  EXPECT_EQ(tracer.trace(at(3)).triangle, -1);
 }
 
 TEST(TracerRefine, MoellerTrumboreIn64Bit) {
-  Mesh mesh;
-  add_triangle(mesh, {0, 0, 0}, {1, 0, 0}, {0, 1, 0});
+  const Mesh mesh = corner_triangles({0.0f});
   RayQuery q;
   q.direction = {0, 0, -1};
-
-  // Inside: the exact barycentrics.
-  q.origin = {0.25f, 0.5f, 2.0f};
-  RefinedHit r = refine_hit(mesh, q, 0, 9.0f, 9.0f, 9.0f);
+  const auto refine = [&](std::array<float, 3> origin, RefinedHit given = {}) {
+    q.origin = origin;
+    return refine_hit(mesh, q, 0, given.u, given.v, given.t);
+  };
+  RefinedHit r = refine({0.25f, 0.5f, 2.0f}, {9.0f, 9.0f, 9.0f});  // inside: exact
   EXPECT_EQ(r.u, 0.25f);
   EXPECT_EQ(r.v, 0.5f);
   EXPECT_EQ(r.t, 2.0f);
-
   // Beyond the hypotenuse: both divided by their sum, in 64-bit.
-  q.origin = {0.8f, 0.6f, 1.0f};
-  r = refine_hit(mesh, q, 0, 0, 0, 0);
+  r = refine({0.8f, 0.6f, 1.0f});
   const double su = double{0.8f}, sv = double{0.6f};
   EXPECT_EQ(r.u, static_cast<float>(su / (su + sv)));
   EXPECT_EQ(r.v, static_cast<float>(sv / (su + sv)));
   EXPECT_EQ(r.t, 1.0f);
-
   // Outside an edge: clamped to [0, 1].
-  q.origin = {-0.2f, 0.5f, 1.0f};
-  r = refine_hit(mesh, q, 0, 0, 0, 0);
+  r = refine({-0.2f, 0.5f, 1.0f});
   EXPECT_EQ(r.u, 0.0f);
   EXPECT_EQ(r.v, 0.5f);
-  q.origin = {0.5f, 1.5f, 1.0f};
-  r = refine_hit(mesh, q, 0, 0, 0, 0);
+  r = refine({0.5f, 1.5f, 1.0f});
   EXPECT_EQ(r.u, static_cast<float>(0.5 / 1.5));
   EXPECT_EQ(r.v, static_cast<float>(1.0 / 1.5));
-
   // Behind the origin: t comes out negative and the window refuses it.
-  q.origin = {0.2f, 0.2f, -1.0f};
-  q.t_max = 5.0f;
-  q.front = q.rear = 5.0f;
+  q.t_max = q.front = q.rear = 5.0f;
   q.surface_normal = {0, 0, 1};
-  r = refine_hit(mesh, q, 0, 0, 0, 0);
+  r = refine({0.2f, 0.2f, -1.0f});
   EXPECT_EQ(r.t, -1.0f);
   EXPECT_FALSE(refined_hit_in_window(mesh, q, 0, r));
-
   // Parallel to the plane: the determinant is 0, the given values stay.
-  q.origin = {0.2f, 0.2f, 0.0f};
   q.direction = {1, 0, 0};
-  r = refine_hit(mesh, q, 0, 0.125f, 0.375f, 0.5f);
+  r = refine({0.2f, 0.2f, 0.0f}, {0.125f, 0.375f, 0.5f});
   EXPECT_EQ(r.u, 0.125f);
   EXPECT_EQ(r.v, 0.375f);
   EXPECT_EQ(r.t, 0.5f);
 }
 
 // Moeller-Trumbore in extended precision, the reference for the tracer.
-struct Exact {
-  long double u, v, t;
-};
-Exact exact_hit(const Mesh& mesh, const RayQuery& q) {
+std::array<long double, 3> exact_hit(const Mesh& mesh, const RayQuery& q) {
   using L = long double;
-  const Triangle& tri = mesh.triangles[0];
-  L p[3][3];
-  for (int c = 0; c < 3; ++c) {
-    for (int k = 0; k < 3; ++k) {
-      p[c][k] = mesh.positions[tri.corners[c].position][k];
-    }
-  }
   L e1[3], e2[3], s[3], d[3];
   for (int k = 0; k < 3; ++k) {
-    e1[k] = p[1][k] - p[0][k];
-    e2[k] = p[2][k] - p[0][k];
-    s[k] = L{q.origin[k]} - p[0][k];
+    const L p0 = mesh.positions[0][k];
+    e1[k] = mesh.positions[1][k] - p0;
+    e2[k] = mesh.positions[2][k] - p0;
+    s[k] = L{q.origin[k]} - p0;
     d[k] = q.direction[k];
   }
-  auto cross = [](const L* a, const L* b, L* out) {
+  const auto cross = [](const L* a, const L* b, L* out) {
     out[0] = a[1] * b[2] - a[2] * b[1];
     out[1] = a[2] * b[0] - a[0] * b[2];
     out[2] = a[0] * b[1] - a[1] * b[0];
   };
-  auto dot = [](const L* a, const L* b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; };
+  const auto dot = [](const L* a, const L* b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; };
   L qv[3], r[3];
   cross(d, e2, qv);
   cross(s, e1, r);
@@ -296,8 +239,9 @@ Exact exact_hit(const Mesh& mesh, const RayQuery& q) {
 TEST(TracerRefine, TracedHitsAreRefinedFromEmbreesCandidates) {
   // A small triangle far from the origin, where single-precision hits drift.
   Mesh mesh;
-  add_triangle(mesh, {1000.1f, 2000.3f, 500.7f}, {1000.47f, 2000.31f, 500.72f},
-               {1000.15f, 2000.71f, 500.67f});
+  test::add_triangle(
+      mesh,
+      {{{1000.1f, 2000.3f, 500.7f}, {1000.47f, 2000.31f, 500.72f}, {1000.15f, 2000.71f, 500.67f}}});
   CpuTracer tracer(mesh, {}, {}, 1);
   LowMeshScene raw(mesh);  // Embree's own answers for the same rays
 
@@ -306,17 +250,18 @@ TEST(TracerRefine, TracedHitsAreRefinedFromEmbreesCandidates) {
     state = state * 6364136223846793005ull + 1442695040888963407ull;
     return static_cast<double>((state >> 11) & ((1ull << 53) - 1)) / 9007199254740992.0;
   };
-  int traced = 0, bit_exact = 0, embree_differs = 0;
-  for (int i = 0; i < 400; ++i) {
+  const int rays = 400;
+  int bit_exact = 0, embree_differs = 0;
+  for (int i = 0; i < rays; ++i) {
     const double b1 = 0.05 + 0.4 * next(), b2 = 0.05 + 0.4 * next();
-    const double b0 = 1.0 - b1 - b2;
-    double target[3], dir[3] = {next() - 0.5, next() - 0.5, 1.0};
+    double dir[3] = {next() - 0.5, next() - 0.5, 1.0};
     const double len = std::sqrt(dir[0] * dir[0] + dir[1] * dir[1] + dir[2] * dir[2]);
     RayQuery q;
     for (int k = 0; k < 3; ++k) {
-      target[k] = b0 * mesh.positions[0][k] + b1 * mesh.positions[1][k] + b2 * mesh.positions[2][k];
+      const double target = (1.0 - b1 - b2) * mesh.positions[0][k] + b1 * mesh.positions[1][k] +
+                            b2 * mesh.positions[2][k];
       dir[k] /= len;
-      q.origin[k] = static_cast<float>(target[k] + 3.7 * dir[k]);
+      q.origin[k] = static_cast<float>(target + 3.7 * dir[k]);
       q.direction[k] = static_cast<float>(-dir[k]);
       q.surface_point[k] = q.origin[k];
       q.surface_normal[k] = static_cast<float>(dir[k]);
@@ -324,28 +269,27 @@ TEST(TracerRefine, TracedHitsAreRefinedFromEmbreesCandidates) {
     q.front = q.rear = q.t_max = 10.0f;
     const RayHit hit = tracer.trace(q);
     ASSERT_EQ(hit.triangle, 0) << i;
-    ++traced;
-    const Exact e = exact_hit(mesh, q);
-    const float fu = static_cast<float>(e.u), fv = static_cast<float>(e.v),
-                fx = static_cast<float>(e.t);
+    const auto e = exact_hit(mesh, q);
+    const float fu = static_cast<float>(e[0]), fv = static_cast<float>(e[1]),
+                ft = static_cast<float>(e[2]);
     // Within one unit in the last place of the exact result, and almost
     // always its correct rounding.
     EXPECT_LE(std::fabs(hit.u - fu), std::nextafter(fu, 2.0f) - fu) << i;
     EXPECT_LE(std::fabs(hit.v - fv), std::nextafter(fv, 2.0f) - fv) << i;
-    EXPECT_LE(std::fabs(hit.t - fx), std::nextafter(fx, 20.0f) - fx) << i;
-    bit_exact += (hit.u == fu && hit.v == fv && hit.t == fx) ? 1 : 0;
+    EXPECT_LE(std::fabs(hit.t - ft), std::nextafter(ft, 20.0f) - ft) << i;
+    bit_exact += (hit.u == fu && hit.v == fv && hit.t == ft) ? 1 : 0;
     const RayHit plain = raw.intersect(q.origin, q.direction, 0.0f, q.t_max);
     ASSERT_EQ(plain.triangle, 0);
     embree_differs += (plain.u != hit.u || plain.v != hit.v || plain.t != hit.t) ? 1 : 0;
   }
-  EXPECT_GE(bit_exact, traced * 95 / 100);
-  EXPECT_GT(embree_differs, traced / 10);  // the refinement did change results
+  EXPECT_GE(bit_exact, rays * 95 / 100);
+  EXPECT_GT(embree_differs, rays / 10);  // the refinement did change results
 }
 
 TEST(TracerKnownHit, ChecksWithTheSameRules) {
   Mesh mesh;
-  add_square(mesh, 0.004f, 1.0f, true, 0);
-  add_square(mesh, -0.004f, 1.0f, true, 1);
+  add_plane(mesh, square(0.004f, 1.0f, true, 0));
+  add_plane(mesh, square(-0.004f, 1.0f, true, 1));
   CpuTracer tracer(mesh, {7, 7, 3, 3}, {}, 1);
   const RayQuery q = down_query(0.3f, 0.1f, 0.01f, 0.01f, 3);
   const RayHit traced = tracer.trace(q);
@@ -358,24 +302,280 @@ TEST(TracerKnownHit, ChecksWithTheSameRules) {
   EXPECT_EQ(known.v, traced.v);
   EXPECT_EQ(known.t, traced.t);
 
-  // Wrong group, outside the window, no such triangle: refused, untouched.
-  for (RayHit bad : {RayHit{0, 0.5f, 0.1f, 0.006f}, RayHit{-1, 0, 0, 0}, RayHit{4, 0, 0, 0}}) {
-    const RayHit before = bad;
-    EXPECT_FALSE(tracer.check_known_hit(q, bad));
-    EXPECT_EQ(bad.u, before.u);
-    EXPECT_EQ(bad.t, before.t);
+  // Wrong group, no triangle, no such triangle, outside the window: refused,
+  // untouched.
+  const RayQuery near_rear = down_query(0.3f, 0.1f, 0.01f, 0.003f, 3);
+  for (const auto& [ray, hit] :
+       {std::pair{q, RayHit{0, 0.5f, 0.1f, 0.006f}}, std::pair{q, RayHit{-1, 0, 0, 0}},
+        std::pair{q, RayHit{4, 0, 0, 0}}, std::pair{near_rear, RayHit{2, 0.5f, 0.1f, 0.014f}}}) {
+    RayHit bad = hit;
+    EXPECT_FALSE(tracer.check_known_hit(ray, bad));
+    EXPECT_EQ(bad.u, hit.u);
+    EXPECT_EQ(bad.t, hit.t);
   }
-  RayHit far = {2, 0.5f, 0.1f, 0.014f};
-  EXPECT_FALSE(tracer.check_known_hit(down_query(0.3f, 0.1f, 0.01f, 0.003f, 3), far));
   // The backface rule is not part of the check.
   Mesh flipped;
-  add_square(flipped, -0.004f, 1.0f, false);
+  add_plane(flipped, square(-0.004f, 1.0f, false));
   CpuTracer back(flipped, {}, {}, 1);
   const RayQuery facing_away = down_query(0.3f, 0.1f, 0.01f, 0.01f, -1, 1);
   EXPECT_EQ(back.trace(facing_away).triangle, -1);
   RayHit backface = {0, 0.5f, 0.1f, 0.014f};
   EXPECT_TRUE(back.check_known_hit(facing_away, backface));
   EXPECT_EQ(backface.t, static_cast<float>(double{0.01f} + double{0.004f}));
+}
+
+// ---- batches, determinism, build options and errors ---------------------------
+
+bool same_bits(const std::vector<RayHit>& a, const std::vector<RayHit>& b) {
+  return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(RayHit)) == 0;
+}
+
+std::vector<RayHit> trace_all(const CpuTracer& tracer, const std::vector<RayQuery>& queries,
+                              int threads) {
+  std::vector<RayHit> hits(queries.size(), RayHit{7, 1, 1, 1});
+  tracer.trace_batch(queries.data(), hits.data(), hits.size(), threads);
+  return hits;
+}
+
+template <typename E, typename F>
+std::string message_of(F&& fn) {
+  try {
+    fn();
+  } catch (const E& e) {
+    return e.what();
+  } catch (const std::exception& e) {
+    return std::string("wrong type: ") + e.what();
+  }
+  return "no exception";
+}
+
+TEST(TracerBatch, SameBitsOnOneAndTwoThreadsAndAsSingleRays) {
+  // More than a few tasks of 1024 rays and a short last task.
+  constexpr std::size_t kRays = 9 * 1024 + 37;
+  const Mesh field = test::bumpy_field(120);
+  const std::vector<RayQuery> queries = test::field_queries(kRays, 0.02f, 0.02f);
+  CpuTracer tracer(field, {}, {}, 2);
+  const std::vector<RayHit> one = trace_all(tracer, queries, 1);
+  EXPECT_TRUE(same_bits(one, trace_all(tracer, queries, 2)));
+
+  std::size_t hits = 0;
+  for (std::size_t i = 0; i < kRays; ++i) {
+    const RayHit single = tracer.trace(queries[i]);
+    ASSERT_EQ(std::memcmp(&single, &one[i], sizeof(RayHit)), 0) << i;
+    hits += one[i].triangle >= 0 ? 1 : 0;
+    if (one[i].triangle < 0) {  // every miss slot is reset
+      EXPECT_EQ(one[i].u, 0.0f);
+      EXPECT_EQ(one[i].t, 0.0f);
+    }
+    // The known-hit check agrees with tracing, bit for bit.
+    RayHit again = one[i];
+    if (i % 4 == 0 && again.triangle >= 0) {
+      ASSERT_TRUE(tracer.check_known_hit(queries[i], again)) << i;
+      ASSERT_EQ(std::memcmp(&again, &one[i], sizeof(RayHit)), 0) << i;
+    }
+  }
+  EXPECT_GT(hits, kRays * 9 / 10);
+  EXPECT_LT(hits, kRays);  // some rays leave the field or its window
+
+  // A batch that starts inside the array writes only its own slots.
+  std::vector<RayHit> part(kRays, RayHit{7, 1, 1, 1});
+  tracer.trace_batch(queries.data() + 1000, part.data() + 1000, 1500, 2);
+  EXPECT_EQ(part[999].triangle, 7);
+  EXPECT_EQ(part[2500].triangle, 7);
+  EXPECT_EQ(std::memcmp(part.data() + 1000, one.data() + 1000, 1500 * sizeof(RayHit)), 0);
+  tracer.trace_batch(queries.data(), part.data(), 0, 2);  // nothing to do
+}
+
+TEST(TracerRefineCache, SwitchAndIdenticalResults) {
+  EXPECT_TRUE(refine_cache_enabled(std::nullopt));
+  EXPECT_FALSE(refine_cache_enabled(std::string("0")));
+  EXPECT_FALSE(refine_cache_enabled(std::string("off")));
+  for (const char* on : {"false", "00", "OFF", "", "1"}) {
+    EXPECT_TRUE(refine_cache_enabled(std::string(on))) << on;
+  }
+
+  const Mesh field = test::bumpy_field(80);
+  const std::vector<RayQuery> queries = test::field_queries(4000, 0.02f, 0.02f);
+  struct Run {
+    std::vector<RayHit> hits;
+    CpuTraceStatistics stats;
+    bool on;
+  };
+  const auto run = [&](const char* env) {
+    ScopedEnv scoped("KV_TRACE_REFINE_CACHE", env);
+    CpuTracer tracer(field, {}, {}, 2);
+    std::vector<RayHit> hits = trace_all(tracer, queries, 2);
+    return Run{hits, tracer.statistics(), tracer.refine_cache_on()};
+  };
+  const Run with = run(nullptr), without = run("0"), spelled = run("off"), other = run("false");
+  EXPECT_TRUE(with.on);
+  EXPECT_FALSE(without.on);
+  EXPECT_FALSE(spelled.on);
+  EXPECT_TRUE(other.on);
+  EXPECT_TRUE(same_bits(with.hits, without.hits));
+  EXPECT_TRUE(same_bits(with.hits, spelled.hits));
+
+  std::uint64_t hits = 0;
+  for (const RayHit& h : with.hits) {
+    hits += h.triangle >= 0 ? 1 : 0;
+  }
+  // With the cache every traced hit is found again; without, each winner is
+  // refined a second time after the search.
+  EXPECT_EQ(with.stats.refine_cache_hits, hits);
+  EXPECT_EQ(with.stats.refine_cache_misses, 0u);
+  EXPECT_EQ(without.stats.refine_cache_hits + without.stats.refine_cache_misses, 0u);
+  EXPECT_EQ(with.stats.filter_calls, without.stats.filter_calls);
+  EXPECT_EQ(without.stats.refines, with.stats.refines + hits);
+  EXPECT_GE(with.stats.filter_calls, hits);
+}
+
+TEST(TracerBuild, CompactSceneQualityAndMemoryCounters) {
+  const Mesh field = test::bumpy_field(150);
+  CpuTracer normal(field, {}, {}, 2);
+  CpuTracerOptions compact_options;
+  compact_options.compact = true;
+  CpuTracer compact(field, {}, compact_options, 2);
+  CpuTracerOptions low_options;
+  low_options.low_build_quality = true;
+  CpuTracer low(field, {}, low_options, 1);
+
+  EXPECT_GT(normal.peak_memory_bytes(), 0u);
+  EXPECT_GE(normal.peak_memory_bytes(), normal.memory_bytes());
+  EXPECT_LT(compact.peak_memory_bytes(), normal.peak_memory_bytes());
+  EXPECT_EQ(normal.table_bytes(), field.triangles.size() * 36);
+
+  // Scene flags and build quality do not change a single answer.
+  const std::vector<RayQuery> queries = test::field_queries(3000, 0.02f, 0.02f);
+  const std::vector<RayHit> a = trace_all(normal, queries, 2);
+  EXPECT_TRUE(same_bits(a, trace_all(compact, queries, 2)));
+  EXPECT_TRUE(same_bits(a, trace_all(low, queries, 1)));
+
+  // An empty high mesh misses everything.
+  const Mesh empty;
+  CpuTracer none(empty, {}, {}, 1);
+  for (const RayHit& h : trace_all(none, queries, 2)) {
+    ASSERT_EQ(h.triangle, -1);
+    ASSERT_EQ(h.t, 0.0f);
+  }
+  RayHit known = {0, 0, 0, 0.01f};
+  EXPECT_FALSE(none.check_known_hit(queries[0], known));
+}
+
+// A tracer that keeps the interface's default for exclusion.
+class NoExclusionTracer final : public Tracer {
+ public:
+  std::string description() const override { return "none"; }
+  RayHit trace(const RayQuery&) const override { return {}; }
+  bool runs_on_gpu() const override { return true; }
+  void trace_batch(const RayQuery*, RayHit*, std::uint64_t, std::int32_t) const override {}
+  bool check_known_hit(const RayQuery&, RayHit&) const override { return false; }
+  bool has_name_groups() const override { return false; }
+  GpuTraceStatistics gpu_statistics() const override { return {}; }
+};
+
+TEST(TracerErrors, MessagesByCase) {
+  Mesh mesh;
+  test::add_plane(mesh, test::square(0.0f));  // four positions
+  for (const std::vector<std::uint32_t>& groups : {std::vector<std::uint32_t>{1, 2, 3}, {1}}) {
+    EXPECT_EQ(message_of<Error>([&] { CpuTracer(mesh, groups, {}, 1); }),
+              "name groups do not match the high mesh");
+  }
+  EXPECT_EQ(message_of<Error>([] { NoExclusionTracer().trace_excluding(RayQuery{}, 3); }),
+            "tracer does not support secondary self exclusion");
+  Mesh broken = mesh;
+  broken.triangles[1].corners[2].position = 4;
+  EXPECT_EQ(message_of<Error>([&] { CpuTracer(broken, {}, {}, 1); }),
+            "high mesh triangle 1 refers to position 4 of 4");
+  EXPECT_EQ(message_of<Error>([&] { LowMeshScene scene(broken); }),
+            "low mesh triangle 1 refers to position 4 of 4");
+}
+
+TEST(TracerErrors, MemoryLimitRaisesOutOfMemory) {
+  const Mesh field = test::bumpy_field(100);
+  const std::uint64_t buffers = 12 * (field.positions.size() + field.triangles.size());
+  // Too small for the geometry buffers; then room for them but not the tree.
+  const std::pair<std::uint64_t, std::string> cases[] = {
+      {1, "Embree buffer allocation failed: "}, {buffers + 40000, "Embree scene build failed: "}};
+  for (const auto& [limit, prefix] : cases) {
+    CpuTracerOptions options;
+    options.memory_limit = limit;
+    const std::string text = message_of<OutOfMemory>([&] { CpuTracer(field, {}, options, 1); });
+    EXPECT_EQ(text.rfind(prefix, 0), 0u) << text;
+    EXPECT_GT(text.size(), prefix.size()) << text;  // the device's own text follows
+  }
+  // A limit that fits changes nothing.
+  CpuTracerOptions roomy;
+  roomy.memory_limit = 1ull << 34;
+  CpuTracer tracer(field, {}, roomy, 1);
+  EXPECT_LE(tracer.peak_memory_bytes(), roomy.memory_limit);
+  EXPECT_GE(tracer.trace(test::down_query(0.1f, 0.2f, 0.02f, 0.02f)).triangle, 0);
+}
+
+TEST(TracerErrors, OutOfMemoryRetriesOnceInCompactMode) {
+  const Mesh field = test::bumpy_field(40);
+  std::vector<std::string> events;
+  const auto trace = [&](std::string_view event) { events.emplace_back(event); };
+
+  // The first build runs out of memory for real, the second builds as asked.
+  std::vector<CpuTracerOptions> seen;
+  bool retried = false;
+  auto tracer = build_with_compact_retry(
+      [&](const CpuTracerOptions& options) {
+        seen.push_back(options);
+        CpuTracerOptions used = options;
+        used.memory_limit = seen.size() == 1 ? 1 : options.memory_limit;
+        return std::make_unique<CpuTracer>(field, std::vector<std::uint32_t>{}, used, 1);
+      },
+      &retried, trace);
+  ASSERT_NE(tracer, nullptr);
+  EXPECT_TRUE(retried);
+  ASSERT_EQ(seen.size(), 2u);
+  EXPECT_FALSE(seen[0].compact);
+  EXPECT_TRUE(seen[1].compact);
+  EXPECT_FALSE(seen[1].low_build_quality);
+  EXPECT_EQ(seen[1].memory_limit, 0u);
+  EXPECT_EQ(events, std::vector<std::string>{"embree.retry_compact"});
+  EXPECT_GE(tracer->trace(test::down_query(0.1f, 0.2f, 0.02f, 0.02f)).triangle, 0);
+
+  // A second failure propagates; other errors are not retried.
+  int calls = 0;
+  const auto failing = [&](auto error) {
+    calls = 0;
+    retried = false;
+    build_with_compact_retry(
+        [&](const CpuTracerOptions&) -> std::unique_ptr<CpuTracer> {
+          ++calls;
+          throw decltype(error)(error.what() + std::to_string(calls));
+        },
+        &retried, trace);
+  };
+  EXPECT_EQ(message_of<OutOfMemory>([&] { failing(OutOfMemory("again ")); }), "again 2");
+  EXPECT_EQ(calls, 2);
+  EXPECT_TRUE(retried);
+  EXPECT_EQ(message_of<Error>([&] { failing(Error("broken ")); }), "broken 1");
+  EXPECT_EQ(calls, 1);
+  EXPECT_FALSE(retried);
+
+  // The real entry builds without a retry when memory suffices.
+  bool fresh = false;
+  EXPECT_NE(build_cpu_tracer_with_retry(field, {}, 1, &fresh), nullptr);
+  EXPECT_FALSE(fresh);
+}
+
+TEST(TracerLowScene, PlainClosestHits) {
+  Mesh low;
+  test::add_plane(low, test::square(0.5f, 1.0f, false));  // facing down: no backface rule here
+  test::add_plane(low, test::square(-0.5f));
+  LowMeshScene scene(low);
+  RayHit hit = scene.intersect({0.3f, 0.1f, 2.0f}, {0, 0, -1}, 0.0f, 10.0f);
+  EXPECT_EQ(hit.triangle, 0);
+  EXPECT_EQ(hit.t, 1.5f);
+  hit = scene.intersect({0.3f, 0.1f, 2.0f}, {0, 0, -1}, 1.6f, 10.0f);
+  EXPECT_EQ(hit.triangle, 2);
+  EXPECT_EQ(hit.t, 2.5f);
+  EXPECT_EQ(scene.intersect({3.0f, 0.1f, 2.0f}, {0, 0, -1}, 0.0f, 10.0f).triangle, -1);
+  EXPECT_EQ(scene.intersect({0.3f, 0.1f, 2.0f}, {0, 0, -1}, 0.0f, 1.0f).triangle, -1);
+  EXPECT_EQ(LowMeshScene(Mesh{}).intersect({0, 0, 1}, {0, 0, -1}, 0.0f, 10.0f).triangle, -1);
 }
 
 }  // namespace
