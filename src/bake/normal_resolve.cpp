@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <utility>
 
 #include "bake/encode.h"
 #include "bake/ray_setup.h"
@@ -121,6 +122,37 @@ using Clock = std::chrono::steady_clock;
 
 double seconds_since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// High triangles are met in no useful order, so their records and normals
+// miss the cache: while hit `ray` is resolved, the records of a later hit and
+// the normals of a nearer one (whose record has arrived by then) are fetched.
+constexpr std::size_t kRecordAhead = 16;
+constexpr std::size_t kNormalsAhead = 8;
+
+// Asks for the cache line holding *p; never faults and changes no result.
+inline void prefetch(const void* p) {
+#if defined(__x86_64__) || defined(__i386__)
+  asm volatile("prefetcht0 %0" : : "m"(*static_cast<const char*>(p)));
+#else
+  __builtin_prefetch(p);
+#endif
+}
+
+void prefetch_hit_normals(const Mesh& high, const RayHit* hits, std::size_t count,
+                          std::size_t ray) {
+  if (ray + kRecordAhead < count && hits[ray + kRecordAhead].triangle >= 0) {
+    prefetch(&high.triangles[static_cast<std::size_t>(hits[ray + kRecordAhead].triangle)]);
+  }
+  if (ray + kNormalsAhead < count && hits[ray + kNormalsAhead].triangle >= 0) {
+    const Triangle& t =
+        high.triangles[static_cast<std::size_t>(hits[ray + kNormalsAhead].triangle)];
+    for (const Corner& c : t.corners) {
+      if (c.normal >= 0 && static_cast<std::size_t>(c.normal) < high.normals.size()) {
+        prefetch(&high.normals[static_cast<std::size_t>(c.normal)]);
+      }
+    }
+  }
 }
 
 // Sub-samples per chunk of a band's rows: chunks are whole texel rows.
@@ -249,213 +281,273 @@ NormalBakeResult resolve_normals(const LowPrep& prep, const Mesh& high, const Tr
   result.outside.assign(texel_count, 0);
   result.centre_covered.assign(texel_count, 0);
 
-  // Per-chunk query lists, kept between bands so their memory is reused.
-  struct SetupPart {
+  // Per-chunk sub-samples, queries and hits, kept between bands so their
+  // memory is reused. A sample's ray indexes its own chunk's queries.
+  struct Part {
+    std::vector<SubSample> samples;
     std::vector<RayQuery> queries;
+    std::vector<RayHit> hits;
     NormalBakeCounters counters;
+    double setup_seconds = 0.0;
+    double ray_seconds = 0.0;
+    double resolve_seconds = 0.0;
   };
-  std::vector<SetupPart> parts;
-  std::vector<SubSample> samples(static_cast<std::size_t>(band_rows) * row_samples);
+  std::vector<Part> parts;
   std::vector<RayQuery> queries;
   std::vector<RayHit> hits;
+  // A CPU tracer traces each chunk's rays on the thread that set them up,
+  // while they are still in cache; a GPU wants the whole band at once.
+  const bool per_chunk_rays = !tracer.runs_on_gpu();
 
   for (std::int32_t y0 = 0; y0 < height; y0 += band_rows) {
     const std::int32_t rows = std::min(band_rows, height - y0);
     const std::uint64_t chunks = chunk_count(static_cast<std::uint64_t>(rows), rows_per_chunk);
-
-    // Raster lookups and ray setup: every chunk keeps its own queries, joined
-    // below in chunk order.
-    Clock::time_point phase_start = Clock::now();
     parts.resize(static_cast<std::size_t>(chunks));
-    pool.for_chunks(
-        static_cast<std::uint64_t>(rows), rows_per_chunk,
-        [&](std::uint64_t chunk, std::uint64_t row_begin, std::uint64_t row_end) {
-          SetupPart& part = parts[static_cast<std::size_t>(chunk)];
-          part.queries.clear();
-          part.counters = NormalBakeCounters{};
-          std::vector<std::int32_t> covering;
-          for (std::uint64_t r = row_begin; r < row_end; ++r) {
-            const std::int64_t y = y0 + static_cast<std::int64_t>(r);
-            for (std::int32_t x = 0; x < width; ++x) {
-              SubSample* texel = samples.data() + (r * static_cast<std::uint64_t>(width) +
-                                                   static_cast<std::uint64_t>(x)) *
-                                                      texel_samples;
-              for (std::int32_t j = 0; j < aa; ++j) {
-                for (std::int32_t i = 0; i < aa; ++i) {
-                  SubSample& sample = texel[j * aa + i];
-                  const std::int64_t sx = static_cast<std::int64_t>(x) * aa + i;
-                  const std::int64_t sy = y * aa + j;
-                  const RasterHit found = raster.lookup(sx, sy, aa);
-                  sample = SubSample{found.triangle, -1, found.b1, found.b2};
-                  if (found.triangle < 0) {
-                    continue;
-                  }
-                  ++part.counters.samples_covered;
-                  raster.lookup_all(sx, sy, aa, covering);
-                  if (covering.size() > 1) {
-                    const double u =
-                        (static_cast<double>(sx) + 0.5) / (static_cast<double>(width) * aa) +
-                        raster.u0();
-                    const double v = (raster.v0() + 1.0) - (static_cast<double>(sy) + 0.5) /
-                                                               (static_cast<double>(height) * aa);
-                    for (std::int32_t other : covering) {
-                      if (other != found.triangle &&
-                          strictly_inside(low, static_cast<std::uint32_t>(other), u, v)) {
-                        ++part.counters.stacked_skipped;
-                      }
+
+    // Raster lookups and ray setup of rows [row_begin, row_end) of the band.
+    auto set_up = [&](Part& part, std::uint64_t row_begin, std::uint64_t row_end) {
+      part.queries.clear();
+      part.counters = NormalBakeCounters{};
+      part.samples.resize(static_cast<std::size_t>((row_end - row_begin) * row_samples));
+      std::vector<std::int32_t> covering;
+      for (std::uint64_t r = row_begin; r < row_end; ++r) {
+        const std::int64_t y = y0 + static_cast<std::int64_t>(r);
+        for (std::int32_t x = 0; x < width; ++x) {
+          SubSample* texel =
+              part.samples.data() + ((r - row_begin) * static_cast<std::uint64_t>(width) +
+                                     static_cast<std::uint64_t>(x)) *
+                                        texel_samples;
+          for (std::int32_t j = 0; j < aa; ++j) {
+            for (std::int32_t i = 0; i < aa; ++i) {
+              SubSample& sample = texel[j * aa + i];
+              const std::int64_t sx = static_cast<std::int64_t>(x) * aa + i;
+              const std::int64_t sy = y * aa + j;
+              const RasterHit found = raster.lookup(sx, sy, aa);
+              sample = SubSample{found.triangle, -1, found.b1, found.b2};
+              if (found.triangle < 0) {
+                continue;
+              }
+              ++part.counters.samples_covered;
+              // A cell with one candidate cannot hold a second covering triangle.
+              if (raster.candidate_count(sx, sy, aa) > 1) {
+                raster.lookup_all(sx, sy, aa, covering);
+                if (covering.size() > 1) {
+                  const double u =
+                      (static_cast<double>(sx) + 0.5) / (static_cast<double>(width) * aa) +
+                      raster.u0();
+                  const double v = (raster.v0() + 1.0) - (static_cast<double>(sy) + 0.5) /
+                                                             (static_cast<double>(height) * aa);
+                  for (std::int32_t other : covering) {
+                    if (other != found.triangle &&
+                        strictly_inside(low, static_cast<std::uint32_t>(other), u, v)) {
+                      ++part.counters.stacked_skipped;
                     }
                   }
-                  RayQuery query;
-                  if (!build_ray_query(setup, static_cast<std::uint32_t>(found.triangle), found.b1,
-                                       found.b2, query)) {
-                    ++part.counters.invalid_ray_normals;
-                    continue;
-                  }
-                  sample.ray = static_cast<std::int32_t>(part.queries.size());
-                  part.queries.push_back(query);
                 }
               }
+              RayQuery query;
+              if (!build_ray_query(setup, static_cast<std::uint32_t>(found.triangle), found.b1,
+                                   found.b2, query)) {
+                ++part.counters.invalid_ray_normals;
+                continue;
+              }
+              sample.ray = static_cast<std::int32_t>(part.queries.size());
+              part.queries.push_back(query);
             }
           }
-        });
-
-    std::vector<std::uint64_t> offsets(static_cast<std::size_t>(chunks) + 1, 0);
-    for (std::size_t c = 0; c < static_cast<std::size_t>(chunks); ++c) {
-      offsets[c + 1] = offsets[c] + parts[c].queries.size();
-    }
-    const std::uint64_t ray_count = offsets.back();
-    if (ray_count > static_cast<std::uint64_t>(INT32_MAX)) {
-      throw Error("a bake band holds more rays than it can index");
-    }
-    queries.resize(static_cast<std::size_t>(ray_count));
-    hits.assign(static_cast<std::size_t>(ray_count), RayHit{});
-    pool.for_chunks(chunks, 1, [&](std::uint64_t c, std::uint64_t, std::uint64_t) {
-      const SetupPart& part = parts[c];
-      std::copy(part.queries.begin(), part.queries.end(),
-                queries.begin() + static_cast<std::ptrdiff_t>(offsets[c]));
-      if (offsets[c] == 0) {
-        return;
+        }
       }
+    };
+
+    // The resolve of rows [row_begin, row_end): texels are independent.
+    auto resolve_rows = [&](const Part& part, const RayHit* part_hits, std::uint64_t row_begin,
+                            std::uint64_t row_end) {
+      NormalBakeCounters k;
+      for (std::uint64_t r = row_begin; r < row_end; ++r) {
+        const std::int32_t y = y0 + static_cast<std::int32_t>(r);
+        for (std::int32_t x = 0; x < width; ++x) {
+          const std::size_t texel_index =
+              static_cast<std::size_t>(y) * static_cast<std::size_t>(width) +
+              static_cast<std::size_t>(x);
+          const SubSample* texel =
+              part.samples.data() + ((r - row_begin) * static_cast<std::uint64_t>(width) +
+                                     static_cast<std::uint64_t>(x)) *
+                                        texel_samples;
+          bool any_covered = false;
+          bool any_hit = false;
+          std::uint32_t contributing = 0;
+          std::array<float, 3> sum = {0.0f, 0.0f, 0.0f};
+          for (std::uint64_t s = 0; s < texel_samples; ++s) {
+            const SubSample& sample = texel[s];
+            if (sample.triangle < 0) {
+              continue;
+            }
+            any_covered = true;
+            if (sample.ray < 0) {
+              continue;
+            }
+            const auto ray = static_cast<std::size_t>(sample.ray);
+            prefetch_hit_normals(high, part_hits, part.queries.size(), ray);
+            const RayHit& hit = part_hits[ray];
+            if (hit.triangle < 0) {
+              continue;
+            }
+            any_hit = true;
+            ++k.hits;
+            Vec3f h{};
+            if (!blended_normal(high, static_cast<std::uint32_t>(hit.triangle), hit.u, hit.v, h)) {
+              ++k.invalid_hit_normals;
+              continue;
+            }
+            bool fallback = false;
+            const std::span<const TangentFrame, 3> corners(
+                frames.data() + static_cast<std::size_t>(sample.triangle) * 3, 3);
+            std::array<double, 3> c =
+                tangent_space_normal(corners, sample.b1, sample.b2, per_vertex, h, &fallback);
+            if (fallback) {
+              ++k.degenerate_frames;
+            }
+            if (directx) {
+              c[1] = -c[1];
+            }
+            add_through_colour(sum, c);
+            ++contributing;
+          }
+          if (!any_covered) {
+            result.outside[texel_index] = 1;
+            ++k.texels_outside;
+            continue;
+          }
+          ++k.texels_covered;
+          if (any_hit) {
+            result.opacity[texel_index] = 65535;
+            ++k.texels_opaque;
+          }
+          const bool centre = aa == 1 ? true : raster.lookup(x, y, 1).triangle >= 0;
+          if (!centre) {
+            continue;
+          }
+          result.centre_covered[texel_index] = 1;
+          ++k.texels_centre_covered;
+          if (contributing > 0 && texel_normal_codes(sum, &result.normal[texel_index * 3])) {
+            result.normal_valid[texel_index] = 1;
+            ++k.texels_valid;
+          }
+        }
+      }
+      return k;
+    };
+
+    auto chunk_rows = [&](std::uint64_t c) {
       const std::uint64_t row_begin = c * rows_per_chunk;
       const std::uint64_t row_end =
           std::min<std::uint64_t>(row_begin + rows_per_chunk, static_cast<std::uint64_t>(rows));
-      const std::int32_t shift = static_cast<std::int32_t>(offsets[c]);
-      for (std::uint64_t s = row_begin * row_samples; s < row_end * row_samples; ++s) {
-        if (samples[s].ray >= 0) {
-          samples[s].ray += shift;
+      return std::pair<std::uint64_t, std::uint64_t>(row_begin, row_end);
+    };
+
+    // The resolve counters join the setup counters of their chunk; the
+    // counters are whole numbers, so the join order cannot change them.
+    auto add_resolve_counters = [](NormalBakeCounters& into, const NormalBakeCounters& k) {
+      into.hits += k.hits;
+      into.invalid_hit_normals += k.invalid_hit_normals;
+      into.degenerate_frames += k.degenerate_frames;
+      into.texels_covered += k.texels_covered;
+      into.texels_outside += k.texels_outside;
+      into.texels_centre_covered += k.texels_centre_covered;
+      into.texels_valid += k.texels_valid;
+      into.texels_opaque += k.texels_opaque;
+    };
+
+    const Clock::time_point band_start = Clock::now();
+    std::uint64_t ray_count = 0;
+    if (per_chunk_rays) {
+      pool.for_chunks(chunks, 1, [&](std::uint64_t c, std::uint64_t, std::uint64_t) {
+        Part& part = parts[static_cast<std::size_t>(c)];
+        const auto [row_begin, row_end] = chunk_rows(c);
+        Clock::time_point step = Clock::now();
+        set_up(part, row_begin, row_end);
+        Clock::time_point next = Clock::now();
+        part.setup_seconds = std::chrono::duration<double>(next - step).count();
+        step = next;
+        part.hits.assign(part.queries.size(), RayHit{});
+        if (!part.queries.empty()) {
+          tracer.trace_batch(part.queries.data(), part.hits.data(), part.queries.size(), 1);
         }
+        next = Clock::now();
+        part.ray_seconds = std::chrono::duration<double>(next - step).count();
+        step = next;
+        add_resolve_counters(part.counters,
+                             resolve_rows(part, part.hits.data(), row_begin, row_end));
+        part.resolve_seconds = seconds_since(step);
+      });
+      for (const Part& part : parts) {
+        ray_count += part.queries.size();
       }
-    });
-    for (std::size_t c = 0; c < static_cast<std::size_t>(chunks); ++c) {
-      const SetupPart& part = parts[c];
+      if (ray_count > static_cast<std::uint64_t>(INT32_MAX)) {
+        throw Error("a bake band holds more rays than it can index");
+      }
+      // The band's time split by the share each step took on the threads.
+      double ray_cpu = 0.0;
+      double all_cpu = 0.0;
+      for (const Part& part : parts) {
+        ray_cpu += part.ray_seconds;
+        all_cpu += part.setup_seconds + part.ray_seconds + part.resolve_seconds;
+      }
+      const double band_seconds = seconds_since(band_start);
+      const double ray_share = all_cpu > 0.0 ? ray_cpu / all_cpu : 0.0;
+      times.rays += band_seconds * ray_share;
+      times.resolve += band_seconds * (1.0 - ray_share);
+    } else {
+      pool.for_chunks(chunks, 1, [&](std::uint64_t c, std::uint64_t, std::uint64_t) {
+        const auto [row_begin, row_end] = chunk_rows(c);
+        set_up(parts[static_cast<std::size_t>(c)], row_begin, row_end);
+      });
+      std::vector<std::uint64_t> offsets(static_cast<std::size_t>(chunks) + 1, 0);
+      for (std::size_t c = 0; c < static_cast<std::size_t>(chunks); ++c) {
+        offsets[c + 1] = offsets[c] + parts[c].queries.size();
+      }
+      ray_count = offsets.back();
+      if (ray_count > static_cast<std::uint64_t>(INT32_MAX)) {
+        throw Error("a bake band holds more rays than it can index");
+      }
+      queries.resize(static_cast<std::size_t>(ray_count));
+      hits.assign(static_cast<std::size_t>(ray_count), RayHit{});
+      pool.for_chunks(chunks, 1, [&](std::uint64_t c, std::uint64_t, std::uint64_t) {
+        const Part& part = parts[static_cast<std::size_t>(c)];
+        std::copy(part.queries.begin(), part.queries.end(),
+                  queries.begin() + static_cast<std::ptrdiff_t>(offsets[c]));
+      });
+      times.resolve += seconds_since(band_start);
+
+      Clock::time_point phase_start = Clock::now();
+      if (ray_count > 0) {
+        tracer.trace_batch(queries.data(), hits.data(), ray_count, pool.thread_count());
+      }
+      times.rays += seconds_since(phase_start);
+
+      phase_start = Clock::now();
+      pool.for_chunks(chunks, 1, [&](std::uint64_t c, std::uint64_t, std::uint64_t) {
+        Part& part = parts[static_cast<std::size_t>(c)];
+        const auto [row_begin, row_end] = chunk_rows(c);
+        add_resolve_counters(part.counters,
+                             resolve_rows(part, hits.data() + offsets[c], row_begin, row_end));
+      });
+      times.resolve += seconds_since(phase_start);
+    }
+
+    for (const Part& part : parts) {
       const NormalBakeCounters& k = part.counters;
       result.counters.samples_covered += k.samples_covered;
       result.counters.invalid_ray_normals += k.invalid_ray_normals;
       result.counters.stacked_skipped += k.stacked_skipped;
+      add_resolve_counters(result.counters, k);
     }
     result.counters.rays += ray_count;
-    times.resolve += seconds_since(phase_start);
-
-    phase_start = Clock::now();
-    if (ray_count > 0) {
-      tracer.trace_batch(queries.data(), hits.data(), ray_count, pool.thread_count());
-    }
-    times.rays += seconds_since(phase_start);
-
-    // The resolve: texels are independent; counters are joined in chunk order.
-    phase_start = Clock::now();
-    std::vector<NormalBakeCounters> counters = pool.map_chunks<NormalBakeCounters>(
-        static_cast<std::uint64_t>(rows), rows_per_chunk,
-        [&](std::uint64_t row_begin, std::uint64_t row_end) {
-          NormalBakeCounters k;
-          for (std::uint64_t r = row_begin; r < row_end; ++r) {
-            const std::int32_t y = y0 + static_cast<std::int32_t>(r);
-            for (std::int32_t x = 0; x < width; ++x) {
-              const std::size_t texel_index =
-                  static_cast<std::size_t>(y) * static_cast<std::size_t>(width) +
-                  static_cast<std::size_t>(x);
-              const SubSample* texel = samples.data() + (r * static_cast<std::uint64_t>(width) +
-                                                         static_cast<std::uint64_t>(x)) *
-                                                            texel_samples;
-              bool any_covered = false;
-              bool any_hit = false;
-              std::uint32_t contributing = 0;
-              std::array<float, 3> sum = {0.0f, 0.0f, 0.0f};
-              for (std::uint64_t s = 0; s < texel_samples; ++s) {
-                const SubSample& sample = texel[s];
-                if (sample.triangle < 0) {
-                  continue;
-                }
-                any_covered = true;
-                if (sample.ray < 0) {
-                  continue;
-                }
-                const RayHit& hit = hits[static_cast<std::size_t>(sample.ray)];
-                if (hit.triangle < 0) {
-                  continue;
-                }
-                any_hit = true;
-                ++k.hits;
-                Vec3f h{};
-                if (!blended_normal(high, static_cast<std::uint32_t>(hit.triangle), hit.u, hit.v,
-                                    h)) {
-                  ++k.invalid_hit_normals;
-                  continue;
-                }
-                bool fallback = false;
-                const std::span<const TangentFrame, 3> corners(
-                    frames.data() + static_cast<std::size_t>(sample.triangle) * 3, 3);
-                std::array<double, 3> c =
-                    tangent_space_normal(corners, sample.b1, sample.b2, per_vertex, h, &fallback);
-                if (fallback) {
-                  ++k.degenerate_frames;
-                }
-                if (directx) {
-                  c[1] = -c[1];
-                }
-                add_through_colour(sum, c);
-                ++contributing;
-              }
-              if (!any_covered) {
-                result.outside[texel_index] = 1;
-                ++k.texels_outside;
-                continue;
-              }
-              ++k.texels_covered;
-              if (any_hit) {
-                result.opacity[texel_index] = 65535;
-                ++k.texels_opaque;
-              }
-              const bool centre = aa == 1 ? true : raster.lookup(x, y, 1).triangle >= 0;
-              if (!centre) {
-                continue;
-              }
-              result.centre_covered[texel_index] = 1;
-              ++k.texels_centre_covered;
-              if (contributing > 0 && texel_normal_codes(sum, &result.normal[texel_index * 3])) {
-                result.normal_valid[texel_index] = 1;
-                ++k.texels_valid;
-              }
-            }
-          }
-          return k;
-        });
-    for (const NormalBakeCounters& k : counters) {
-      result.counters.hits += k.hits;
-      result.counters.invalid_hit_normals += k.invalid_hit_normals;
-      result.counters.degenerate_frames += k.degenerate_frames;
-      result.counters.texels_covered += k.texels_covered;
-      result.counters.texels_outside += k.texels_outside;
-      result.counters.texels_centre_covered += k.texels_centre_covered;
-      result.counters.texels_valid += k.texels_valid;
-      result.counters.texels_opaque += k.texels_opaque;
-    }
-    times.resolve += seconds_since(phase_start);
 
     if (band_finished) {
-      phase_start = Clock::now();
+      const Clock::time_point wait_start = Clock::now();
       band_finished(TexelRegion{0, y0, width, rows}, result);
-      times.wait += seconds_since(phase_start);
+      times.wait += seconds_since(wait_start);
     }
   }
   times.total = seconds_since(loop_start);

@@ -292,6 +292,15 @@ RasterHit UvRaster::lookup(std::int64_t sx, std::int64_t sy, std::int32_t a) con
   return hit;
 }
 
+std::uint64_t UvRaster::candidate_count(std::int64_t sx, std::int64_t sy, std::int32_t a) const {
+  const std::int64_t cell = cell_of(sx, sy, a);
+  if (cell < 0) {
+    return 0;
+  }
+  return offsets_[static_cast<std::uint64_t>(cell) + 1] -
+         offsets_[static_cast<std::uint64_t>(cell)];
+}
+
 void UvRaster::lookup_all(std::int64_t sx, std::int64_t sy, std::int32_t a,
                           std::vector<std::int32_t>& out) const {
   out.clear();
