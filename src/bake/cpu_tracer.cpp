@@ -189,6 +189,9 @@ struct TraceContext {
   const RayQuery* query;
   std::int64_t excluded;  // -1 for none
   CpuTracer::ThreadState* thread;
+  // The floating-point control state, read once per ray (reading it is
+  // slow): nothing changes it while Embree searches.
+  std::uint32_t fp_state;
 };
 static_assert(std::is_standard_layout_v<TraceContext>);
 
@@ -224,7 +227,7 @@ struct CpuTracerCallbacks {
         continue;
       }
       if (tracer.refine_cache_ && std::isfinite(u) && std::isfinite(v) && std::isfinite(t)) {
-        const std::uint32_t state = fp_control_state();
+        const std::uint32_t state = context->fp_state;
         if (fp_exceptions_masked(state)) {
           thread.cached = true;
           thread.triangle = triangle;
@@ -472,6 +475,7 @@ RayHit CpuTracer::trace_one(const RayQuery& query, std::int64_t excluded) const 
   context.query = &query;
   context.excluded = excluded;
   context.thread = &thread;
+  context.fp_state = fp_control_state();
   RTCRayHit ray = embree::make_ray(query.origin.data(), query.direction.data(), query.t_max);
   embree::intersect1(static_cast<embree::Scene>(scene_), &context.base, &ray);
   if (ray.hit.geomID == embree::kInvalidId) {
@@ -485,7 +489,7 @@ RayHit CpuTracer::trace_one(const RayQuery& query, std::int64_t excluded) const 
   if (refine_cache_ && thread.cached && thread.triangle == triangle &&
       thread.u_bits == std::bit_cast<std::uint32_t>(u) &&
       thread.v_bits == std::bit_cast<std::uint32_t>(v) &&
-      thread.t_bits == std::bit_cast<std::uint32_t>(t) && thread.fp_state == fp_control_state()) {
+      thread.t_bits == std::bit_cast<std::uint32_t>(t) && thread.fp_state == context.fp_state) {
     bump(thread.cache_hits);
     refined = thread.refined;
   } else {
