@@ -73,6 +73,23 @@ struct TestImage {
   }
 };
 
+PaddingSettings mode(PaddingMode m, std::int32_t width, bool srgb = false) {
+  PaddingSettings s;
+  s.mode = m;
+  s.width = width;
+  s.srgb = srgb;
+  return s;
+}
+
+// A one-row image of one channel holding `values`.
+TestImage line(const Values& values, ComponentType type = ComponentType::kU16) {
+  TestImage image(static_cast<std::int32_t>(values.size()), 1, 1, type);
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    image.set(i, 0, values[i]);
+  }
+  return image;
+}
+
 MapU16 make_map(std::int32_t w, std::int32_t h, std::int32_t c, std::uint16_t fill) {
   return MapU16{w, h, c, std::vector<std::uint16_t>(static_cast<std::size_t>(w) * h * c, fill)};
 }
@@ -289,10 +306,7 @@ TEST(RingPadding, EveryComponentTypeAndPadImage) {
   for (const auto& [type, expected] :
        {std::pair{ComponentType::kU8, 2.0}, std::pair{ComponentType::kU16, 2.0},
         std::pair{ComponentType::kF16, 1.5}, std::pair{ComponentType::kF32, 1.5}}) {
-    TestImage image(3, 1, 1, type);
-    image.set(0, 0, 1.0);
-    image.set(1, 0, 100.0);
-    image.set(2, 0, 2.0);
+    TestImage image = line({1, 100, 2}, type);
     dilate_mean_image(image.view(), Mask{1, 0, 1}, 1, false, pool);
     EXPECT_EQ(image.get(1), expected) << static_cast<int>(type);
   }
@@ -301,12 +315,9 @@ TEST(RingPadding, EveryComponentTypeAndPadImage) {
   const auto valid = random_valid(map, 99u, 12);
   MapU16 direct = map;
   const auto direct_mask = dilate_mean(direct, valid, 6, 2);
-  PaddingSettings settings;
-  settings.mode = PaddingMode::ring;
-  settings.width = 6;
   const ImageView image{map.width, map.height, map.channels, ComponentType::kU16,
                         std::as_writable_bytes(std::span(map.codes))};
-  EXPECT_EQ(pad_image(image, valid, settings, 2), direct_mask);
+  EXPECT_EQ(pad_image(image, valid, mode(PaddingMode::ring, 6), 2), direct_mask);
   EXPECT_EQ(map.codes, direct.codes);
 }
 
@@ -317,11 +328,8 @@ TEST(PaddingChecks, MessagesOfEveryEntry) {
   const WorkerPool pool(1);
   const std::string mask_message = "padding: the valid mask does not match the image";
   const std::string image_message = "padding: image or mask size mismatch (or image too large)";
-  const auto pad = [&](const ImageView& view, std::size_t mask, PaddingMode mode, int width) {
-    PaddingSettings settings;
-    settings.mode = mode;
-    settings.width = width;
-    return [&pool, view, mask, settings] { pad_image(view, Mask(mask, 0), settings, pool); };
+  const auto pad = [&](const ImageView& view, std::size_t mask, PaddingMode m, int width) {
+    return [&pool, view, mask, m, width] { pad_image(view, Mask(mask, 0), mode(m, width), pool); };
   };
   expect_error(pad(image, 11, PaddingMode::ring, 3), mask_message);
   // Checked before any mode runs; the mask before the width.
@@ -361,23 +369,6 @@ TEST(PaddingChecks, MessagesOfEveryEntry) {
 }
 
 // ---- the modes built on the nearest valid texel, sRGB and half floats ----------
-
-PaddingSettings mode(PaddingMode m, std::int32_t width, bool srgb = false) {
-  PaddingSettings s;
-  s.mode = m;
-  s.width = width;
-  s.srgb = srgb;
-  return s;
-}
-
-// A one-row image of one channel holding `values`.
-TestImage line(const Values& values, ComponentType type = ComponentType::kU16) {
-  TestImage image(static_cast<std::int32_t>(values.size()), 1, 1, type);
-  for (std::size_t i = 0; i < values.size(); ++i) {
-    image.set(i, 0, values[i]);
-  }
-  return image;
-}
 
 // Lowest-index nearest valid texel by trying every valid texel.
 NearestValid brute_nearest(int w, int h, const Mask& valid) {
