@@ -16,6 +16,7 @@
 #include "bake/embree_api.h"
 #include "bake/low_prep.h"
 #include "core/parallel.h"
+#include "limit/plain_embree.h"
 #include "platform/platform.h"
 #include "scene/standard_scene.h"
 
@@ -78,63 +79,28 @@ Rays texel_rays(const kv::bench::StandardScene& scene,
   return rays;
 }
 
-// Embree alone over the high mesh: closest hit, no filter.
-class PlainEmbree {
- public:
-  PlainEmbree(const kv::Mesh& mesh, int threads) {
-    const std::string config = "threads=" + std::to_string(threads);
-    device_ = kv::embree::new_device(config.c_str());
-    scene_ = kv::embree::new_scene(device_, {});
-    auto geometry = kv::embree::new_triangle_geometry(device_);
-    float* vertices = kv::embree::new_vertex_buffer(geometry, mesh.positions.size());
-    std::uint32_t* indices = kv::embree::new_index_buffer(geometry, mesh.triangles.size());
-    if (vertices == nullptr || indices == nullptr) {
-      std::fprintf(stderr, "lowprep_bench: Embree buffers could not be allocated\n");
-      std::exit(1);
-    }
-    std::memcpy(vertices, mesh.positions.data(), mesh.positions.size() * 12);
-    for (std::size_t i = 0; i < mesh.triangles.size(); ++i) {
-      for (std::size_t k = 0; k < 3; ++k) {
-        indices[3 * i + k] = mesh.triangles[i].corners[k].position;
-      }
-    }
-    kv::embree::commit_geometry(geometry);
-    kv::embree::attach_geometry(scene_, geometry);
-    kv::embree::release_geometry(geometry);
-    kv::embree::commit_scene(scene_);
+// Casts `count` rays through plain Embree, cycling through the given ones;
+// returns the hits.
+std::uint64_t plain_cast(const kv::bench::PlainEmbree& plain, const Rays& rays, std::uint64_t count,
+                         const kv::WorkerPool& pool) {
+  const auto partial =
+      pool.map_chunks<std::uint64_t>(count, 16384, [&](std::uint64_t begin, std::uint64_t end) {
+        std::uint64_t hits = 0;
+        for (std::uint64_t i = begin; i < end; ++i) {
+          const std::size_t r = static_cast<std::size_t>(i % rays.origins.size());
+          RTCRayHit ray =
+              kv::embree::make_ray(rays.origins[r].data(), rays.directions[r].data(), rays.t_max);
+          kv::embree::intersect1(plain.scene(), &ray);
+          hits += ray.hit.geomID == kv::embree::kInvalidId ? 0 : 1;
+        }
+        return hits;
+      });
+  std::uint64_t total = 0;
+  for (const std::uint64_t h : partial) {
+    total += h;
   }
-  ~PlainEmbree() {
-    kv::embree::release_scene(scene_);
-    kv::embree::release_device(device_);
-  }
-  PlainEmbree(const PlainEmbree&) = delete;
-  PlainEmbree& operator=(const PlainEmbree&) = delete;
-
-  // Casts `count` rays, cycling through the given ones; returns the hits.
-  std::uint64_t cast(const Rays& rays, std::uint64_t count, const kv::WorkerPool& pool) const {
-    const auto partial =
-        pool.map_chunks<std::uint64_t>(count, 16384, [&](std::uint64_t begin, std::uint64_t end) {
-          std::uint64_t hits = 0;
-          for (std::uint64_t i = begin; i < end; ++i) {
-            const std::size_t r = static_cast<std::size_t>(i % rays.origins.size());
-            RTCRayHit ray =
-                kv::embree::make_ray(rays.origins[r].data(), rays.directions[r].data(), rays.t_max);
-            kv::embree::intersect1(scene_, &ray);
-            hits += ray.hit.geomID == kv::embree::kInvalidId ? 0 : 1;
-          }
-          return hits;
-        });
-    std::uint64_t total = 0;
-    for (const std::uint64_t h : partial) {
-      total += h;
-    }
-    return total;
-  }
-
- private:
-  kv::embree::Device device_ = nullptr;
-  kv::embree::Scene scene_ = nullptr;
-};
+  return total;
+}
 
 struct LookupTotals {
   std::uint64_t covered = 0;
@@ -189,7 +155,7 @@ int main(int argc, char** argv) {
   settings.aa = aa;
   settings.threads = threads;
   const kv::WorkerPool pool(threads);
-  const PlainEmbree plain(scene.high, threads);
+  const kv::bench::PlainEmbree plain(scene.high, threads);
   const std::uint64_t samples = static_cast<std::uint64_t>(size) * static_cast<std::uint64_t>(aa) *
                                 static_cast<std::uint64_t>(size) * static_cast<std::uint64_t>(aa);
 
@@ -208,7 +174,7 @@ int main(int argc, char** argv) {
     totals = lookup_all(prep.raster(), size, aa, pool);
     best_lookup = std::min(best_lookup, seconds_since(start));
     start = Clock::now();
-    hits = plain.cast(rays, samples, pool);
+    hits = plain_cast(plain, rays, samples, pool);
     best_embree = std::min(best_embree, seconds_since(start));
   }
   std::printf("LowPrep build: %.3f s (fingerprint %016llx)\n", best_build,

@@ -18,6 +18,7 @@
 #include "bake/embree_api.h"
 #include "common/bench_common.h"
 #include "core/parallel.h"
+#include "limit/plain_embree.h"
 #include "platform/platform.h"
 #include "scene/standard_scene.h"
 
@@ -79,58 +80,21 @@ std::vector<kv::RayQuery> bake_queries(const kv::bench::StandardScene& scene,
   return queries;
 }
 
-// The limit we compare against: Embree alone, closest hit, no filter.
-class PlainEmbree {
- public:
-  PlainEmbree(const kv::Mesh& mesh, int threads) {
-    const std::string config = "threads=" + std::to_string(threads);
-    device_ = kv::embree::new_device(config.c_str());
-    scene_ = kv::embree::new_scene(device_, {});
-    auto geometry = kv::embree::new_triangle_geometry(device_);
-    float* vertices = kv::embree::new_vertex_buffer(geometry, mesh.positions.size());
-    std::uint32_t* indices = kv::embree::new_index_buffer(geometry, mesh.triangles.size());
-    if (vertices == nullptr || indices == nullptr) {
-      std::fprintf(stderr, "trace_bench: Embree buffers could not be allocated\n");
-      std::exit(1);
+// The limit we compare against: plain Embree, closest hit, no filter.
+void plain_hits(const kv::bench::PlainEmbree& plain, const std::vector<kv::RayQuery>& queries,
+                std::vector<kv::RayHit>& hits, const kv::WorkerPool& pool) {
+  pool.for_chunks(queries.size(), 1024, [&](std::uint64_t, std::uint64_t begin, std::uint64_t end) {
+    for (std::uint64_t i = begin; i < end; ++i) {
+      const kv::RayQuery& q = queries[i];
+      RTCRayHit ray = kv::embree::make_ray(q.origin.data(), q.direction.data(), q.t_max);
+      kv::embree::intersect1(plain.scene(), &ray);
+      hits[i] = ray.hit.geomID == kv::embree::kInvalidId
+                    ? kv::RayHit{}
+                    : kv::RayHit{static_cast<std::int32_t>(ray.hit.primID), ray.hit.u, ray.hit.v,
+                                 ray.ray.tfar};
     }
-    std::memcpy(vertices, mesh.positions.data(), mesh.positions.size() * 12);
-    for (std::size_t i = 0; i < mesh.triangles.size(); ++i) {
-      for (int k = 0; k < 3; ++k) {
-        indices[3 * i + k] = mesh.triangles[i].corners[k].position;
-      }
-    }
-    kv::embree::commit_geometry(geometry);
-    kv::embree::attach_geometry(scene_, geometry);
-    kv::embree::release_geometry(geometry);
-    kv::embree::commit_scene(scene_);
-  }
-  ~PlainEmbree() {
-    kv::embree::release_scene(scene_);
-    kv::embree::release_device(device_);
-  }
-  PlainEmbree(const PlainEmbree&) = delete;
-  PlainEmbree& operator=(const PlainEmbree&) = delete;
-
-  void trace(const std::vector<kv::RayQuery>& queries, std::vector<kv::RayHit>& hits,
-             const kv::WorkerPool& pool) const {
-    pool.for_chunks(
-        queries.size(), 1024, [&](std::uint64_t, std::uint64_t begin, std::uint64_t end) {
-          for (std::uint64_t i = begin; i < end; ++i) {
-            const kv::RayQuery& q = queries[i];
-            RTCRayHit ray = kv::embree::make_ray(q.origin.data(), q.direction.data(), q.t_max);
-            kv::embree::intersect1(scene_, &ray);
-            hits[i] = ray.hit.geomID == kv::embree::kInvalidId
-                          ? kv::RayHit{}
-                          : kv::RayHit{static_cast<std::int32_t>(ray.hit.primID), ray.hit.u,
-                                       ray.hit.v, ray.ray.tfar};
-          }
-        });
-  }
-
- private:
-  kv::embree::Device device_ = nullptr;
-  kv::embree::Scene scene_ = nullptr;
-};
+  });
+}
 
 std::size_t count_hits(const std::vector<kv::RayHit>& hits) {
   return static_cast<std::size_t>(
@@ -158,7 +122,7 @@ int main(int argc, char** argv) {
   const kv::CpuTracer tracer(scene.high, {}, {}, threads);
   const double build_ours = seconds_since(start);
   start = Clock::now();
-  const PlainEmbree plain(scene.high, threads);
+  const kv::bench::PlainEmbree plain(scene.high, threads);
   const double build_plain = seconds_since(start);
   std::printf("build: tracer %.3f s, plain %.3f s (%s)\n", build_ours, build_plain,
               tracer.description().c_str());
@@ -174,7 +138,7 @@ int main(int argc, char** argv) {
     cpu_ours = std::min(cpu_ours, cpu_seconds_since(cpu));
     start = Clock::now();
     cpu = std::clock();
-    plain.trace(queries, theirs, pool);
+    plain_hits(plain, queries, theirs, pool);
     best_plain = std::min(best_plain, seconds_since(start));
     cpu_plain = std::min(cpu_plain, cpu_seconds_since(cpu));
   }

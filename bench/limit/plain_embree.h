@@ -24,6 +24,9 @@ class PlainEmbree {
   // Traces the queries in tasks of 1024 like the tracer; returns the hits.
   std::uint64_t trace(const std::vector<RayQuery>& queries, const WorkerPool& pool) const;
 
+  // The scene, for benchmarks that cast their own rays through it.
+  embree::Scene scene() const { return scene_; }
+
  private:
   embree::Device device_ = nullptr;
   embree::Scene scene_ = nullptr;
