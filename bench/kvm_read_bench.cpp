@@ -84,13 +84,7 @@ ChildReport child(const char* self, const std::string& reader, const std::string
   return r;
 }
 
-void warm_page_cache(const std::string& path) {
-  int error = 0;
-  kv::platform::File file = kv::platform::File::open_read(path, &error);
-  std::vector<char> block(8u << 20);
-  while (file.is_open() && file.read_full(block.data(), block.size(), &error) > 0) {
-  }
-}
+using kv::bench::warm_page_cache;
 
 using kv::bench::option_value;
 

@@ -22,6 +22,18 @@ namespace kv {
 
 namespace {
 
+// Releases a scene and then its device, leaving both handles null.
+void release_scene_and_device(void*& scene, void*& device) {
+  if (scene != nullptr) {
+    embree::release_scene(static_cast<embree::Scene>(scene));
+    scene = nullptr;
+  }
+  if (device != nullptr) {
+    embree::release_device(static_cast<embree::Device>(device));
+    device = nullptr;
+  }
+}
+
 constexpr std::uint64_t kBatchTask = 1024;  // rays per task of a batch
 
 // The floating-point control state a refinement was computed under (rounding,
@@ -337,15 +349,7 @@ CpuTracer::~CpuTracer() {
 }
 
 void CpuTracer::release() {
-  // The scene goes before its device.
-  if (scene_ != nullptr) {
-    embree::release_scene(static_cast<embree::Scene>(scene_));
-    scene_ = nullptr;
-  }
-  if (device_ != nullptr) {
-    embree::release_device(static_cast<embree::Device>(device_));
-    device_ = nullptr;
-  }
+  release_scene_and_device(scene_, device_);
 }
 
 void CpuTracer::raise_device_error(const std::string& prefix) {
@@ -609,14 +613,7 @@ LowMeshScene::~LowMeshScene() {
 }
 
 void LowMeshScene::release() {
-  if (scene_ != nullptr) {
-    embree::release_scene(static_cast<embree::Scene>(scene_));
-    scene_ = nullptr;
-  }
-  if (device_ != nullptr) {
-    embree::release_device(static_cast<embree::Device>(device_));
-    device_ = nullptr;
-  }
+  release_scene_and_device(scene_, device_);
 }
 
 RayHit LowMeshScene::intersect(const std::array<float, 3>& origin,
