@@ -10,9 +10,23 @@
 #include <vector>
 
 #include "bake/tracer.h"
+#include "core/error.h"
 #include "mesh/mesh.h"
 
 namespace kv::test {
+
+// The message of the `E` that `fn` throws; any other outcome is named.
+template <typename E = Error, typename F>
+std::string message_of(F&& fn) {
+  try {
+    fn();
+  } catch (const E& e) {
+    return e.what();
+  } catch (const std::exception& e) {
+    return std::string("wrong type: ") + e.what();
+  }
+  return "(no error)";
+}
 
 using Corners3 = std::array<std::array<float, 3>, 3>;
 using Uvs3 = std::array<std::array<double, 2>, 3>;
@@ -207,11 +221,14 @@ inline Mesh uv_sphere(int segments, int rings, float radius, float bump) {
       const double d[3] = {std::sin(theta) * std::cos(phi), std::sin(theta) * std::sin(phi),
                            std::cos(theta)};
       const double r = radius * (1.0 + bump * std::sin(5.0 * phi) * std::sin(4.0 * theta));
-      mesh.positions.push_back({static_cast<float>(r * d[0]), static_cast<float>(r * d[1]),
-                                static_cast<float>(r * d[2])});
+      std::array<float, 3> p, n;
+      for (std::size_t k = 0; k < 3; ++k) {
+        p[k] = static_cast<float>(r * d[k]);
+        n[k] = static_cast<float>(d[k]);
+      }
+      mesh.positions.push_back(p);
       if (bump == 0.0f) {
-        mesh.normals.push_back(
-            {static_cast<float>(d[0]), static_cast<float>(d[1]), static_cast<float>(d[2])});
+        mesh.normals.push_back(n);
       }
       mesh.uvs.push_back({static_cast<double>(i) / segments, 1.0 - static_cast<double>(j) / rings});
     }
