@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <numbers>
+#include <string>
 
 #include "core/error.h"
 
@@ -19,39 +20,46 @@ void add(std::vector<MikkCorner>& out, Vec p, Vec n, Uv uv) {
   out.push_back({p, n, uv});
 }
 
-void expect_tangent(const CornerTangent& t, Vec expected, float sign, const char* what,
+void expect_tangent(const CornerTangent& t, Vec expected, float sign, const std::string& what,
                     double tolerance = 1e-6) {
-  EXPECT_NEAR(t.tangent[0], expected[0], tolerance) << what;
-  EXPECT_NEAR(t.tangent[1], expected[1], tolerance) << what;
-  EXPECT_NEAR(t.tangent[2], expected[2], tolerance) << what;
+  for (std::size_t k = 0; k < 3; ++k) {
+    EXPECT_NEAR(t.tangent[k], expected[k], tolerance) << what;
+  }
   EXPECT_EQ(t.sign, sign) << what;
 }
 
-// Unit square in z = 0 as two triangles, UVs from a linear map of (x, y).
-std::vector<MikkCorner> planar_quad(Uv (*map)(float, float)) {
-  const Vec p[4] = {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}};
-  std::vector<MikkCorner> c;
+// The rectangle [x0, x1] x [0, 1] in z = 0 as two triangles, UVs from `map`.
+void add_quad(std::vector<MikkCorner>& c, Uv (*map)(float, float), float x0 = 0, float x1 = 1) {
+  const Vec p[4] = {{x0, 0, 0}, {x1, 0, 0}, {x1, 1, 0}, {x0, 1, 0}};
   for (int i : {0, 1, 2, 0, 2, 3}) {
     add(c, p[i], kUp, map(p[i][0], p[i][1]));
   }
-  return c;
 }
 
 TEST(MikkTSpacePlanar, TangentFollowsTheUDirection) {
-  const auto identity = planar_quad([](float x, float y) { return Uv{x, y}; });
-  for (const CornerTangent& t : mikktspace_tangents(identity)) {
-    expect_tangent(t, {1, 0, 0}, 1.0f, "u = x");
-  }
-  // u along y, v along -x: still a right-handed layout, tangent +y.
-  const auto rotated = planar_quad([](float x, float y) { return Uv{y, -x}; });
-  for (const CornerTangent& t : mikktspace_tangents(rotated)) {
-    expect_tangent(t, {0, 1, 0}, 1.0f, "u = y");
-  }
-  // A stretched and sheared layout, u = 2x + y and v = y: moving along +x
-  // changes u alone, so the tangent is still +x.
-  const auto sheared = planar_quad([](float x, float y) { return Uv{2 * x + y, y}; });
-  for (const CornerTangent& t : mikktspace_tangents(sheared)) {
-    expect_tangent(t, {1, 0, 0}, 1.0f, "sheared");
+  // u = x; u along y with v along -x (still right-handed); a stretched and
+  // sheared u = 2x + y, v = y, where moving along +x changes u alone.
+  const struct {
+    Uv (*map)(float, float);
+    Vec tangent;
+  } cases[] = {{[](float x, float y) {
+                  return Uv{x, y};
+                },
+                {1, 0, 0}},
+               {[](float x, float y) {
+                  return Uv{y, -x};
+                },
+                {0, 1, 0}},
+               {[](float x, float y) {
+                  return Uv{2 * x + y, y};
+                },
+                {1, 0, 0}}};
+  for (const auto& k : cases) {
+    std::vector<MikkCorner> c;
+    add_quad(c, k.map);
+    for (const CornerTangent& t : mikktspace_tangents(c)) {
+      expect_tangent(t, k.tangent, 1.0f, "planar");
+    }
   }
 }
 
@@ -59,27 +67,15 @@ TEST(MikkTSpaceMirror, MirroredHalfGetsNegativeSignAndItsOwnGroup) {
   // A strip x in [-1, 1]; the left half mirrors the right (u = |x|), so the
   // seam corners at x = 0 are identical in position, normal and UV.
   std::vector<MikkCorner> c;
-  const auto quad = [&](float x0, float x1) {
-    const Vec p[4] = {{x0, 0, 0}, {x1, 0, 0}, {x1, 1, 0}, {x0, 1, 0}};
-    for (int i : {0, 1, 2, 0, 2, 3}) {
-      add(c, p[i], kUp, {std::fabs(p[i][0]), p[i][1]});
-    }
-  };
-  quad(-1, 0);
-  quad(0, 1);
+  const auto mirrored = [](float x, float y) { return Uv{std::fabs(x), y}; };
+  add_quad(c, mirrored, -1, 0);
+  add_quad(c, mirrored, 0, 1);
   const auto tangents = mikktspace_tangents(c);
   ASSERT_EQ(tangents.size(), 12u);
-  for (std::size_t k = 0; k < 6; ++k) {
+  for (std::size_t k = 0; k < 12; ++k) {
     // Mirrored: u grows towards -x, and the frame is left-handed.
-    expect_tangent(tangents[k], {-1, 0, 0}, -1.0f, "left half");
-  }
-  for (std::size_t k = 6; k < 12; ++k) {
-    expect_tangent(tangents[k], {1, 0, 0}, 1.0f, "right half");
-  }
-  // The bitangent sign * (n x t) points along +v (+y) on both halves.
-  for (const CornerTangent& t : tangents) {
-    const float by = t.sign * (kUp[2] * t.tangent[0] - kUp[0] * t.tangent[2]);
-    EXPECT_NEAR(by, 1.0f, 1e-6);
+    const float side = k < 6 ? -1.0f : 1.0f;
+    expect_tangent(tangents[k], {side, 0, 0}, side, std::to_string(k));
   }
 }
 
@@ -165,30 +161,26 @@ TEST(MikkTSpaceWeighting, CornerAnglesWeighTheFaceTangents) {
   add(corners, b, kUp, {0, 1});
   add(corners, d, kUp, {-1, 2});
   const auto t = mikktspace_tangents(corners);
-  const double r = std::sqrt(0.5);
-  const double x = std::numbers::pi / 2 + std::numbers::pi / 4 * r;
-  const double y = std::numbers::pi / 4 * r;
-  const double len = std::hypot(x, y);
-  const Vec centre = {static_cast<float>(x / len), static_cast<float>(y / len), 0};
-  expect_tangent(t[0], centre, 1.0f, "centre, first triangle");
-  expect_tangent(t[3], centre, 1.0f, "centre, second triangle");
+  // The first face's tangent (1, 0, 0) weighs `first`, the second's (r, r, 0)
+  // weighs `second`.
+  const double r = std::sqrt(0.5), pi = std::numbers::pi;
+  const auto blend = [&](double first, double second) {
+    const double x = first + second * r, y = second * r, len = std::hypot(x, y);
+    return Vec{static_cast<float>(x / len), static_cast<float>(y / len), 0};
+  };
+  expect_tangent(t[0], blend(pi / 2, pi / 4), 1.0f, "centre, first triangle");
+  expect_tangent(t[3], blend(pi / 2, pi / 4), 1.0f, "centre, second triangle");
   expect_tangent(t[1], {1, 0, 0}, 1.0f, "a");
   expect_tangent(t[5], {static_cast<float>(r), static_cast<float>(r), 0}, 1.0f, "d");
   // At b the angles are 45 (first) and 90 degrees (second): the weights swap.
-  const double bx = std::numbers::pi / 4 + std::numbers::pi / 2 * r;
-  const double by = std::numbers::pi / 2 * r;
-  const double blen = std::hypot(bx, by);
-  expect_tangent(t[2], {static_cast<float>(bx / blen), static_cast<float>(by / blen), 0}, 1.0f,
-                 "b");
+  expect_tangent(t[2], blend(pi / 4, pi / 2), 1.0f, "b");
 }
 
 TEST(MikkTSpaceDegenerate, DegenerateAndZeroUvTrianglesBorrowOrDefault) {
   std::vector<MikkCorner> c;
   // A healthy quad with u along +y (tangent (0, 1, 0)).
-  const Vec p[4] = {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}};
-  for (int i : {0, 1, 2, 0, 2, 3}) {
-    add(c, p[i], kUp, {p[i][1], -p[i][0]});
-  }
+  add_quad(c, [](float x, float y) { return Uv{y, -x}; });
+  const Vec p[3] = {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}};
   // A positional degenerate triangle: two corners at p0 (identical to the
   // quad's corner there) and one at a point no good triangle uses.
   add(c, p[0], kUp, {0, 0});
@@ -200,18 +192,15 @@ TEST(MikkTSpaceDegenerate, DegenerateAndZeroUvTrianglesBorrowOrDefault) {
   add(c, {2, 0.5f, 0}, kUp, {0.5f, -1});
   const auto t = mikktspace_tangents(c);
   ASSERT_EQ(t.size(), 12u);
-  for (std::size_t k = 0; k < 6; ++k) {
-    expect_tangent(t[k], {0, 1, 0}, 1.0f, "quad");
+  for (std::size_t k = 0; k < 12; ++k) {
+    // Both triangles' corners on the quad's vertices join its group. The
+    // degenerate one's lone corner (8) shares no vertex with a good corner
+    // and the zero-UV-area one's (11) cannot start a group: both keep the
+    // untouched default frame.
+    const bool lone = k == 8 || k == 11;
+    expect_tangent(t[k], lone ? Vec{1, 0, 0} : Vec{0, 1, 0}, lone ? -1.0f : 1.0f,
+                   std::to_string(k));
   }
-  expect_tangent(t[6], {0, 1, 0}, 1.0f, "degenerate corner on p0");
-  expect_tangent(t[7], {0, 1, 0}, 1.0f, "degenerate corner on p0");
-  // No good corner shares this vertex: the untouched default frame.
-  expect_tangent(t[8], {1, 0, 0}, -1.0f, "degenerate lone corner");
-  // The zero-UV-area triangle joins the groups it touches...
-  expect_tangent(t[9], {0, 1, 0}, 1.0f, "zero-area corner on p2");
-  expect_tangent(t[10], {0, 1, 0}, 1.0f, "zero-area corner on p1");
-  // ...but cannot start a group of its own.
-  expect_tangent(t[11], {1, 0, 0}, -1.0f, "zero-area lone corner");
 }
 
 TEST(MikkTSpaceInput, EmptyAndMeshForms) {

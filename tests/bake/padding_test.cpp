@@ -103,12 +103,18 @@ TestImage line(const Values& values, ComponentType type = ComponentType::kU16) {
   return image;
 }
 
-MapU16 make_map(std::int32_t w, std::int32_t h, std::int32_t c, std::uint16_t fill) {
-  return MapU16{w, h, c, std::vector<std::uint16_t>(static_cast<std::size_t>(w) * h * c, fill)};
+// Pads a one-row, one-channel image of `values` on one thread; the mask and
+// the row afterwards.
+using Padded = std::pair<Mask, Values>;
+Padded pad_line(const Values& values, const Mask& valid, const PaddingSettings& s,
+                ComponentType type = ComponentType::kU16) {
+  TestImage image = line(values, type);
+  Mask mask = pad_image(image.view(), valid, s, 1);
+  return {mask, image.row()};
 }
 
-std::uint16_t code_at(const MapU16& map, int x, int y, int c = 0) {
-  return map.codes[(static_cast<std::size_t>(y) * map.width + x) * map.channels + c];
+MapU16 make_map(std::int32_t w, std::int32_t h, std::int32_t c, std::uint16_t fill) {
+  return MapU16{w, h, c, std::vector<std::uint16_t>(static_cast<std::size_t>(w) * h * c, fill)};
 }
 
 void expect_error(const std::function<void()>& fn, const std::string& message) {
@@ -207,51 +213,6 @@ Mask random_valid(MapU16& map, std::uint32_t seed, int blobs, std::uint32_t one_
   return valid;
 }
 
-TEST(RingPadding, WidthZeroFullAndEmptyImagesChangeNothing) {
-  MapU16 map = make_map(4, 3, 2, 5);
-  Mask valid(12, 0);
-  valid[5] = 9;
-  map.codes[10] = 40000;
-  const MapU16 before = map;
-  Mask expected(12, 0);
-  expected[5] = 1;  // the mask is normalised to 0/1
-  EXPECT_EQ(dilate_mean(map, valid, 0, 1), expected);
-  EXPECT_EQ(map.codes, before.codes);
-
-  MapU16 full = make_map(5, 4, 1, 0);
-  for (std::size_t i = 0; i < full.codes.size(); ++i) {
-    full.codes[i] = static_cast<std::uint16_t>(i * 1000);
-  }
-  const MapU16 full_before = full;
-  EXPECT_EQ(dilate_mean(full, Mask(20, 1), 8, 2), Mask(20, 1));
-  EXPECT_EQ(full.codes, full_before.codes);
-  MapU16 empty = make_map(5, 4, 1, 123);
-  EXPECT_EQ(dilate_mean(empty, Mask(20, 0), 8, 2), Mask(20, 0));
-  EXPECT_EQ(empty.codes, std::vector<std::uint16_t>(20, 123));
-}
-
-TEST(RingPadding, SingleTexelFillsTwoRingsOfItsValue) {
-  MapU16 map = make_map(7, 7, 3, 11);
-  Mask valid(49, 0);
-  valid[3 * 7 + 3] = 1;
-  const std::uint16_t source[3] = {1000, 2000, 65535};
-  std::copy(source, source + 3, map.codes.begin() + 24 * 3);
-  const auto mask = dilate_mean(map, valid, 2, 2, 3);
-  int filled = 0;
-  for (int y = 0; y < 7; ++y) {
-    for (int x = 0; x < 7; ++x) {
-      // Rings 1 and 2 take the value; the outermost border is ring 3.
-      const bool inside = std::max(std::abs(x - 3), std::abs(y - 3)) <= 2;
-      filled += inside ? 1 : 0;
-      EXPECT_EQ(mask[y * 7 + x], inside ? 1 : 0) << x << "," << y;
-      for (int c = 0; c < 3; ++c) {
-        EXPECT_EQ(code_at(map, x, y, c), inside ? source[c] : 11) << x << "," << y;
-      }
-    }
-  }
-  EXPECT_EQ(filled, 1 + 8 + 16);
-}
-
 TEST(RingPadding, ClampedNeighboursAndOneRoundingHalfUpAtTheEnd) {
   // Row 0 valid (100, 1000, 40); row 1 is the first ring. At (0, 1) the
   // neighbours (x, y-1) and the clamped (x-1, y-1) are both (0, 0):
@@ -277,37 +238,65 @@ TEST(RingPadding, ClampedNeighboursAndOneRoundingHalfUpAtTheEnd) {
   map = make_map(3, 1, 2, 0);
   map.codes = {10, 65535, 0, 0, 11, 65534};
   dilate_mean(map, Mask{1, 0, 1}, 1, 1);
-  EXPECT_EQ(code_at(map, 1, 0, 0), 11);
-  EXPECT_EQ(code_at(map, 1, 0, 1), 65535);
+  EXPECT_EQ(map.codes, (std::vector<std::uint16_t>{10, 65535, 11, 65535, 11, 65534}));
 }
 
 TEST(RingPadding, MatchesPlainReferenceAcrossBlocksAndTasks) {
+  struct Scene {
+    MapU16 map;
+    Mask valid;
+    int width;
+  };
+  std::vector<Scene> scenes;
   // Large enough for several 32-row blocks and rings of more than 16,384
   // texels, so chunk seams and ordered joins are exercised. Scattered texels
   // make a first ring of about 35,000 texels: three tasks of 16,384.
-  struct Case {
-    int width;
-    int channels;
-    int blobs;
-    std::uint32_t one_in;
-  };
-  for (const Case k : {Case{1, 3, 60, 0}, Case{2, 3, 60, 0}, Case{5, 3, 60, 0}, Case{40, 3, 60, 0},
-                       Case{1, 2, 0, 12}, Case{3, 2, 0, 12}}) {
-    MapU16 map = make_map(301, 203, k.channels, 0);
-    const auto valid =
-        random_valid(map, 1234u + static_cast<std::uint32_t>(k.width), k.blobs, k.one_in);
-    MapU16 expected = map;
-    const auto expected_mask = reference_ring(expected, valid, k.width);
-    MapU16 one = map;
-    MapU16 two = map;
-    EXPECT_EQ(dilate_mean(one, valid, k.width, 1), expected_mask);
-    EXPECT_EQ(one.codes, expected.codes) << "width " << k.width;
-    EXPECT_EQ(dilate_mean(two, valid, k.width, 2), expected_mask);
-    EXPECT_EQ(two.codes, expected.codes) << "width " << k.width;
+  const std::array<int, 4> randoms[] = {{1, 3, 60, 0},  {2, 3, 60, 0}, {5, 3, 60, 0},
+                                        {40, 3, 60, 0}, {1, 2, 0, 12}, {3, 2, 0, 12}};
+  for (const auto& [width, channels, blobs, one_in] : randoms) {
+    MapU16 map = make_map(301, 203, channels, 0);
+    const Mask valid = random_valid(map, 1234u + static_cast<std::uint32_t>(width), blobs,
+                                    static_cast<std::uint32_t>(one_in));
+    scenes.push_back({map, valid, width});
+  }
+  // Width 0 (a mask value of 9 still comes back as 1), a full and an empty
+  // image: nothing changes.
+  MapU16 ramp = make_map(5, 4, 2, 5);
+  for (std::size_t i = 0; i < ramp.codes.size(); ++i) {
+    ramp.codes[i] = static_cast<std::uint16_t>(i * 1000);
+  }
+  Mask one(20, 0);
+  one[5] = 9;
+  scenes.push_back({ramp, one, 0});
+  scenes.push_back({ramp, Mask(20, 1), 8});
+  scenes.push_back({ramp, Mask(20, 0), 8});
+  // One texel of a 7 x 7 image fills rings 1 and 2 with its value; the
+  // outermost border would be ring 3.
+  MapU16 single = make_map(7, 7, 3, 11);
+  single.codes[24 * 3] = 1000;
+  single.codes[24 * 3 + 2] = 65535;
+  Mask centre(49, 0);
+  centre[24] = 1;
+  scenes.push_back({single, centre, 2});
+  for (const Scene& k : scenes) {
+    MapU16 expected = k.map;
+    const auto expected_mask = reference_ring(expected, k.valid, k.width);
+    for (const int threads : {1, 2}) {
+      MapU16 map = k.map;
+      EXPECT_EQ(dilate_mean(map, k.valid, k.width, threads), expected_mask);
+      EXPECT_EQ(map.codes, expected.codes) << "width " << k.width << " threads " << threads;
+      // The same through the image entry.
+      map = k.map;
+      const ImageView image{map.width, map.height, map.channels, ComponentType::kU16,
+                            std::as_writable_bytes(std::span(map.codes))};
+      EXPECT_EQ(pad_image(image, k.valid, mode(PaddingMode::ring, k.width), threads),
+                expected_mask);
+      EXPECT_EQ(map.codes, expected.codes) << "width " << k.width << " threads " << threads;
+    }
   }
 }
 
-TEST(RingPadding, EveryComponentTypeAndPadImage) {
+TEST(RingPadding, EveryComponentType) {
   // Two sources 1 and 2 with an empty texel between: the mean 1.5 is kept
   // exactly in float images and rounded up in integer ones.
   const WorkerPool pool(1);
@@ -318,15 +307,6 @@ TEST(RingPadding, EveryComponentTypeAndPadImage) {
     dilate_mean_image(image.view(), Mask{1, 0, 1}, 1, false, pool);
     EXPECT_EQ(image.get(1), expected) << static_cast<int>(type);
   }
-
-  MapU16 map = make_map(97, 71, 2, 0);
-  const auto valid = random_valid(map, 99u, 12);
-  MapU16 direct = map;
-  const auto direct_mask = dilate_mean(direct, valid, 6, 2);
-  const ImageView image{map.width, map.height, map.channels, ComponentType::kU16,
-                        std::as_writable_bytes(std::span(map.codes))};
-  EXPECT_EQ(pad_image(image, valid, mode(PaddingMode::ring, 6), 2), direct_mask);
-  EXPECT_EQ(map.codes, direct.codes);
 }
 
 TEST(PaddingChecks, MessagesOfEveryEntry) {
@@ -402,51 +382,41 @@ TEST(NearestValidTexels, MatchesBruteForceWithLowestIndexTies) {
   const WorkerPool one(1);
   const WorkerPool two(2);
   std::mt19937 rng(5);
-  for (const auto& [w, h, one_in] : {std::array{1, 1, 1},
-                                     {1, 40, 7},
-                                     {40, 1, 7},
-                                     {37, 70, 25},
-                                     {70, 37, 60},
-                                     {66, 65, 400},
-                                     {9, 9, 3}}) {
+  const std::array<int, 3> sizes[] = {{1, 1, 1},    {1, 40, 7},    {40, 1, 7}, {37, 70, 25},
+                                      {70, 37, 60}, {66, 65, 400}, {9, 9, 3}};
+  for (const auto& [w, h, one_in] : sizes) {
     Mask valid(static_cast<std::size_t>(w) * h);
     for (auto& v : valid) {
       v = rng() % static_cast<unsigned>(one_in) == 0 ? 1 : 0;
     }
     valid[valid.size() / 2] = 1;
     const NearestValid expected = brute_nearest(w, h, valid);
-    const NearestValid got = nearest_valid_texels(w, h, valid, one);
-    for (std::size_t i = 0; i < valid.size(); ++i) {
-      ASSERT_EQ(got.distance2[i], expected.distance2[i]) << w << "x" << h << " at " << i;
-      ASSERT_EQ(got.nearest[i], expected.nearest[i]) << w << "x" << h << " at " << i;
+    for (const WorkerPool* pool : {&one, &two}) {
+      const NearestValid got = nearest_valid_texels(w, h, valid, *pool);
+      EXPECT_EQ(got.distance2, expected.distance2) << w << "x" << h;
+      EXPECT_EQ(got.nearest, expected.nearest) << w << "x" << h;
     }
-    const NearestValid got_two = nearest_valid_texels(w, h, valid, two);
-    EXPECT_EQ(got_two.nearest, got.nearest);
-    EXPECT_EQ(got_two.distance2, got.distance2);
   }
   // 3 x 3: (2,0) and (0,2) are both at squared distance 4 from (0,0); the
   // upper one wins although the other is further left.
   Mask valid(9, 0);
   valid[2] = valid[6] = 1;
   const NearestValid nv = nearest_valid_texels(3, 3, valid, one);
-  EXPECT_EQ(nv.nearest[0], 2u);
-  EXPECT_EQ(nv.distance2[0], 4u);
+  EXPECT_EQ(std::pair(nv.nearest[0], nv.distance2[0]), std::pair(2u, std::uint64_t{4}));
   EXPECT_EQ(nearest_valid_texels(3, 3, Mask(9, 0), one).nearest,
             std::vector<std::uint32_t>(9, NearestValid::kNone));
 }
 
 TEST(PaddingModes, PassthroughAndInfinite) {
-  TestImage kept = line({100, 101, 102, 103});
-  EXPECT_EQ(pad_image(kept.view(), Mask{0, 5, 0, 0}, mode(PaddingMode::passthrough, 32), 1),
-            (Mask{0, 1, 0, 0}));
-  EXPECT_EQ(kept.row(), (Values{100, 101, 102, 103}));
-
+  EXPECT_EQ(pad_line({100, 101, 102, 103}, {0, 5, 0, 0}, mode(PaddingMode::passthrough, 32)),
+            Padded({0, 1, 0, 0}, {100, 101, 102, 103}));
   // 10 _ _ _ 50, width ignored: x = 2 is equally near both and takes the
   // left (lower index).
-  TestImage image = line({10, 0, 0, 0, 50});
-  EXPECT_EQ(pad_image(image.view(), Mask{1, 0, 0, 0, 1}, mode(PaddingMode::infinite, 0), 1),
-            Mask(5, 1));
-  EXPECT_EQ(image.row(), (Values{10, 10, 10, 50, 50}));
+  EXPECT_EQ(pad_line({10, 0, 0, 0, 50}, {1, 0, 0, 0, 1}, mode(PaddingMode::infinite, 0)),
+            Padded(Mask(5, 1), {10, 10, 10, 50, 50}));
+  // Without a valid texel nothing changes.
+  EXPECT_EQ(pad_line({0, 42, 0}, Mask(3, 0), mode(PaddingMode::infinite, 5), ComponentType::kU8),
+            Padded(Mask(3, 0), {0, 42, 0}));
 
   // Every channel is copied bytes for bytes, also from half floats.
   TestImage halves(3, 2, 2, ComponentType::kF16);
@@ -455,11 +425,6 @@ TEST(PaddingModes, PassthroughAndInfinite) {
   for (int i = 0; i < 6; ++i) {
     EXPECT_EQ(halves.texel(i), (Values{half_to_double(double_to_half(0.1)), -3.25}));
   }
-
-  // Without a valid texel nothing changes.
-  TestImage none = line({0, 42, 0}, ComponentType::kU8);
-  EXPECT_EQ(pad_image(none.view(), Mask(3, 0), mode(PaddingMode::infinite, 5), 1), Mask(3, 0));
-  EXPECT_EQ(none.row(), (Values{0, 42, 0}));
 }
 
 TEST(PaddingModes, ColorBeyondTheSquaredDistanceLimit) {
@@ -476,10 +441,8 @@ TEST(PaddingModes, ColorBeyondTheSquaredDistanceLimit) {
   const Values copied = {9, 9, 9, 1000, 1000, 1000, 1000};
   const Values none = {9, 1000, 1000, 1000, 1000, 1000, 1000};
   for (const auto& [width, expected] : {std::pair{3, copied}, {1, none}, {0, none}}) {
-    TestImage row = line({9, 0, 0, 0, 0, 0, 0});
     s.width = width;
-    pad_image(row.view(), Mask{1, 0, 0, 0, 0, 0, 0}, s, 1);
-    EXPECT_EQ(row.row(), expected) << width;
+    EXPECT_EQ(pad_line({9, 0, 0, 0, 0, 0, 0}, {1, 0, 0, 0, 0, 0, 0}, s).second, expected) << width;
   }
 
   // Without a valid texel every texel takes the colour.
@@ -530,35 +493,31 @@ TEST(PaddingModes, TransparentZeroesBeyondTheLimit) {
   EXPECT_EQ(image.texel(2), Values(4, 0));
   EXPECT_EQ(image.texel(3), Values(4, 0));
   // Without a valid texel everything is zeroed, and nothing holds a value.
-  TestImage blank = line({5, 6, 7, 8}, ComponentType::kU8);
-  EXPECT_EQ(pad_image(blank.view(), Mask(4, 0), mode(PaddingMode::transparent, 4), 1), Mask(4, 0));
-  EXPECT_EQ(blank.row(), Values(4, 0));
+  EXPECT_EQ(
+      pad_line({5, 6, 7, 8}, Mask(4, 0), mode(PaddingMode::transparent, 4), ComponentType::kU8),
+      Padded(Mask(4, 0), Values(4, 0)));
 }
 
 TEST(PaddingModes, DiffusionByHandAndInLinearLight) {
   // 1 x 4, sources 0 and 200 at the ends, width 0. Pull: level 1 = (0, 200).
   // Push: x = 1 takes 3/4 * 0 + 1/4 * 200 = 50; x = 2 takes 3/4 * 200 = 150.
-  TestImage four = line({0, 0, 0, 200});
-  EXPECT_EQ(pad_image(four.view(), Mask{1, 0, 0, 1}, mode(PaddingMode::diffusion, 0), 1),
-            Mask(4, 1));
-  EXPECT_EQ(four.row(), (Values{0, 50, 150, 200}));
+  EXPECT_EQ(pad_line({0, 0, 0, 200}, {1, 0, 0, 1}, mode(PaddingMode::diffusion, 0)),
+            Padded(Mask(4, 1), {0, 50, 150, 200}));
   // The same in linear light: 0.25 -> 136.96 -> 137 and 0.75 -> 224.61 -> 225.
-  TestImage srgb = line({0, 0, 0, 255}, ComponentType::kU8);
-  pad_image(srgb.view(), Mask{1, 0, 0, 1}, mode(PaddingMode::diffusion, 0, true), 1);
-  EXPECT_EQ(srgb.row(), (Values{0, 137, 225, 255}));
+  EXPECT_EQ(pad_line({0, 0, 0, 255}, {1, 0, 0, 1}, mode(PaddingMode::diffusion, 0, true),
+                     ComponentType::kU8)
+                .second,
+            (Values{0, 137, 225, 255}));
 
   // 1 x 6, width 2: x = 1 and x = 4 copy their neighbour. Pull: level 1 =
   // (0, -, 200), level 2 = (0, 200), level 3 = 100. Push: level 1 middle =
   // 3/4 * 0 + 1/4 * 200 = 50; then x = 2 gets 3/4 * 50 + 1/4 * 0 = 37.5 -> 38
   // and x = 3 gets 3/4 * 50 + 1/4 * 200 = 87.5 -> 88.
-  TestImage six = line({0, 0, 0, 0, 0, 200});
-  pad_image(six.view(), Mask{1, 0, 0, 0, 0, 1}, mode(PaddingMode::diffusion, 2), 1);
-  EXPECT_EQ(six.row(), (Values{0, 0, 38, 88, 200, 200}));
-
+  EXPECT_EQ(pad_line({0, 0, 0, 0, 0, 200}, {1, 0, 0, 0, 0, 1}, mode(PaddingMode::diffusion, 2)),
+            Padded(Mask(6, 1), {0, 0, 38, 88, 200, 200}));
   // Nothing to diffuse from: the image stays as it is.
-  TestImage none = line({0, 0, 0, 5});
-  EXPECT_EQ(pad_image(none.view(), Mask(4, 0), mode(PaddingMode::diffusion, 3), 1), Mask(4, 0));
-  EXPECT_EQ(none.row(), (Values{0, 0, 0, 5}));
+  EXPECT_EQ(pad_line({0, 0, 0, 5}, Mask(4, 0), mode(PaddingMode::diffusion, 3)),
+            Padded(Mask(4, 0), {0, 0, 0, 5}));
 
   // On scattered sources every texel stays within their range, and a
   // constant channel stays constant.
@@ -585,18 +544,15 @@ TEST(PaddingSrgb, RingMeansInLinearLight) {
   for (const auto& [a, b, srgb, expected] : {std::tuple{0.0, 255.0, true, 188.0},
                                              {0.0, 255.0, false, 128.0},
                                              {100.0, 200.0, true, 160.0}}) {
-    TestImage image = line({a, 0, b}, ComponentType::kU8);
-    pad_image(image.view(), Mask{1, 0, 1}, mode(PaddingMode::ring, 1, srgb), 1);
-    EXPECT_EQ(image.get(1), expected) << a << " " << b << " " << srgb;
+    EXPECT_EQ(pad_line({a, 0, b}, {1, 0, 1}, mode(PaddingMode::ring, 1, srgb), ComponentType::kU8)
+                  .second[1],
+              expected)
+        << a << " " << b << " " << srgb;
   }
   const PaddingSettings s = mode(PaddingMode::ring, 1, true);
   // 16-bit: linear 0.5 -> 48191.62 -> 48192. Float images ignore the flag.
-  TestImage wide = line({0, 0, 65535});
-  pad_image(wide.view(), Mask{1, 0, 1}, s, 1);
-  EXPECT_EQ(wide.get(1), 48192);
-  TestImage floats = line({0, 0, 1}, ComponentType::kF32);
-  pad_image(floats.view(), Mask{1, 0, 1}, s, 1);
-  EXPECT_EQ(floats.get(1), 0.5);
+  EXPECT_EQ(pad_line({0, 0, 65535}, {1, 0, 1}, s).second[1], 48192);
+  EXPECT_EQ(pad_line({0, 0, 1}, {1, 0, 1}, s, ComponentType::kF32).second[1], 0.5);
   // Alpha (the last of two or four channels) stays linear: 127.5 -> 128.
   for (const int channels : {2, 4}) {
     TestImage rgba(3, 1, channels, ComponentType::kU8);
