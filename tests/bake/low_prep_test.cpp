@@ -18,18 +18,10 @@ namespace {
 
 using test::add_triangle;
 using test::add_uv_triangle;
+using test::message_of;
 using test::Uvs3;
 using Change = std::function<void(NormalBakeSettings&)>;
 using Vec = std::array<float, 3>;
-
-std::string message_of(const std::function<void()>& fn) {
-  try {
-    fn();
-  } catch (const Error& e) {
-    return e.what();
-  }
-  return "(no error)";
-}
 
 NormalBakeSettings small_settings() {
   NormalBakeSettings s;
@@ -48,6 +40,13 @@ std::string build_message(const Mesh& mesh, const NormalBakeSettings& s,
 template <typename T>
 std::vector<T> vec(std::span<const T> s) {
   return {s.begin(), s.end()};
+}
+
+// The bytes of a span, for comparing arrays of floats bit for bit.
+template <typename T>
+std::vector<std::byte> bytes_of(std::span<const T> s) {
+  const auto b = std::as_bytes(s);
+  return {b.begin(), b.end()};
 }
 
 Mesh two_material_mesh() {
@@ -195,10 +194,7 @@ TEST(LowPrepFingerprint, StableForSameInputsAndSensitiveToEveryField) {
       {[](Mesh& m) { m.positions[0][2] = -0.0f; }, "negative zero position"},
       {[](Mesh& m) { m.uvs[8][1] += 1e-12; }, "uv"},
       {[](Mesh& m) { m.normals[0][2] = 0.5f; }, "normal"},
-      {[](Mesh& m) {
-         m.normals.push_back({0, 1, 0});
-       },
-       "unused normal"},
+      {[](Mesh& m) { m.normals.resize(2); }, "unused normal"},
       {[](Mesh& m) { m.triangles[1].corners[2].normal = 0; }, "corner normal index"},
       {[](Mesh& m) { m.objects[0] = "objecu"; }, "object name"},
       {[](Mesh& m) { m.objects[0] += '\0'; }, "object name length"},
@@ -216,6 +212,11 @@ TEST(LowPrepFingerprint, StableForSameInputsAndSensitiveToEveryField) {
 class Stream {
  public:
   void u64(std::uint64_t v) { words_.push_back({true, v}); }
+  // A count word, then `count * size` bytes.
+  void array(const void* p, std::size_t count, std::size_t size) {
+    u64(count);
+    raw(p, count * size);
+  }
   void raw(const void* p, std::size_t n) {
     const auto* b = static_cast<const unsigned char*>(p);
     std::size_t i = 0;
@@ -250,30 +251,22 @@ TEST(LowPrepFingerprint, WordWiseStreamInTheDocumentedOrder) {
   s.raster_materials = {"metal"};
 
   Stream st;
-  st.u64(mesh.positions.size());
-  st.raw(mesh.positions.data(), mesh.positions.size() * 12);
-  st.u64(mesh.uvs.size());
-  st.raw(mesh.uvs.data(), mesh.uvs.size() * 16);
+  st.array(mesh.positions.data(), mesh.positions.size(), 12);
+  st.array(mesh.uvs.data(), mesh.uvs.size(), 16);
   st.u64(0);  // no normals
-  st.u64(mesh.triangles.size());
-  st.raw(mesh.triangles.data(), mesh.triangles.size() * 40);
-  st.u64(1);
-  st.u64(4);
-  st.raw("body", 4);
-  st.u64(1);
-  st.raw(groups.data(), 4);
+  st.array(mesh.triangles.data(), mesh.triangles.size(), 40);
+  st.u64(1);  // one object name
+  st.array("body", 4, 1);
+  st.array(groups.data(), 1, 4);
   const std::int32_t block[8] = {16, 8, 1001, 4, -1, 0, 1, 0};
   st.raw(block, 32);
   // Without a filter the stream ends after the settings block.
   Stream plain = st;
-  st.u64(1);
-  st.u64(5);
-  st.raw("metal", 5);
+  st.u64(1);  // one material name
+  st.array("metal", 5, 1);
   const std::uint32_t tile = 0;
   st.raw(&tile, 4);
-  st.u64(3);
-  const unsigned char mask[3] = {0, 1, 0};
-  st.raw(mask, 3);
+  st.array("\0\1\0", 3, 1);  // the mask
   EXPECT_EQ(LowPrep::build(mesh, groups, s).fingerprint(), st.hash());
   s.raster_materials.clear();
   EXPECT_EQ(LowPrep::build(mesh, groups, s).fingerprint(), plain.hash());
@@ -385,8 +378,6 @@ TEST(LowPrepBuild, TangentFramesSnappedCornersAndOptionalParts) {
   EXPECT_EQ(prep.tangent_normal_fallbacks(), 3u);
   EXPECT_EQ(frames[4].normal, (Vec{0, 0, 1}));
   EXPECT_EQ(prep.averaged_normals().size(), 6u);
-  EXPECT_EQ(prep.settings().aa, 4);
-  EXPECT_EQ(&prep.mesh(), &mesh);
   // Snapped corners at the anti-aliasing scale and at scale 1.
   EXPECT_EQ(vec(prep.snapped_corners()), prep.raster().snapped_corners(4, 1));
   EXPECT_EQ(vec(prep.snapped_corners_unit()), prep.raster().snapped_corners(1, 1));
@@ -421,16 +412,11 @@ TEST(LowPrepBuild, OneAndTwoThreadsGiveIdenticalPreparations) {
   s.threads = 2;
   const LowPrep b = LowPrep::build(mesh, {}, s);
   EXPECT_EQ(a.fingerprint(), b.fingerprint());
-  ASSERT_EQ(a.averaged_normals().size(), b.averaged_normals().size());
-  EXPECT_EQ(std::memcmp(a.averaged_normals().data(), b.averaged_normals().data(),
-                        a.averaged_normals().size_bytes()),
-            0);
+  EXPECT_EQ(bytes_of(a.averaged_normals()), bytes_of(b.averaged_normals()));
   EXPECT_EQ(vec(a.snapped_corners()), vec(b.snapped_corners()));
   EXPECT_EQ(vec(a.snapped_corners_unit()), vec(b.snapped_corners_unit()));
-  ASSERT_EQ(a.tangent_frames().size(), b.tangent_frames().size());
-  EXPECT_EQ(std::memcmp(a.tangent_frames().data(), b.tangent_frames().data(),
-                        a.tangent_frames().size_bytes()),
-            0);
+  EXPECT_EQ(bytes_of(a.tangent_frames()), bytes_of(b.tangent_frames()));
+  EXPECT_FALSE(a.tangent_frames().empty());
 }
 
 }  // namespace

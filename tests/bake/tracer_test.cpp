@@ -31,20 +31,6 @@ std::tuple<float, float, float> fields(const RefinedHit& r) {
   return {r.u, r.v, r.t};
 }
 
-RayQuery query(std::array<float, 3> origin, std::array<float, 3> direction,
-               std::array<float, 3> point, std::array<float, 3> axis, float front, float rear,
-               float t_max) {
-  RayQuery q;
-  q.origin = origin;
-  q.direction = direction;
-  q.surface_point = point;
-  q.surface_normal = axis;
-  q.front = front;
-  q.rear = rear;
-  q.t_max = t_max;
-  return q;
-}
-
 // Triangle (0,0,z) (1,0,z) (0,1,z) at every height; at (0.25, 0.25) every
 // product of the hit point is exact, so the distance along the axis is z.
 Mesh corner_triangles(std::initializer_list<float> heights) {
@@ -94,8 +80,9 @@ TEST(TracerHits, PlaneAtTheRightDistanceAndTriangle) {
 TEST(TracerWindow, OpenAtBothEndsAndMeasuredAlongTheAxis) {
   const float step = 1.0f / 1024.0f;
   // Origin far above, so only the window along the axis decides.
-  const RayQuery q =
-      query({0.25f, 0.25f, 1.0f}, {0, 0, -1}, {0.25f, 0.25f, 0.0f}, {0, 0, 1}, 0.25f, 0.25f, 2.0f);
+  RayQuery q = down_query(0.25f, 0.25f, 0.25f, 0.25f);
+  q.origin[2] = 1.0f;
+  q.t_max = 2.0f;
   EXPECT_EQ(trace_once({0.25f}, q).triangle, -1);
   EXPECT_EQ(fields(trace_once({0.25f - step}, q)), Hit(0, 0.25f, 0.25f, 0.75f + step));
   EXPECT_EQ(trace_once({-0.25f}, q).triangle, -1);
@@ -117,7 +104,13 @@ TEST(TracerWindow, OpenAtBothEndsAndMeasuredAlongTheAxis) {
   CpuTracer down(below, {}, {}, 1);
   const auto slanted = [](std::array<float, 3> point, std::array<float, 3> axis, float front,
                           float rear, float t_max) {
-    return query({0.7f, 0.25f, 0.6f}, {-0.6f, 0.0f, -0.8f}, point, axis, front, rear, t_max);
+    RayQuery s = down_query(0, 0, front, rear);
+    s.origin = {0.7f, 0.25f, 0.6f};
+    s.direction = {-0.6f, 0.0f, -0.8f};
+    s.surface_point = point;
+    s.surface_normal = axis;
+    s.t_max = t_max;
+    return s;
   };
   const std::array<float, 3> point = {0.25f, 0.25f, 0.0f};
   EXPECT_EQ(up.trace(slanted(point, {0, 0, 1}, 0.25f, 0.1f, 2.0f)).triangle, 0);
