@@ -12,6 +12,7 @@
 #include "core/error.h"
 #include "core/parallel.h"
 #include "image/temp_file.h"
+#include "mesh/array_memory.h"
 #include "platform/platform.h"
 
 namespace kv {
@@ -191,7 +192,8 @@ bool double_is_finite(double value) {
 
 // Checks every array in fixed chunks and, unless normals are kept as stored,
 // scales each valid normal to unit length in the same pass.
-void validate(Mesh& mesh, bool normalize, int threads, const std::filesystem::path& path) {
+void validate(Mesh& mesh, bool normalize, const WorkerPool& pool,
+              const std::filesystem::path& path) {
   const std::uint64_t positions = mesh.positions.size();
   const std::uint64_t uvs = mesh.uvs.size();
   const std::uint64_t normals = mesh.normals.size();
@@ -200,7 +202,6 @@ void validate(Mesh& mesh, bool normalize, int threads, const std::filesystem::pa
   const std::uint64_t span = std::max({positions, uvs, normals, triangles});
 
   FirstFailure bad_position, bad_uv, bad_normal, bad_triangle;
-  WorkerPool pool(threads);
   pool.for_chunks(
       span, kValidationChunk, [&](std::uint64_t, std::uint64_t begin, std::uint64_t end) {
         for (std::uint64_t i = begin; i < std::min(end, positions); ++i) {
@@ -282,6 +283,31 @@ void validate(Mesh& mesh, bool normalize, int threads, const std::filesystem::pa
   }
 }
 
+// The four large arrays at their full size, their pages mapped on the pool's
+// threads and then filled side by side, before the file is read into them.
+void size_arrays(Mesh& mesh, const Header& h, const WorkerPool& pool) {
+  prefault_arrays(
+      {reserve_array(mesh.positions, h.positions), reserve_array(mesh.uvs, h.uvs),
+       reserve_array(mesh.normals, h.normals), reserve_array(mesh.triangles, h.triangles)},
+      pool);
+  pool.for_chunks(4, 1, [&](std::uint64_t array, std::uint64_t, std::uint64_t) {
+    switch (array) {
+      case 0:
+        mesh.triangles.resize(h.triangles);
+        break;
+      case 1:
+        mesh.positions.resize(h.positions);
+        break;
+      case 2:
+        mesh.normals.resize(h.normals);
+        break;
+      default:
+        mesh.uvs.resize(h.uvs);
+        break;
+    }
+  });
+}
+
 void refuse_duplicate_objects(const Mesh& mesh, const std::filesystem::path& path) {
   std::unordered_map<std::string_view, std::uint32_t> seen;
   seen.reserve(mesh.objects.size());
@@ -312,9 +338,9 @@ Mesh read_kvm(const std::filesystem::path& path, int threads) {
   }
 
   Mesh mesh;
-  mesh.positions.resize(h.positions);
+  const WorkerPool pool(threads);
+  size_arrays(mesh, h, pool);
   reader.read(mesh.positions.data(), h.positions * 12);
-  mesh.uvs.resize(h.uvs);
   if (h.flags & kKvmUvDouble) {
     reader.read(mesh.uvs.data(), h.uvs * 16);
   } else {
@@ -324,9 +350,7 @@ Mesh read_kvm(const std::filesystem::path& path, int threads) {
       mesh.uvs[i] = {narrow[i][0], narrow[i][1]};
     }
   }
-  mesh.normals.resize(h.normals);
   reader.read(mesh.normals.data(), h.normals * 12);
-  mesh.triangles.resize(h.triangles);
   reader.read(mesh.triangles.data(), h.triangles * sizeof(Triangle));
   mesh.objects = read_names(reader, path, h.objects, "object name too long");
 
@@ -353,7 +377,7 @@ Mesh read_kvm(const std::filesystem::path& path, int threads) {
     mesh.object_blocks = std::move(table.indices);
   }
 
-  validate(mesh, (h.flags & kKvmNormalsAsIs) == 0, threads, path);
+  validate(mesh, (h.flags & kKvmNormalsAsIs) == 0, pool, path);
   refuse_duplicate_objects(mesh, path);
   return mesh;
 }

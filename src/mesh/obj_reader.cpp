@@ -14,6 +14,7 @@
 #include "core/error.h"
 #include "core/parallel.h"
 #include "core/parse_number.h"
+#include "mesh/array_memory.h"
 #include "platform/platform.h"
 
 namespace kv {
@@ -1026,8 +1027,15 @@ ObjReadResult parse_text(std::string_view text, const std::filesystem::path& pat
   }
 
   // Parse pass: every chunk writes its elements at its own offsets.
-  // The arrays are sized (and their pages first touched) side by side on
-  // the pool's threads, the largest first.
+  // The arrays' pages are mapped on the pool's threads, then the arrays are
+  // sized side by side, the largest first.
+  prefault_arrays(
+      {reserve_array(mesh.triangles, static_cast<std::size_t>(triangle_total)),
+       reserve_array(mesh.positions, static_cast<std::size_t>(next.position)),
+       reserve_array(mesh.normals, static_cast<std::size_t>(next.normal)),
+       reserve_array(mesh.uvs, static_cast<std::size_t>(next.uv)),
+       reserve_array(mesh.triangle_materials, static_cast<std::size_t>(triangle_total))},
+      pool);
   pool.for_chunks(5, 1, [&](std::uint64_t array, std::uint64_t, std::uint64_t) {
     switch (array) {
       case 0:
@@ -1132,6 +1140,9 @@ ObjReadResult read_obj(const std::filesystem::path& path, const MeshReadOptions&
                   [&](std::uint64_t slice, std::uint64_t begin, std::uint64_t end) {
                     int slice_error = 0;
                     const std::size_t length = static_cast<std::size_t>(end - begin);
+                    // Mapping the slice's fresh pages in one call is cheaper
+                    // than faulting them in one by one inside the read.
+                    platform::prefault_for_write(buffer.get() + begin, length);
                     if (file.read_full_at(buffer.get() + begin, length, begin, &slice_error) !=
                         static_cast<std::int64_t>(length)) {
                       short_read.record(slice);

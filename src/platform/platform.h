@@ -34,6 +34,10 @@ void lower_thread_priority();
 std::uint64_t memory_available_bytes();
 // Highest resident set size of this process so far.
 std::uint64_t peak_resident_bytes();
+// Maps the pages of [data, data + bytes) writable now, as a first write
+// would, without writing to them. Only a speed hint: false when the system
+// cannot, and the pages then fault in on first touch as usual.
+bool prefault_for_write(void* data, std::size_t bytes);
 
 // The system's text for an error number; "error N" when it has none.
 std::string system_error_text(int error);

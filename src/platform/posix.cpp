@@ -87,6 +87,18 @@ std::uint64_t peak_resident_bytes() {
   return static_cast<std::uint64_t>(usage.ru_maxrss) * 1024;
 }
 
+bool prefault_for_write(void* data, std::size_t bytes) {
+  if (bytes == 0) {
+    return true;
+  }
+  // The pages holding the first and last byte are the caller's, so widening
+  // the range to whole pages only maps memory that is already allocated.
+  const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
+  const auto first = reinterpret_cast<std::uintptr_t>(data) & ~(page - 1);
+  const std::uintptr_t end = reinterpret_cast<std::uintptr_t>(data) + bytes;
+  return ::madvise(reinterpret_cast<void*>(first), end - first, MADV_POPULATE_WRITE) == 0;
+}
+
 std::string system_error_text(int error) {
   char buffer[256];
   buffer[0] = '\0';
