@@ -121,63 +121,55 @@ void expect_error(const std::function<void()>& fn, const std::string& message) {
   EXPECT_EQ(test::message_of(fn), message);
 }
 
-// A plain, sequential ring dilation over a whole-image scratch of means,
-// written straight from the rule, against which the pooled one is checked.
+// A plain, sequential ring dilation written straight from the rule, against
+// which the pooled one is checked. Ring r is the empty texels beside ring
+// r - 1 (ring 0: the valid texels); each takes the mean of its 8 neighbours
+// in ring r - 1, coordinates clamped into the image (a clamped neighbour
+// counts again), kept unrounded and rounded half up once at the end.
 Mask reference_ring(MapU16& map, const Mask& valid, int width) {
   static const int dx[8] = {-1, 1, 0, 0, -1, 1, -1, 1};
   static const int dy[8] = {0, 0, -1, 1, -1, -1, 1, 1};
   const int w = map.width, h = map.height, ch = map.channels;
-  // 0: empty, 1: source, 2: filled, 3: in the current ring.
-  std::vector<int> state(valid.size());
-  Mask mask(valid.size());
+  std::vector<int> ring_of(valid.size(), -1);
   for (std::size_t i = 0; i < valid.size(); ++i) {
-    state[i] = mask[i] = valid[i] ? 1 : 0;
+    ring_of[i] = valid[i] ? 0 : -1;
   }
-  const auto next_ring = [&](int from) {  // empty texels beside a texel in state `from`
-    std::vector<int> ring;
-    for (int i = 0; i < w * h; ++i) {
-      for (int k = 0; k < 8 && state[i] == 0; ++k) {
-        const int nx = i % w + dx[k], ny = i / w + dy[k];
-        if (nx >= 0 && nx < w && ny >= 0 && ny < h && state[ny * w + nx] == from) {
-          ring.push_back(i);
-          state[i] = 3;
-        }
-      }
-    }
-    return ring;
+  std::vector<double> value(map.codes.begin(), map.codes.end());
+  const auto neighbour = [&](int i, int k) {
+    return std::clamp(i / w + dy[k], 0, h - 1) * w + std::clamp(i % w + dx[k], 0, w - 1);
   };
-  std::vector<double> scratch(map.codes.size(), 0.0);
-  std::vector<int> filled;
-  std::vector<int> ring = next_ring(1);
-  for (int r = 1; r <= width && !ring.empty(); ++r) {
-    const int mark = r == 1 ? 1 : 2;
-    for (const int i : ring) {
+  for (int r = 1; r <= width; ++r) {
+    std::vector<int> ring;
+    std::vector<double> mean;
+    for (int i = 0; i < w * h; ++i) {
       int count = 0;
       std::vector<double> sum(ch, 0.0);
-      for (int k = 0; k < 8; ++k) {
-        const int n = std::clamp(i / w + dy[k], 0, h - 1) * w + std::clamp(i % w + dx[k], 0, w - 1);
-        if (state[n] == mark) {
+      for (int k = 0; k < 8 && ring_of[i] < 0; ++k) {
+        const int n = neighbour(i, k);
+        if (ring_of[n] == r - 1) {
           ++count;
           for (int c = 0; c < ch; ++c) {
-            sum[c] += mark == 1 ? map.codes[n * ch + c] : scratch[n * ch + c];
+            sum[c] += value[n * ch + c];
           }
         }
       }
-      for (int c = 0; c < ch; ++c) {
-        scratch[i * ch + c] = sum[c] / count;
+      if (count > 0) {
+        ring.push_back(i);
+        for (int c = 0; c < ch; ++c) {
+          mean.push_back(sum[c] / count);
+        }
       }
     }
-    for (const int i : ring) {
-      state[i] = 2;
-      mask[i] = 1;
-      filled.push_back(i);
+    for (std::size_t j = 0; j < ring.size(); ++j) {
+      ring_of[ring[j]] = r;
+      std::copy_n(mean.begin() + j * ch, ch, value.begin() + ring[j] * ch);
     }
-    // Texels beside earlier rings already joined the ring after them.
-    ring = next_ring(2);
   }
-  for (const int i : filled) {
-    for (int c = 0; c < ch; ++c) {
-      const double m = scratch[i * ch + c];
+  Mask mask(valid.size());
+  for (std::size_t i = 0; i < valid.size(); ++i) {
+    mask[i] = ring_of[i] >= 0 ? 1 : 0;
+    for (int c = 0; c < ch && ring_of[i] > 0; ++c) {
+      const double m = value[i * ch + c];
       map.codes[i * ch + c] =
           m <= 0 ? 0 : (m >= 65535 ? 65535 : static_cast<std::uint16_t>(std::floor(m + 0.5)));
     }
