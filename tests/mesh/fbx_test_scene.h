@@ -49,24 +49,21 @@ inline std::string write_fbx(const std::vector<FbxPart>& parts, const std::files
     mesh->mName = aiString(part.name + "Mesh");
     mesh->mMaterialIndex = static_cast<unsigned>(k);
     mesh->mNumVertices = static_cast<unsigned>(part.positions.size());
-    mesh->mVertices = new aiVector3D[part.positions.size()];
-    for (std::size_t v = 0; v < part.positions.size(); ++v) {
-      mesh->mVertices[v] =
-          aiVector3D(part.positions[v][0], part.positions[v][1], part.positions[v][2]);
-    }
-    if (!part.normals.empty()) {
-      mesh->mNormals = new aiVector3D[part.normals.size()];
-      for (std::size_t v = 0; v < part.normals.size(); ++v) {
-        mesh->mNormals[v] = aiVector3D(part.normals[v][0], part.normals[v][1], part.normals[v][2]);
+    // A copy of the points, or null when there are none.
+    auto points = [](const auto& from) -> aiVector3D* {
+      if (from.empty()) {
+        return nullptr;
       }
-    }
-    if (!part.uvs.empty()) {
-      mesh->mTextureCoords[0] = new aiVector3D[part.uvs.size()];
-      mesh->mNumUVComponents[0] = 2;
-      for (std::size_t v = 0; v < part.uvs.size(); ++v) {
-        mesh->mTextureCoords[0][v] = aiVector3D(part.uvs[v][0], part.uvs[v][1], 0);
+      auto* to = new aiVector3D[from.size()];
+      for (std::size_t v = 0; v < from.size(); ++v) {
+        to[v] = aiVector3D(from[v][0], from[v][1], from[v].size() > 2 ? from[v].back() : 0);
       }
-    }
+      return to;
+    };
+    mesh->mVertices = points(part.positions);
+    mesh->mNormals = points(part.normals);
+    mesh->mTextureCoords[0] = points(part.uvs);
+    mesh->mNumUVComponents[0] = part.uvs.empty() ? 0 : 2;
     mesh->mNumFaces = static_cast<unsigned>(part.faces.size());
     mesh->mFaces = new aiFace[part.faces.size()];
     for (std::size_t f = 0; f < part.faces.size(); ++f) {
@@ -84,14 +81,9 @@ inline std::string write_fbx(const std::vector<FbxPart>& parts, const std::files
     node->mParent = scene->mRootNode;
     node->mNumMeshes = 1;
     node->mMeshes = new unsigned[1]{static_cast<unsigned>(k)};
-    aiMatrix4x4 transform;
-    transform.a1 = part.scale[0];
-    transform.b2 = part.scale[1];
-    transform.c3 = part.scale[2];
-    transform.a4 = part.translation[0];
-    transform.b4 = part.translation[1];
-    transform.c4 = part.translation[2];
-    node->mTransformation = transform;
+    const auto& [sx, sy, sz] = part.scale;
+    const auto& [tx, ty, tz] = part.translation;
+    node->mTransformation = aiMatrix4x4(sx, 0, 0, tx, 0, sy, 0, ty, 0, 0, sz, tz, 0, 0, 0, 1);
     scene->mRootNode->mChildren[k] = node;
   }
   Assimp::Exporter exporter;

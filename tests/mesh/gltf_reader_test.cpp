@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <functional>
 #include <string>
 
 #include "mesh/gltf_test_builder.h"
@@ -140,31 +141,22 @@ TEST(GltfReader, NormalsFollowTheInverseTransposeAndMirrorsKeepFacesOutward) {
 TEST(GltfReader, ReadsEveryComponentTypeStridesAndSparseAccessors) {
   ScratchDir dir;
   GltfBuilder b;
-  // Quantized positions: normalized shorts and plain unsigned bytes.
-  const int shorts = b.accessor(
-      b.view(GltfBuilder::pack<std::int16_t>({32767, 0, -32768, 0, -32767, 16384, 0, 0, 0})),
-      test::kShort, "VEC3", 3, 0, true);
-  const int bytes = b.accessor(b.view(GltfBuilder::pack<std::uint8_t>({3, 0, 0, 0, 7, 0, 0, 0, 0})),
-                               test::kUByte, "VEC3", 3);
-  // UVs as normalized unsigned bytes and shorts.
-  const int uv8 = b.accessor(b.view(GltfBuilder::pack<std::uint8_t>({255, 51, 0, 255, 0, 0})),
-                             test::kUByte, "VEC2", 3, 0, true);
+  // Quantized positions: normalized shorts and plain unsigned bytes; UVs as
+  // normalized unsigned bytes and shorts; 8- and 16-bit indices.
+  const int shorts = b.values<std::int16_t>({32767, 0, -32768, 0, -32767, 16384, 0, 0, 0},
+                                            test::kShort, "VEC3", 3, true);
+  const int bytes = b.values<std::uint8_t>({3, 0, 0, 0, 7, 0, 0, 0, 0}, test::kUByte, "VEC3", 3);
+  const int uv8 = b.values<std::uint8_t>({255, 51, 0, 255, 0, 0}, test::kUByte, "VEC2", 2, true);
   const int uv16 =
-      b.accessor(b.view(GltfBuilder::pack<std::uint16_t>({65535, 0, 13107, 65535, 0, 0})),
-                 test::kUShort, "VEC2", 3, 0, true);
-  const int i8 =
-      b.accessor(b.view(GltfBuilder::pack<std::uint8_t>({2, 1, 0})), test::kUByte, "SCALAR", 3);
-  const int i16 =
-      b.accessor(b.view(GltfBuilder::pack<std::uint16_t>({0, 2, 1})), test::kUShort, "SCALAR", 3);
+      b.values<std::uint16_t>({65535, 0, 13107, 65535, 0, 0}, test::kUShort, "VEC2", 2, true);
   // Positions and normals interleaved in one view with a 24-byte stride.
   const int inter =
       b.view(GltfBuilder::pack<float>({0, 0, 0, 0, 0, 1, 4, 0, 0, 0, 0, 1, 0, 4, 0, 0, 0, 1}), 24);
-  const int ip = b.accessor(inter, test::kFloat, "VEC3", 3);
-  const int in = b.accessor(inter, test::kFloat, "VEC3", 3, 12);
-  b.mesh("A", shorts, -1, uv8, i8);
-  b.mesh("B", bytes, -1, uv16, i16);
-  b.mesh("C", ip, in);
-  b.scene({b.node({{"mesh", 0}}), b.node({{"mesh", 1}}), b.node({{"mesh", 2}})});
+  b.mesh("A", shorts, -1, uv8, b.values<std::uint8_t>({2, 1, 0}, test::kUByte, "SCALAR", 1));
+  b.mesh("B", bytes, -1, uv16, b.values<std::uint16_t>({0, 2, 1}, test::kUShort, "SCALAR", 1));
+  b.mesh("C", b.accessor(inter, test::kFloat, "VEC3", 3),
+         b.accessor(inter, test::kFloat, "VEC3", 3, 12));
+  b.scene_of_meshes();
   const Mesh m = read_text(dir, b.gltf_text(), "types.gltf");
   ASSERT_EQ(m.positions.size(), 9u);
   EXPECT_EQ(m.positions[0], (std::array<float, 3>{1, 0, -1}));
@@ -195,7 +187,7 @@ TEST(GltfReader, ReadsEveryComponentTypeStridesAndSparseAccessors) {
   s.doc["accessors"][zeros]["sparse"] = sparse;
   s.mesh("S", base);
   s.mesh("Z", zeros);
-  s.scene({s.node({{"mesh", 0}}), s.node({{"mesh", 1}})});
+  s.scene_of_meshes();
   const Mesh sm = read_text(dir, s.gltf_text(), "sparse.gltf");
   EXPECT_EQ(sm.positions[1], (std::array<float, 3>{1, 0, 0}));
   EXPECT_EQ(sm.positions[2], (std::array<float, 3>{5, 5, 5}));
@@ -214,8 +206,7 @@ TEST(GltfReader, UnrollsStripsAndFansAndSkipsPointsAndLines) {
   b.mesh("Points", p, -1, -1, -1, 0);
   // A strip joined by a repeated vertex: the degenerate joints are dropped.
   b.mesh("Joined", p, -1, -1, b.indices_u32({0, 1, 2, 2, 2, 3, 4}), 5);
-  b.scene({b.node({{"mesh", 0}}), b.node({{"mesh", 1}}), b.node({{"mesh", 2}}),
-           b.node({{"mesh", 3}}), b.node({{"mesh", 4}})});
+  b.scene_of_meshes();
   const Mesh m = read_text(dir, b.gltf_text(), "strip.gltf");
   auto corners = [&](std::size_t t) {
     const auto& c = m.triangles[t].corners;
@@ -223,80 +214,78 @@ TEST(GltfReader, UnrollsStripsAndFansAndSkipsPointsAndLines) {
     return std::array<std::uint32_t, 3>{c[0].position % 5, c[1].position % 5, c[2].position % 5};
   };
   ASSERT_EQ(m.triangles.size(), 3u + 3u + 2u);
-  EXPECT_EQ(corners(0), (std::array<std::uint32_t, 3>{0, 1, 2}));
-  EXPECT_EQ(corners(1), (std::array<std::uint32_t, 3>{1, 3, 2}));
-  EXPECT_EQ(corners(2), (std::array<std::uint32_t, 3>{2, 3, 4}));
-  EXPECT_EQ(corners(3), (std::array<std::uint32_t, 3>{1, 2, 0}));
-  EXPECT_EQ(corners(5), (std::array<std::uint32_t, 3>{3, 4, 0}));
-  EXPECT_EQ(corners(6), (std::array<std::uint32_t, 3>{0, 1, 2}));
-  EXPECT_EQ(corners(7), (std::array<std::uint32_t, 3>{2, 3, 4}));
+  const std::vector<std::array<std::uint32_t, 3>> expected = {
+      {0, 1, 2}, {1, 3, 2}, {2, 3, 4}, {1, 2, 0}, {2, 3, 0}, {3, 4, 0}, {0, 1, 2}, {2, 3, 4}};
+  for (std::size_t t = 0; t < expected.size(); ++t) {
+    EXPECT_EQ(corners(t), expected[t]) << t;
+  }
   EXPECT_EQ(m.objects, (std::vector<std::string>{"Strip", "Fan", "Joined"}));
 }
 
 TEST(GltfReader, RefusesFilesItCannotReadFaithfully) {
-  auto with = [](auto change) {
+  const std::string needs = "the file needs the glTF extension ";
+  const std::string unsupported = ", which this reader does not support";
+  const std::string draco = needs + "KHR_draco_mesh_compression" + unsupported;
+  const std::string quad = "mesh 'QuadMesh' primitive 0 ";
+  using Change = std::function<void(GltfBuilder&)>;
+  const std::vector<std::pair<Change, std::string>> cases = {
+      {[](GltfBuilder& b) {
+         b.doc["extensionsUsed"] = b.doc["extensionsRequired"] = {"KHR_draco_mesh_compression"};
+       },
+       draco},
+      {[](GltfBuilder& b) {
+         b.doc["extensionsRequired"] = {"KHR_materials_emissive_strength",
+                                        "EXT_meshopt_compression"};
+       },
+       needs + "EXT_meshopt_compression" + unsupported},
+      {[](GltfBuilder& b) {
+         b.doc["extensionsRequired"] = {"KHR_mesh_quantization", "KHR_texture_transform"};
+       },
+       ""},
+      // Draco only "used", with the compressed primitive lacking plain data.
+      {[](GltfBuilder& b) {
+         b.doc["accessors"][0].erase("bufferView");
+         b.doc["meshes"][0]["primitives"][0]["extensions"]["KHR_draco_mesh_compression"] = {
+             {"bufferView", 0}, {"attributes", {{"POSITION", 0}}}};
+       },
+       draco},
+      {[](GltfBuilder& b) { b.doc["accessors"][3]["count"] = 5; },
+       quad + "has 5 indices, which is not a multiple of 3"},
+      {[](GltfBuilder& b) {
+         b.doc["accessors"][3]["count"] = 5;
+         b.doc["meshes"][0].erase("name");
+       },
+       "mesh 0 primitive 0 has 5 indices, which is not a multiple of 3"},
+      {[](GltfBuilder& b) { b.doc["accessors"][3]["count"] = 7; },
+       "accessor 3 (" + quad + "indices) reads past the end of buffer view 3"},
+      {[](GltfBuilder& b) { b.doc["accessors"][0]["count"] = 3; },
+       quad + "has 4 normals for 3 positions"},
+      {[](GltfBuilder& b) { b.doc["accessors"][1]["type"] = "VEC2"; },
+       "accessor 1 (" + quad + "NORMAL) must hold VEC3 elements"},
+      {[](GltfBuilder& b) {
+         b.bin.replace(b.bin.size() - 4, 4, GltfBuilder::pack<std::uint32_t>({4}));
+       },
+       quad + "has the index 4 at position 5, but only 4 vertices"},
+      {[](GltfBuilder& b) { b.bin.replace(0, 4, GltfBuilder::pack<float>({NAN})); },
+       quad + "has the position 0, which is not finite"},
+      {[](GltfBuilder& b) {
+         b.bin.replace(48, 12, GltfBuilder::pack<float>({0, 0, 0}));
+       },
+       quad + "has the normal 0, which has no direction"},
+      {[](GltfBuilder& b) { b.doc["bufferViews"][0]["byteLength"] = 4096; },
+       "buffer view 0 lies past the end of buffer 0"},
+      {[](GltfBuilder& b) { b.doc["nodes"][0]["children"] = {0}; },
+       "node 0 appears twice in the node hierarchy"},
+      {[](GltfBuilder& b) { b.doc["nodes"][0]["mesh"] = 4; },
+       "node 0 refers to mesh 4, which does not exist"},
+      {[](GltfBuilder& b) { b.doc["meshes"][0]["primitives"][0]["mode"] = 1; },
+       "mesh has no faces"},
+  };
+  for (const auto& [change, message] : cases) {
     GltfBuilder b = quad_scene({{"name", "Q"}});
     change(b);
-    return b.gltf_text();
-  };
-  EXPECT_EQ(refusal(with([](GltfBuilder& b) {
-              b.doc["extensionsUsed"] = {"KHR_draco_mesh_compression"};
-              b.doc["extensionsRequired"] = {"KHR_draco_mesh_compression"};
-            })),
-            "the file needs the glTF extension KHR_draco_mesh_compression, which this reader "
-            "does not support");
-  EXPECT_EQ(refusal(with([](GltfBuilder& b) {
-              b.doc["extensionsRequired"] = {"KHR_materials_emissive_strength",
-                                             "EXT_meshopt_compression"};
-            })),
-            "the file needs the glTF extension EXT_meshopt_compression, which this reader does "
-            "not support");
-  EXPECT_EQ(refusal(with([](GltfBuilder& b) {
-              b.doc["extensionsRequired"] = {"KHR_mesh_quantization", "KHR_texture_transform"};
-            })),
-            "");
-  // Draco only "used", with the compressed primitive lacking plain data.
-  EXPECT_EQ(refusal(with([](GltfBuilder& b) {
-              b.doc["accessors"][0].erase("bufferView");
-              b.doc["meshes"][0]["primitives"][0]["extensions"]["KHR_draco_mesh_compression"] = {
-                  {"bufferView", 0}, {"attributes", {{"POSITION", 0}}}};
-            })),
-            "the file needs the glTF extension KHR_draco_mesh_compression, which this reader "
-            "does not support");
-
-  EXPECT_EQ(refusal(with([](GltfBuilder& b) { b.doc["accessors"][3]["count"] = 5; })),
-            "mesh 'QuadMesh' primitive 0 has 5 indices, which is not a multiple of 3");
-  EXPECT_EQ(refusal(with([](GltfBuilder& b) {
-              b.doc["accessors"][3]["count"] = 5;
-              b.doc["meshes"][0].erase("name");
-            })),
-            "mesh 0 primitive 0 has 5 indices, which is not a multiple of 3");
-  EXPECT_EQ(refusal(with([](GltfBuilder& b) { b.doc["accessors"][3]["count"] = 7; })),
-            "accessor 3 (mesh 'QuadMesh' primitive 0 indices) reads past the end of buffer "
-            "view 3");
-  EXPECT_EQ(refusal(with([](GltfBuilder& b) { b.doc["accessors"][0]["count"] = 3; })),
-            "mesh 'QuadMesh' primitive 0 has 4 normals for 3 positions");
-  EXPECT_EQ(refusal(with([](GltfBuilder& b) { b.doc["accessors"][1]["type"] = "VEC2"; })),
-            "accessor 1 (mesh 'QuadMesh' primitive 0 NORMAL) must hold VEC3 elements");
-  EXPECT_EQ(refusal(with([](GltfBuilder& b) {
-              b.bin.replace(b.bin.size() - 4, 4, GltfBuilder::pack<std::uint32_t>({4}));
-            })),
-            "mesh 'QuadMesh' primitive 0 has the index 4 at position 5, but only 4 vertices");
-  EXPECT_EQ(
-      refusal(with([](GltfBuilder& b) { b.bin.replace(0, 4, GltfBuilder::pack<float>({NAN})); })),
-      "mesh 'QuadMesh' primitive 0 has the position 0, which is not finite");
-  EXPECT_EQ(refusal(with([](GltfBuilder& b) {
-              b.bin.replace(48, 12, GltfBuilder::pack<float>({0, 0, 0}));
-            })),
-            "mesh 'QuadMesh' primitive 0 has the normal 0, which has no direction");
-  EXPECT_EQ(refusal(with([](GltfBuilder& b) { b.doc["bufferViews"][0]["byteLength"] = 4096; })),
-            "buffer view 0 lies past the end of buffer 0");
-  EXPECT_EQ(refusal(with([](GltfBuilder& b) { b.doc["nodes"][0]["children"] = {0}; })),
-            "node 0 appears twice in the node hierarchy");
-  EXPECT_EQ(refusal(with([](GltfBuilder& b) { b.doc["nodes"][0]["mesh"] = 4; })),
-            "node 0 refers to mesh 4, which does not exist");
-  EXPECT_EQ(refusal(with([](GltfBuilder& b) { b.doc["meshes"][0]["primitives"][0]["mode"] = 1; })),
-            "mesh has no faces");
+    EXPECT_EQ(refusal(b.gltf_text()), message);
+  }
 
   for (const auto& [bytes, name] :
        {std::pair("{ this is not json", "m.gltf"), std::pair("glTF\x02\0\0\0garbage", "m.glb")}) {

@@ -30,46 +30,29 @@ inline std::string base64(const std::string& bytes) {
   return out;
 }
 
-enum : int {
-  kByte = 5120,
-  kUByte = 5121,
-  kShort = 5122,
-  kUShort = 5123,
-  kUInt = 5125,
-  kFloat = 5126,
-};
+enum : int { kUByte = 5121, kShort = 5122, kUShort = 5123, kUInt = 5125, kFloat = 5126 };
 
 class GltfBuilder {
  public:
-  GltfBuilder() {
-    doc["asset"] = {{"version", "2.0"}};
-    doc["bufferViews"] = nlohmann::json::array();
-    doc["accessors"] = nlohmann::json::array();
-  }
-
   template <typename T>
   static std::string pack(const std::vector<T>& values) {
     std::string bytes(values.size() * sizeof(T), '\0');
-    if (!values.empty()) {
-      std::memcpy(bytes.data(), values.data(), bytes.size());
-    }
+    std::memcpy(bytes.data(), values.data(), bytes.size());
     return bytes;
   }
 
   // Appends bytes as a new buffer view (4-byte aligned); returns its index.
   int view(const std::string& bytes, int stride = 0) {
-    while (bin.size() % 4 != 0) {
-      bin += '\0';
-    }
+    bin.resize((bin.size() + 3) / 4 * 4, '\0');
     nlohmann::json v = {{"buffer", 0}, {"byteOffset", bin.size()}, {"byteLength", bytes.size()}};
     if (stride != 0) {
       v["byteStride"] = stride;
     }
     bin += bytes;
-    doc["bufferViews"].push_back(v);
-    return static_cast<int>(doc["bufferViews"].size()) - 1;
+    return add("bufferViews", v);
   }
 
+  // An accessor over the view (none when negative).
   int accessor(int view_index, int component_type, const std::string& type, std::size_t count,
                std::size_t byte_offset = 0, bool normalized = false) {
     nlohmann::json a = {{"componentType", component_type}, {"type", type}, {"count", count}};
@@ -82,55 +65,55 @@ class GltfBuilder {
     if (normalized) {
       a["normalized"] = true;
     }
-    doc["accessors"].push_back(a);
-    return static_cast<int>(doc["accessors"].size()) - 1;
+    return add("accessors", a);
   }
 
-  int floats(const std::vector<float>& values, const std::string& type, int per_element) {
-    return accessor(view(pack(values)), kFloat, type, values.size() / per_element);
+  // The values in a view of their own, as elements of `width` components.
+  template <typename T>
+  int values(const std::vector<T>& v, int component_type, const std::string& type,
+             std::size_t width, bool normalized = false) {
+    return accessor(view(pack(v)), component_type, type, v.size() / width, 0, normalized);
   }
-  int vec3(const std::vector<float>& values) { return floats(values, "VEC3", 3); }
-  int vec2(const std::vector<float>& values) { return floats(values, "VEC2", 2); }
-  int indices_u32(const std::vector<std::uint32_t>& values) {
-    return accessor(view(pack(values)), kUInt, "SCALAR", values.size());
-  }
+  int vec3(const std::vector<float>& v) { return values(v, kFloat, "VEC3", 3); }
+  int vec2(const std::vector<float>& v) { return values(v, kFloat, "VEC2", 2); }
+  int indices_u32(const std::vector<std::uint32_t>& v) { return values(v, kUInt, "SCALAR", 1); }
 
   // A mesh of one primitive; returns the mesh index.
   int mesh(const std::string& name, int position, int normal = -1, int uv = -1, int indices = -1,
            int mode = 4, int material = -1) {
-    nlohmann::json prim;
-    prim["attributes"]["POSITION"] = position;
-    if (normal >= 0) {
-      prim["attributes"]["NORMAL"] = normal;
+    nlohmann::json prim = {{"attributes", {{"POSITION", position}}}};
+    for (const auto& [key, value] : {std::pair("NORMAL", normal), std::pair("TEXCOORD_0", uv)}) {
+      if (value >= 0) {
+        prim["attributes"][key] = value;
+      }
     }
-    if (uv >= 0) {
-      prim["attributes"]["TEXCOORD_0"] = uv;
-    }
-    if (indices >= 0) {
-      prim["indices"] = indices;
-    }
-    if (mode != 4) {
-      prim["mode"] = mode;
-    }
-    if (material >= 0) {
-      prim["material"] = material;
+    for (const auto& [key, value] :
+         {std::pair("indices", indices), std::pair("mode", mode == 4 ? -1 : mode),
+          std::pair("material", material)}) {
+      if (value >= 0) {
+        prim[key] = value;
+      }
     }
     nlohmann::json m = {{"primitives", nlohmann::json::array({prim})}};
     if (!name.empty()) {
       m["name"] = name;
     }
-    doc["meshes"].push_back(m);
-    return static_cast<int>(doc["meshes"].size()) - 1;
+    return add("meshes", m);
   }
 
-  int node(nlohmann::json n) {
-    doc["nodes"].push_back(std::move(n));
-    return static_cast<int>(doc["nodes"].size()) - 1;
-  }
+  int node(nlohmann::json n) { return add("nodes", std::move(n)); }
 
   void scene(const std::vector<int>& roots) {
     doc["scenes"] = nlohmann::json::array({{{"nodes", roots}}});
     doc["scene"] = 0;
+  }
+  // One root node for each mesh, in mesh order.
+  void scene_of_meshes() {
+    std::vector<int> roots;
+    for (std::size_t i = 0; i < doc["meshes"].size(); ++i) {
+      roots.push_back(node({{"mesh", i}}));
+    }
+    scene(roots);
   }
 
   nlohmann::json finished() const {
@@ -147,28 +130,34 @@ class GltfBuilder {
 
   std::string glb_bytes() const {
     std::string json = finished().dump();
-    while (json.size() % 4 != 0) {
-      json += ' ';
-    }
+    json.resize((json.size() + 3) / 4 * 4, ' ');
     std::string data = bin;
-    while (data.size() % 4 != 0) {
-      data += '\0';
-    }
+    data.resize((data.size() + 3) / 4 * 4, '\0');
     std::string out = "glTF";
-    auto put32 = [&out](std::uint32_t v) { out.append(reinterpret_cast<const char*>(&v), 4); };
+    auto put32 = [&out](std::size_t v) {
+      const auto u = static_cast<std::uint32_t>(v);
+      out.append(reinterpret_cast<const char*>(&u), 4);
+    };
     put32(2);
-    put32(static_cast<std::uint32_t>(12 + 8 + json.size() + 8 + data.size()));
-    put32(static_cast<std::uint32_t>(json.size()));
+    put32(12 + 8 + json.size() + 8 + data.size());
+    put32(json.size());
     put32(0x4E4F534Au);  // "JSON"
     out += json;
-    put32(static_cast<std::uint32_t>(data.size()));
+    put32(data.size());
     put32(0x004E4942u);  // "BIN\0"
-    out += data;
-    return out;
+    return out + data;
   }
 
-  nlohmann::json doc;
+  nlohmann::json doc = {{"asset", {{"version", "2.0"}}},
+                        {"bufferViews", nlohmann::json::array()},
+                        {"accessors", nlohmann::json::array()}};
   std::string bin;
+
+ private:
+  int add(const char* list, nlohmann::json item) {
+    doc[list].push_back(std::move(item));
+    return static_cast<int>(doc[list].size()) - 1;
+  }
 };
 
 }  // namespace kv::test

@@ -5,6 +5,7 @@
 #include <bit>
 #include <charconv>
 #include <random>
+#include <sstream>
 #include <string>
 
 #include "mesh/mesh_test_util.h"
@@ -196,20 +197,14 @@ TEST(ObjReader, ComponentsAreCheckedAndRoundedCorrectly) {
 
   // Float positions and double UVs are correctly rounded, including decimals
   // whose double is exactly half-way between two floats.
-  std::vector<std::string> texts = {"16777217",
-                                    "16777217.000000001",
-                                    "0.1",
-                                    "3.4028235e38",
-                                    "1.17549435e-38",
-                                    "1e-45",
-                                    "7e-46",
-                                    "123456789012345678",
-                                    "-0.000001",
-                                    "2.5e-7",
-                                    "33554435",
-                                    "4.0000001",
-                                    "9007199254740993",
-                                    "0.30000000000000004"};
+  std::vector<std::string> texts;
+  std::istringstream listed(
+      "16777217 16777217.000000001 0.1 3.4028235e38 1.17549435e-38 1e-45 7e-46 "
+      "123456789012345678 -0.000001 2.5e-7 33554435 4.0000001 9007199254740993 "
+      "0.30000000000000004");
+  for (std::string t; listed >> t;) {
+    texts.push_back(t);
+  }
   std::mt19937_64 random(7);
   for (int i = 0; i < 4000; ++i) {
     const int digits = 1 + static_cast<int>(random() % 18);
@@ -394,20 +389,10 @@ std::string busy_text(int rows) {
     if (i % 3 == 0) {
       text += "usemtl mat" + std::to_string(i % 4) + "\n";
     }
-    switch (i % 4) {
-      case 0:
-        text += "f -5/-1/-1 -4/-1/-1 -3/-1/-1\n";
-        break;
-      case 1:
-        text += "f -5//-1 -4//-1 -3//-1 -2//-1\n";
-        break;
-      case 2:
-        text += "f -5/-1 -2/-1 -3/-1 -4/-1 -1/-1\n";  // concave or crossed
-        break;
-      default:
-        text += "f -5 -4 -3 -2 -1 # pentagon\nl -1 -2\n";
-        break;
-    }
+    // A triangle, a quad, a concave or crossed pentagon, a pentagon and a line.
+    text += std::array<const char*, 4>{
+        "f -5/-1/-1 -4/-1/-1 -3/-1/-1\n", "f -5//-1 -4//-1 -3//-1 -2//-1\n",
+        "f -5/-1 -2/-1 -3/-1 -4/-1 -1/-1\n", "f -5 -4 -3 -2 -1 # pentagon\nl -1 -2\n"}[i % 4];
   }
   return text;
 }

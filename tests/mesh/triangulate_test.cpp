@@ -74,7 +74,7 @@ Points star() {
   return p;
 }
 
-TEST(FaceRule, RefusalsCarryTheirExactMessages) {
+TEST(FaceRule, RefusalsAndTheSplitOfQuadsAndPolygons) {
   const FacePolicy split_accept{};
   const FacePolicy reject_all{QuadPolicy::reject, PolygonPolicy::reject};
   for (std::size_t n : {0, 1, 2}) {
@@ -99,9 +99,7 @@ TEST(FaceRule, RefusalsCarryTheirExactMessages) {
   EXPECT_EQ(test::error_of([&] { check_face(2, split_accept, "m.obj: "); }),
             "m.obj: face with fewer than three corners");
   EXPECT_EQ(test::error_of([&] { check_face(4, split_accept, "m.obj: "); }), "");
-}
 
-TEST(FaceRule, QuadSplitsAlongTheSecondDiagonalAndPolygonsFan) {
   // Corners a b c d give (a, b, d) and (b, c, d); larger faces fan from a.
   const std::vector<std::pair<std::size_t, std::vector<LocalTriangle>>> cases = {
       {3, {{0, 1, 2}}},
@@ -165,18 +163,15 @@ TEST(ExactTriangulation, ConcavePolygonsAreClippedWithoutDegenerateTriangles) {
   const Points t_junction = {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0.5f, 1, 0}, {0, 1, 0}};
   ASSERT_TRUE(triangulate_polygon_exact(t_junction, out));
   expect_valid_triangulation(t_junction, out);
-}
 
-TEST(ExactTriangulation, ProjectsAlongTheDominantAxisAndKeepsTheWinding) {
-  // The chevron drawn in the yz plane, facing -x: seen along x its triangles
-  // keep the polygon's orientation and cover it.
-  const Points chevron = {{5, 0, 0}, {5, 0, 2}, {5, 2, 2}, {5, 1, 1}, {5, 2, 0}};
-  std::vector<LocalTriangle> out;
-  ASSERT_TRUE(triangulate_polygon_exact(chevron, out));
-  Points seen;
+  // The chevron drawn in the yz plane, facing -x: seen along x (the dominant
+  // axis) its triangles keep the polygon's orientation and cover it.
+  Points side, seen;
   for (const auto& p : chevron) {
-    seen.push_back({p[1], p[2], 0});
+    side.push_back({5, p[1], p[0]});
+    seen.push_back({p[1], p[0], 0});
   }
+  ASSERT_TRUE(triangulate_polygon_exact(side, out));
   expect_valid_triangulation(seen, out);
 }
 
