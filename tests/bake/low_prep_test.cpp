@@ -22,6 +22,7 @@ using test::message_of;
 using test::Uvs3;
 using Change = std::function<void(NormalBakeSettings&)>;
 using Vec = std::array<float, 3>;
+using Mask = std::vector<std::uint8_t>;
 
 NormalBakeSettings small_settings() {
   NormalBakeSettings s;
@@ -92,12 +93,11 @@ TEST(LowPrepValidation, ChecksRunInOrderWithTheirMessages) {
   s.raster_materials = {"skin"};  // names keep their case
   EXPECT_EQ(build_message(mesh, s), "--raster-material: the low mesh has no material named 'skin'");
   EXPECT_EQ(build_message(mesh, s, {}, {7}), "a skipped raster triangle is not in the low mesh");
-  Mesh bare = mesh;
-  bare.materials.clear();
-  EXPECT_EQ(build_message(bare, s), "--raster-material: the low mesh carries no material names");
-  bare = mesh;
-  bare.triangle_materials.pop_back();
-  EXPECT_EQ(build_message(bare, s), "--raster-material: the low mesh carries no material names");
+  for (const bool names : {false, true}) {  // no names, or one triangle short of a material
+    Mesh bare = mesh;
+    names ? bare.triangle_materials.pop_back() : bare.materials.clear();
+    EXPECT_EQ(build_message(bare, s), "--raster-material: the low mesh carries no material names");
+  }
   s.raster_materials = {"Skin"};
   for (const std::int32_t tile : {1000, 2000}) {
     s.uv_tile = tile;
@@ -120,12 +120,11 @@ TEST(LowPrepMask, MaterialsTileAndSkipListSelectTriangles) {
   NormalBakeSettings s = small_settings();
   EXPECT_TRUE(build_raster_mask(mesh, RasterFilter{}, 1001).empty());
   const LowPrep all = LowPrep::build(mesh, {}, s);
-  EXPECT_TRUE(all.raster_mask().empty());
-  EXPECT_EQ(all.rasterised_triangles(), 3u);
+  EXPECT_EQ(std::pair(all.raster_mask().empty(), all.rasterised_triangles()), std::pair(true, 3ul));
 
   s.raster_materials = {"Skin"};
   const LowPrep skin = LowPrep::build(mesh, {}, s);
-  EXPECT_EQ(vec(skin.raster_mask()), (std::vector<std::uint8_t>{1, 0, 1}));
+  EXPECT_EQ(vec(skin.raster_mask()), (Mask{1, 0, 1}));
   EXPECT_EQ(skin.rasterised_triangles(), 2u);
   // Triangle 1 (metal) still has its place but owns no texel.
   EXPECT_EQ(skin.raster().lookup(11, 2, 1).triangle, -1);  // (0.72, 0.69)
@@ -137,7 +136,7 @@ TEST(LowPrepMask, MaterialsTileAndSkipListSelectTriangles) {
   s.raster_materials.clear();
   s.uv_tile = s.udim = 1002;
   const LowPrep tile = LowPrep::build(mesh, {}, s);
-  EXPECT_EQ(vec(tile.raster_mask()), (std::vector<std::uint8_t>{0, 0, 1}));
+  EXPECT_EQ(vec(tile.raster_mask()), (Mask{0, 0, 1}));
   EXPECT_EQ(tile.raster().u0(), 1);
   EXPECT_EQ(tile.raster().lookup(8, 4, 1).triangle, 2);  // (1.53, 0.44)
 
@@ -148,12 +147,12 @@ TEST(LowPrepMask, MaterialsTileAndSkipListSelectTriangles) {
   add_uv_triangle(rows, {{{1.2, 1.2}, {1.8, 1.2}, {1.5, 1.8}}});
   RasterFilter row_filter;
   row_filter.uv_tile = 1011;
-  EXPECT_EQ(build_raster_mask(rows, row_filter, 1011), (std::vector<std::uint8_t>{0, 1, 0}));
+  EXPECT_EQ(build_raster_mask(rows, row_filter, 1011), (Mask{0, 1, 0}));
 
   s.uv_tile = 0;
   s.udim = 1001;
   const LowPrep skip = LowPrep::build(mesh, {}, s, std::vector<std::int64_t>{0, 0, 2});
-  EXPECT_EQ(vec(skip.raster_mask()), (std::vector<std::uint8_t>{0, 1, 0}));
+  EXPECT_EQ(vec(skip.raster_mask()), (Mask{0, 1, 0}));
   EXPECT_EQ(skip.skipped_raster_triangles().size(), 3u);
 }
 
@@ -324,16 +323,14 @@ TEST(LowPrepNormals, AveragedNormalsWeighCornerAnglesPerObjectAndPosition) {
   EXPECT_FLOAT_EQ(n[0][2], static_cast<float>(w0 / std::hypot(w0, w1)));
   EXPECT_EQ(n[0], n[3]);  // the same key, the same normal
   // Corners used by one triangle keep their face normal.
-  EXPECT_EQ(n[1], (Vec{0, 0, 1}));
-  EXPECT_EQ(n[4], (Vec{1, 0, 0}));
+  EXPECT_EQ((std::array{n[1], n[4]}), (std::array{Vec{0, 0, 1}, Vec{1, 0, 0}}));
 
   // The same fold split into two objects: nothing is shared.
   Mesh split = mesh;
   split.triangles[1].object = 1;
   split.objects.push_back("other");
   const auto s = averaged_normals(split, 1);
-  EXPECT_EQ(s[0], (Vec{0, 0, 1}));
-  EXPECT_EQ(s[3], (Vec{1, 0, 0}));
+  EXPECT_EQ((std::array{s[0], s[3]}), (std::array{Vec{0, 0, 1}, Vec{1, 0, 0}}));
 
   // -0.0 and +0.0 are one position; mesh normals replace face normals.
   Mesh signed_zero = mesh;
@@ -354,9 +351,8 @@ TEST(LowPrepNormals, AveragedNormalsWeighCornerAnglesPerObjectAndPosition) {
                test::Corners3{{{0, 0, -1}, {0, 0, -1}, {0, 0, -1}}});
   add_triangle(opposite, {{{5, 5, 5}, {5, 5, 5}, {6, 5, 5}}}, uv);
   const auto o = averaged_normals(opposite, 1);
-  EXPECT_EQ(o[0], (Vec{0, 0, 1}));
-  EXPECT_EQ(o[3], (Vec{0, 0, -1}));
-  EXPECT_EQ(o[6], (Vec{0, 0, 0}));
+  EXPECT_EQ((std::array{o[0], o[3], o[6]}),
+            (std::array{Vec{0, 0, 1}, Vec{0, 0, -1}, Vec{0, 0, 0}}));
 }
 
 TEST(LowPrepBuild, TangentFramesSnappedCornersAndOptionalParts) {

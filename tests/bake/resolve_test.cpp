@@ -227,22 +227,6 @@ Mesh high_at(float z, std::optional<std::array<float, 3>> normal = {}) {
   return high;
 }
 
-TEST(Resolve, FlatPlanesFacingTheSameWayGiveTheFlatCode) {
-  const Mesh high = high_at(0.004f);
-  for (const std::int32_t aa : {1, 4}) {
-    const NormalBakeResult r = bake(unit_low_plane(), high, small_settings(8, aa));
-    ASSERT_EQ(r.normal.size(), 8u * 8u * 3u);
-    for (std::size_t i = 0; i < 64; ++i) {
-      EXPECT_EQ(codes_at(r, i), kFlat) << i << " aa " << aa;
-    }
-    EXPECT_EQ(r.opacity, std::vector<std::uint16_t>(64, 65535));
-    EXPECT_EQ(r.normal_valid, std::vector<std::uint8_t>(64, 1));
-    EXPECT_EQ(r.outside, std::vector<std::uint8_t>(64, 0));
-    const std::uint64_t n = 64u * static_cast<std::uint64_t>(aa * aa);
-    EXPECT_EQ(counts(r), (U64s{n, n, n, 0, 0, 0, 64, 0, 64, 64, 64, 0}));
-  }
-}
-
 TEST(Resolve, DirectXDiffersOnlyInTheSecondChannel) {
   const Mesh high = high_at(0.004f, std::array<float, 3>{0.3f, 0.4f, std::sqrt(0.75f)});
   NormalBakeSettings dx = small_settings(4, 2);

@@ -98,10 +98,6 @@ TEST(TracerWindow, OpenAtBothEndsAndMeasuredAlongTheAxis) {
 
   // A slanted ray reaches z = 0.2 at t = 0.5 and z = -0.2 at t = 1; the
   // window is measured along the axis, not the ray.
-  const Mesh above = corner_triangles({0.2f});
-  const Mesh below = corner_triangles({-0.2f});
-  CpuTracer up(above, {}, {}, 1);
-  CpuTracer down(below, {}, {}, 1);
   const auto slanted = [](std::array<float, 3> point, std::array<float, 3> axis, float front,
                           float rear, float t_max) {
     RayQuery s = down_query(0, 0, front, rear);
@@ -112,17 +108,17 @@ TEST(TracerWindow, OpenAtBothEndsAndMeasuredAlongTheAxis) {
     s.t_max = t_max;
     return s;
   };
-  const std::array<float, 3> point = {0.25f, 0.25f, 0.0f};
-  EXPECT_EQ(up.trace(slanted(point, {0, 0, 1}, 0.25f, 0.1f, 2.0f)).triangle, 0);
-  EXPECT_EQ(up.trace(slanted(point, {0, 0, 1}, 0.15f, 0.1f, 2.0f)).triangle, -1);
-  EXPECT_EQ(down.trace(slanted(point, {0, 0, 1}, 0.1f, 0.25f, 2.0f)).triangle, 0);
-  EXPECT_EQ(down.trace(slanted(point, {0, 0, 1}, 0.1f, 0.15f, 2.0f)).triangle, -1);
+  const std::array<float, 3> point = {0.25f, 0.25f, 0.0f}, up = {0, 0, 1};
+  EXPECT_EQ(trace_once({0.2f}, slanted(point, up, 0.25f, 0.1f, 2.0f)).triangle, 0);
+  EXPECT_EQ(trace_once({0.2f}, slanted(point, up, 0.15f, 0.1f, 2.0f)).triangle, -1);
+  EXPECT_EQ(trace_once({-0.2f}, slanted(point, up, 0.1f, 0.25f, 2.0f)).triangle, 0);
+  EXPECT_EQ(trace_once({-0.2f}, slanted(point, up, 0.1f, 0.15f, 2.0f)).triangle, -1);
   // A tilted axis counts the x offset too: hit point (0.4, 0.25, 0.2) from
   // (0, 0, 0) along (0.6, 0, 0.8) is 0.24 + 0.16 = 0.4 away.
-  EXPECT_EQ(up.trace(slanted({0, 0, 0}, {0.6f, 0.0f, 0.8f}, 0.45f, 0.1f, 2.0f)).triangle, 0);
-  EXPECT_EQ(up.trace(slanted({0, 0, 0}, {0.6f, 0.0f, 0.8f}, 0.35f, 0.1f, 2.0f)).triangle, -1);
+  EXPECT_EQ(trace_once({0.2f}, slanted({0, 0, 0}, {0.6f, 0, 0.8f}, 0.45f, 0.1f, 2)).triangle, 0);
+  EXPECT_EQ(trace_once({0.2f}, slanted({0, 0, 0}, {0.6f, 0, 0.8f}, 0.35f, 0.1f, 2)).triangle, -1);
   // t_max still bounds the ray.
-  EXPECT_EQ(up.trace(slanted(point, {0, 0, 1}, 0.25f, 0.1f, 0.5f)).triangle, -1);
+  EXPECT_EQ(trace_once({0.2f}, slanted(point, up, 0.25f, 0.1f, 0.5f)).triangle, -1);
 }
 
 TEST(TracerFilters, BackfaceGroupsAndExclusion) {

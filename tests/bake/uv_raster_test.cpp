@@ -144,11 +144,9 @@ TEST(UvRasterSnap, CornersSnapToTexelsOrSubSampleFractions) {
   const double u = 0.123456789;
   const double x16 = snap_corner({u, 0.0}, 4, 4, 0, 0, 2, 16, false)[0];
   EXPECT_EQ(x16 * 65536.0, std::nearbyint(u * 8 * 65536.0));
-  EXPECT_LE(std::fabs(x16 - u * 8), 0.5 / 65536.0);
   // 16 bits, unit texel with a = 4: 1/65536 of a texel = 4/65536 of a sample.
   const double t16 = snap_corner({u, 0.0}, 4, 4, 0, 0, 4, 16, true)[0];
   EXPECT_EQ(t16 / 4 * 65536.0, std::nearbyint(u * 4 * 65536.0));
-  EXPECT_NE(t16, snap_corner({u, 0.0}, 4, 4, 0, 0, 4, 16, false)[0]);
   // Against the library's ties-to-even rounding, negative coordinates included.
   std::mt19937 rng(3);
   std::uniform_int_distribution<int> halves(-4000, 4000);
