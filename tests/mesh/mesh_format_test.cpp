@@ -89,39 +89,38 @@ TEST(MeshFormat, ReadMeshDispatchesAndFillsTheCounters) {
 }
 
 // The same two-object mesh written as OBJ, glTF and FBX.
-struct Source {
-  std::vector<std::array<float, 3>> positions = {{0, 0, 0}, {1, 0, 0},    {1, 1, 0},
-                                                 {0, 1, 0}, {2, 0, 0.5f}, {3, 0.25f, 1}};
-  std::vector<std::array<float, 3>> normals = {{0, 0.6f, 0.8f}, {0, 0, 1}, {0.6f, 0, 0.8f},
-                                               {0, 0, 1},       {1, 2, 2}, {0, -1, 0}};
-  std::vector<std::array<float, 2>> uvs = {{0, 0},    {0.5f, 0},       {0.5f, 0.5f},
-                                           {0, 0.5f}, {0.75f, 0.125f}, {1, 0.25f}};
-};
+const std::vector<std::array<float, 3>> kPositions = {{0, 0, 0}, {1, 0, 0},    {1, 1, 0},
+                                                      {0, 1, 0}, {2, 0, 0.5f}, {3, 0.25f, 1}};
+const std::vector<std::array<float, 3>> kNormals = {{0, 0.6f, 0.8f}, {0, 0, 1}, {0.6f, 0, 0.8f},
+                                                    {0, 0, 1},       {1, 2, 2}, {0, -1, 0}};
+const std::vector<std::array<float, 2>> kUvs = {{0, 0},    {0.5f, 0},       {0.5f, 0.5f},
+                                                {0, 0.5f}, {0.75f, 0.125f}, {1, 0.25f}};
 
-std::string as_obj(const Source& s) {
-  std::string text = "mtllib parts.mtl\n";
-  for (std::size_t i = 0; i < s.positions.size(); ++i) {
-    const auto& p = s.positions[i];
-    const auto& n = s.normals[i];
-    const auto& t = s.uvs[i];
-    text += "v " + std::to_string(p[0]) + " " + std::to_string(p[1]) + " " + std::to_string(p[2]) +
-            "\nvn " + std::to_string(n[0]) + " " + std::to_string(n[1]) + " " +
-            std::to_string(n[2]) + "\nvt " + std::to_string(t[0]) + " " + std::to_string(t[1]) +
-            "\n";
+template <std::size_t N>
+std::string line_of(const char* tag, const std::array<float, N>& values) {
+  std::string out = tag;
+  for (float v : values) {
+    out += " " + std::to_string(v);
   }
-  text += "o Plate\nusemtl paint\nf 1/1/1 2/2/2 3/3/3 4/4/4\n";
-  text += "o Spike\nusemtl metal\nf 2/2/2 5/5/5 6/6/6\n";
-  return text;
+  return out + "\n";
 }
 
-std::string as_gltf(const Source& s) {
+std::string as_obj() {
+  std::string text = "mtllib parts.mtl\n";
+  for (std::size_t i = 0; i < kPositions.size(); ++i) {
+    text += line_of("v", kPositions[i]) + line_of("vn", kNormals[i]) + line_of("vt", kUvs[i]);
+  }
+  return text + "o Plate\nusemtl paint\nf 1/1/1 2/2/2 3/3/3 4/4/4\n" +
+         "o Spike\nusemtl metal\nf 2/2/2 5/5/5 6/6/6\n";
+}
+
+std::string as_gltf() {
   test::GltfBuilder b;
   std::vector<float> p, n, t;
-  for (std::size_t i = 0; i < s.positions.size(); ++i) {
-    p.insert(p.end(), s.positions[i].begin(), s.positions[i].end());
-    n.insert(n.end(), s.normals[i].begin(), s.normals[i].end());
-    t.push_back(s.uvs[i][0]);
-    t.push_back(1.0f - s.uvs[i][1]);  // glTF's v runs downwards
+  for (std::size_t i = 0; i < kPositions.size(); ++i) {
+    p.insert(p.end(), kPositions[i].begin(), kPositions[i].end());
+    n.insert(n.end(), kNormals[i].begin(), kNormals[i].end());
+    t.insert(t.end(), {kUvs[i][0], 1.0f - kUvs[i][1]});  // glTF's v runs downwards
   }
   const int pa = b.vec3(p), na = b.vec3(n), ta = b.vec2(t);
   b.doc["materials"] = {{{"name", "paint"}}, {{"name", "metal"}}};
@@ -132,19 +131,17 @@ std::string as_gltf(const Source& s) {
   return b.glb_bytes();
 }
 
-std::vector<test::FbxPart> as_fbx(const Source& s) {
+std::vector<test::FbxPart> as_fbx() {
   auto part = [&](const char* name, const char* material, std::vector<unsigned> corners) {
     test::FbxPart p;
     p.name = name;
     p.material = material;
-    for (unsigned i : corners) {
-      p.positions.push_back(s.positions[i]);
-      p.normals.push_back(s.normals[i]);
-      p.uvs.push_back(s.uvs[i]);
-    }
     p.faces = {{}};
-    for (unsigned k = 0; k < corners.size(); ++k) {
-      p.faces[0].push_back(k);
+    for (unsigned i : corners) {
+      p.positions.push_back(kPositions[i]);
+      p.normals.push_back(kNormals[i]);
+      p.uvs.push_back(kUvs[i]);
+      p.faces[0].push_back(static_cast<unsigned>(p.faces[0].size()));
     }
     return p;
   };
@@ -176,10 +173,9 @@ void expect_same_corners(const Mesh& a, const Mesh& b, double tolerance) {
 
 TEST(MeshFormat, OneMeshReadsAlikeFromObjGltfAndFbx) {
   ScratchDir dir;
-  const Source source;
-  test::write_text_file(dir / "parts.obj", as_obj(source));
-  test::write_text_file(dir / "parts.glb", as_gltf(source));
-  ASSERT_EQ(test::write_fbx(as_fbx(source), dir / "parts.fbx"), "");
+  test::write_text_file(dir / "parts.obj", as_obj());
+  test::write_text_file(dir / "parts.glb", as_gltf());
+  ASSERT_EQ(test::write_fbx(as_fbx(), dir / "parts.fbx"), "");
   MeshStats obj_stats, fbx_stats;
   const Mesh obj = read_mesh(dir / "parts.obj", MeshReadOptions{}, &obj_stats);
   const Mesh gltf = read_mesh(dir / "parts.glb", MeshReadOptions{});

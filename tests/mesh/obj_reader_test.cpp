@@ -52,7 +52,7 @@ void expect_same_mesh(const ObjReadResult& a, const ObjReadResult& b) {
   EXPECT_EQ(a.stats.polygons_inexact, b.stats.polygons_inexact);
 }
 
-TEST(ObjReader, ReadsElementsAndCorners) {
+TEST(ObjReader, ReadsElementsCornersColoursAndLines) {
   const auto r = parse(
       "# a comment line\nv 1 2 3\nv -1.5 +2.25 3e2 # trailing comment\n\tv\t0 0\t1\r\n"
       "vt 0.25 0.75\nvt 0.5\nvt 0.1 0.2 0.3\nvn 0 0 2\nvn 3 4 0\n"
@@ -77,6 +77,20 @@ TEST(ObjReader, ReadsElementsAndCorners) {
   EXPECT_EQ(m.materials, std::vector<std::string>{"default"});
   EXPECT_EQ(m.triangle_materials, (std::vector<std::uint32_t>{0, 0, 0}));
   EXPECT_TRUE(m.blocks.empty() && m.object_blocks.empty() && m.colors.empty());
+
+  // Colours, line elements and statements without meaning here.
+  auto coloured = parse(
+      "v 0 0 0 1 0 0\nv 1 0 0\nv 0 1 0 0 0.5 1\nl 1 2\nl 2 3\ns off\nusemap x\nvp 0.5\n"
+      "cstype bezier\nf 1 2 3\nf 3 2 1\n");
+  ASSERT_EQ(coloured.mesh.colors.size(), 6u);
+  EXPECT_EQ(coloured.mesh.colors[0], (std::array<float, 3>{1, 0, 0}));
+  EXPECT_EQ(coloured.mesh.colors[1], (std::array<float, 3>{1, 1, 1}));  // no colour: white
+  EXPECT_EQ(coloured.mesh.colors[2], (std::array<float, 3>{0, 0.5f, 1}));
+  EXPECT_EQ(coloured.mesh.colors[3], (std::array<float, 3>{0, 0.5f, 1}));
+  EXPECT_EQ(coloured.stats.lines, 2u);
+  // Vertical tab, form feed and CR are whitespace too.
+  auto spaced = parse("v\v1\f2\r3\r\nf 1 1 1\r\n");
+  EXPECT_EQ(spaced.mesh.positions[0], (std::array<float, 3>{1, 2, 3}));
 }
 
 TEST(ObjReader, IndicesResolveRelativeToTheLinesBefore) {
@@ -290,21 +304,6 @@ TEST(ObjReader, ObjectsBlocksAndMaterials) {
   EXPECT_EQ(failure(tri + "o " + std::string(65536, 'x') + "\nf 1 2 3\n"), "");
 }
 
-TEST(ObjReader, ColoursLinesAndOtherStatements) {
-  auto r = parse(
-      "v 0 0 0 1 0 0\nv 1 0 0\nv 0 1 0 0 0.5 1\nl 1 2\nl 2 3\ns off\nusemap x\nvp 0.5\n"
-      "cstype bezier\nf 1 2 3\nf 3 2 1\n");
-  ASSERT_EQ(r.mesh.colors.size(), 6u);
-  EXPECT_EQ(r.mesh.colors[0], (std::array<float, 3>{1, 0, 0}));
-  EXPECT_EQ(r.mesh.colors[1], (std::array<float, 3>{1, 1, 1}));  // no colour: white
-  EXPECT_EQ(r.mesh.colors[2], (std::array<float, 3>{0, 0.5f, 1}));
-  EXPECT_EQ(r.mesh.colors[3], (std::array<float, 3>{0, 0.5f, 1}));
-  EXPECT_EQ(r.stats.lines, 2u);
-  // Vertical tab, form feed and CR are whitespace too.
-  auto spaced = parse("v\v1\f2\r3\r\nf 1 1 1\r\n");
-  EXPECT_EQ(spaced.mesh.positions[0], (std::array<float, 3>{1, 2, 3}));
-}
-
 TEST(ObjReader, FilesHooksAndWholeFileFailures) {
   test::ScratchDir dir;
   const auto path = dir / "cube.obj";
@@ -435,12 +434,11 @@ TEST(ObjReaderChunks, LargeFilesReadTheSameOnOneAndTwoThreads) {
   expect_same_mesh(from_file, parse_obj(text, path, one));
 }
 
-TEST(ObjReaderChunks, TheFirstErrorInFileOrderWins) {
-  std::string text = busy_text(300);
-  const std::size_t middle = text.size() / 2;
-  const std::size_t line = text.find('\n', middle) + 1;
-  std::string damaged = text.substr(0, line) + "v 1 2 bad\n" + text.substr(line) +
-                        "vn 0 0 0\nf 1 2 3 4 5 6 7 8 9 10 11 12 1000000\n";
+TEST(ObjReaderChunks, TheFirstErrorWinsAndDamageFailsAlikeOnEveryChunking) {
+  const std::string busy = busy_text(300);
+  const std::size_t line = busy.find('\n', busy.size() / 2) + 1;
+  const std::string damaged = busy.substr(0, line) + "v 1 2 bad\n" + busy.substr(line) +
+                              "vn 0 0 0\nf 1 2 3 4 5 6 7 8 9 10 11 12 1000000\n";
   for (int threads : {1, 2}) {
     for (std::uint64_t floor : {1u, 200u, 1048576u}) {
       MeshReadOptions options;
@@ -452,9 +450,7 @@ TEST(ObjReaderChunks, TheFirstErrorInFileOrderWins) {
   }
   // Within one chunk the earlier line wins too.
   EXPECT_EQ(failure("vn 0 0 0\nv 1 2 bad\nf 1 1 1\n"), "zero-length normal");
-}
 
-TEST(ObjReaderChunks, DamagedTextsFailAlikeOnEveryChunking) {
   // Random byte damage: every outcome is a mesh or a kv::Error, and the same
   // one for one chunk and for many chunks on two threads.
   const std::string clean = busy_text(40);
