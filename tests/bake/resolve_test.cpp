@@ -155,10 +155,9 @@ TEST(RaySetup, DistancesAndTheQueryFromTheLowSurface) {
   RayQuery q;
   // Triangle 0 runs (0,0) (1,0) (1,1): weights 0.5 and 0.25 on the last two.
   ASSERT_TRUE(build_ray_query(setup, 0, 0.5, 0.25, q));
-  EXPECT_EQ(q.surface_point, (std::array<float, 3>{0.75f, 0.25f, 2.0f}));
-  EXPECT_EQ(q.surface_normal, (std::array<float, 3>{0.0f, 0.0f, 1.0f}));
-  EXPECT_EQ(q.origin, (std::array<float, 3>{0.75f, 0.25f, 2.5f}));
-  EXPECT_EQ(q.direction, (std::array<float, 3>{-0.0f, -0.0f, -1.0f}));
+  using V = std::array<float, 3>;
+  EXPECT_EQ(std::tuple(q.surface_point, q.surface_normal, q.origin, q.direction),
+            std::tuple(V{0.75f, 0.25f, 2.0f}, V{0, 0, 1}, V{0.75f, 0.25f, 2.5f}, V{0, 0, -1}));
   EXPECT_EQ(std::tuple(q.t_max, q.front, q.rear, q.group, q.ignore_backface),
             std::tuple(0.75f, 0.5f, 0.25f, 9, std::uint8_t{0}));
 
@@ -205,18 +204,9 @@ Codes codes_at(const NormalBakeResult& r, std::size_t i) {
 // outside, centre covered, valid and opaque, stacked samples.
 U64s counts(const NormalBakeResult& r) {
   const NormalBakeCounters& k = r.counters;
-  return {k.samples_covered,
-          k.rays,
-          k.hits,
-          k.invalid_ray_normals,
-          k.invalid_hit_normals,
-          k.degenerate_frames,
-          k.texels_covered,
-          k.texels_outside,
-          k.texels_centre_covered,
-          k.texels_valid,
-          k.texels_opaque,
-          k.stacked_skipped};
+  return U64s({k.samples_covered, k.rays, k.hits, k.invalid_ray_normals, k.invalid_hit_normals,
+               k.degenerate_frames, k.texels_covered, k.texels_outside, k.texels_centre_covered,
+               k.texels_valid, k.texels_opaque, k.stacked_skipped});
 }
 
 Mesh high_at(float z, std::optional<std::array<float, 3>> normal = {}) {
@@ -237,8 +227,8 @@ TEST(Resolve, DirectXDiffersOnlyInTheSecondChannel) {
     // x = 0.3 -> 0.65 and y = 0.4 -> 0.7 of the range in OpenGL.
     EXPECT_NEAR(a.normal[i * 3], 0.65 * 65535.0, 2.0);
     EXPECT_NEAR(a.normal[i * 3 + 1], 0.7 * 65535.0, 2.0);
-    EXPECT_EQ(a.normal[i * 3], b.normal[i * 3]);
-    EXPECT_EQ(a.normal[i * 3 + 2], b.normal[i * 3 + 2]);
+    EXPECT_EQ(std::pair(a.normal[i * 3], a.normal[i * 3 + 2]),
+              std::pair(b.normal[i * 3], b.normal[i * 3 + 2]));
     EXPECT_NEAR(b.normal[i * 3 + 1], 65535 - a.normal[i * 3 + 1], 1);
   }
   EXPECT_EQ(a.opacity, b.opacity);
@@ -305,8 +295,7 @@ TEST(Resolve, StackedSamplesTraceOnceAndCountTheOthers) {
   const NormalBakeResult r = bake(low, high_at(0.004f), s);
   // Plane B lies at z = 0.5, far from the high plane: its left half misses.
   EXPECT_EQ(counts(r), (U64s{64, 64, 32, 0, 0, 0, 64, 0, 64, 32, 32, 28}));
-  EXPECT_EQ(r.opacity[0], 0);
-  EXPECT_EQ(r.opacity[7], 65535);
+  EXPECT_EQ((std::array{r.opacity[0], r.opacity[7]}), (std::array<std::uint16_t, 2>{0, 65535}));
 }
 
 TEST(Resolve, BandsReportTheirRowsAndCancelBetweenThem) {
@@ -331,11 +320,9 @@ TEST(Resolve, BandsReportTheirRowsAndCancelBetweenThem) {
 }
 
 void expect_same(const NormalBakeResult& a, const NormalBakeResult& b, const char* what) {
-  EXPECT_EQ(a.normal, b.normal) << what;
-  EXPECT_EQ(a.opacity, b.opacity) << what;
-  EXPECT_EQ(a.normal_valid, b.normal_valid) << what;
-  EXPECT_EQ(a.outside, b.outside) << what;
-  EXPECT_EQ(a.centre_covered, b.centre_covered) << what;
+  EXPECT_EQ(std::tie(a.normal, a.opacity, a.normal_valid, a.outside, a.centre_covered),
+            std::tie(b.normal, b.opacity, b.normal_valid, b.outside, b.centre_covered))
+      << what;
   EXPECT_EQ(counts(a), counts(b)) << what;
 }
 
@@ -405,9 +392,7 @@ TEST(NormalBake, BackfaceAndNameSettingsReachTheRays) {
   low.objects = {"panel_low"};
   Mesh named;
   add_plane(named, tilted_plane(0.002f, true, 0));
-  PlaneSpec far = high_plane(-0.002f);
-  far.object = 1;
-  add_plane(named, far);
+  add_plane(named, test::square(-0.002f, 1.5f, true, 1));
   named.objects = {"other_high", "panel_high"};
   s = small_settings(4, 2);
   expect_all_flat(bake_normal_map(low, named, s, 1), false, "match always");
@@ -435,14 +420,13 @@ TEST(NormalBake, NameGroupKeysDropSuffixesAndFollowBlocks) {
   Mesh high;
   high.objects = {"b", "a_high", "z_high"};
   high.triangles.resize(3);
-  high.triangles[0].object = 2;
-  high.triangles[1].object = 1;
-  high.triangles[2].object = 0;
+  for (std::uint32_t t = 0; t < 3; ++t) {
+    high.triangles[t].object = 2 - t;  // "z_high", "a_high", "b"
+  }
   NormalBakeSettings s;
   s.match_by_name = true;
   const NameGroups names = match_name_groups(low, high, s);
-  ASSERT_EQ(names.low_objects.size(), 3u);
-  ASSERT_EQ(names.high_triangles.size(), 3u);
+  ASSERT_EQ(std::pair(names.low_objects.size(), names.high_triangles.size()), std::pair(3ul, 3ul));
   EXPECT_EQ(names.high_triangles[1], names.low_objects[0]);  // a_high ~ a_low
   EXPECT_EQ(names.high_triangles[2], names.low_objects[1]);  // b ~ b
   EXPECT_NE(names.high_triangles[0], names.low_objects[2]);  // z_high !~ c_low
