@@ -15,40 +15,41 @@ namespace {
 
 using Vec3d = std::array<double, 3>;
 
-Vec3d widen(const std::array<float, 3>& v) {
+inline Vec3d widen(const std::array<float, 3>& v) {
   return {static_cast<double>(v[0]), static_cast<double>(v[1]), static_cast<double>(v[2])};
 }
 
-Vec3d cross(const Vec3d& a, const Vec3d& b) {
+inline Vec3d cross(const Vec3d& a, const Vec3d& b) {
   return {a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]};
 }
 
-Vec3d scaled(const Vec3d& v, double s) {
+inline Vec3d scaled(const Vec3d& v, double s) {
   return {v[0] * s, v[1] * s, v[2] * s};
 }
 
-double dot(const Vec3d& a, const Vec3d& b) {
+inline double dot(const Vec3d& a, const Vec3d& b) {
   return (a[0] * b[0] + a[1] * b[1]) + a[2] * b[2];
 }
 
 // The dot product in the order the fallback frame uses: (y + x) + z.
-double dot_yxz(const Vec3d& a, const Vec3d& b) {
+inline double dot_yxz(const Vec3d& a, const Vec3d& b) {
   const double y = a[1] * b[1];
   const double x = a[0] * b[0];
   const double z = a[2] * b[2];
   return (y + x) + z;
 }
 
-double length(const Vec3d& v) {
+inline double length(const Vec3d& v) {
   return std::sqrt(dot(v, v));
 }
 
-bool usable(double length_value) {
+inline bool usable(double length_value) {
   return length_value > 0.0 && std::isfinite(length_value);
 }
 
 // X1 b1 + X0 b0 + X2 b2, summed in this order.
-Vec3d blend(const Vec3d& x0, const Vec3d& x1, const Vec3d& x2, double b0, double b1, double b2) {
+inline Vec3d blend(const Vec3d& x0, const Vec3d& x1, const Vec3d& x2, double b0, double b1,
+                   double b2) {
   Vec3d r{};
   for (std::size_t k = 0; k < 3; ++k) {
     const double first = x1[k] * b1;
@@ -60,7 +61,7 @@ Vec3d blend(const Vec3d& x0, const Vec3d& x1, const Vec3d& x2, double b0, double
 }
 
 // a . (b x c): the determinant of the matrix with columns a, b, c.
-double det3(const Vec3d& a, const Vec3d& b, const Vec3d& c) {
+inline double det3(const Vec3d& a, const Vec3d& b, const Vec3d& c) {
   return dot(a, cross(b, c));
 }
 
@@ -309,7 +310,6 @@ NormalBakeResult resolve_normals(const LowPrep& prep, const Mesh& high, const Tr
       part.queries.clear();
       part.counters = NormalBakeCounters{};
       part.samples.resize(static_cast<std::size_t>((row_end - row_begin) * row_samples));
-      std::vector<std::int32_t> covering;
       for (std::uint64_t r = row_begin; r < row_end; ++r) {
         const std::int64_t y = y0 + static_cast<std::int64_t>(r);
         for (std::int32_t x = 0; x < width; ++x) {
@@ -328,20 +328,20 @@ NormalBakeResult resolve_normals(const LowPrep& prep, const Mesh& high, const Tr
                 continue;
               }
               ++part.counters.samples_covered;
-              // A cell with one candidate cannot hold a second covering triangle.
-              if (raster.candidate_count(sx, sy, aa) > 1) {
-                raster.lookup_all(sx, sy, aa, covering);
-                if (covering.size() > 1) {
-                  const double u =
-                      (static_cast<double>(sx) + 0.5) / (static_cast<double>(width) * aa) +
-                      raster.u0();
-                  const double v = (raster.v0() + 1.0) - (static_cast<double>(sy) + 0.5) /
-                                                             (static_cast<double>(height) * aa);
-                  for (std::int32_t other : covering) {
-                    if (other != found.triangle &&
-                        strictly_inside(low, static_cast<std::uint32_t>(other), u, v)) {
-                      ++part.counters.stacked_skipped;
-                    }
+              // A cell with one candidate cannot hold a second covering
+              // triangle. Lying strictly inside implies covering, so the
+              // other candidates need only the strict test.
+              const std::span<const std::uint32_t> candidates = raster.cell_candidates(sx, sy, aa);
+              if (candidates.size() > 1) {
+                const double u =
+                    (static_cast<double>(sx) + 0.5) / (static_cast<double>(width) * aa) +
+                    raster.u0();
+                const double v = (raster.v0() + 1.0) - (static_cast<double>(sy) + 0.5) /
+                                                           (static_cast<double>(height) * aa);
+                for (const std::uint32_t other : candidates) {
+                  if (static_cast<std::int32_t>(other) != found.triangle &&
+                      strictly_inside(low, other, u, v)) {
+                    ++part.counters.stacked_skipped;
                   }
                 }
               }

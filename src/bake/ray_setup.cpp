@@ -36,19 +36,6 @@ RayDistances ray_distances(const Mesh& high, float front, float rear, bool relat
   return d;
 }
 
-bool normalize_in_place(Vec3f& v) {
-  const float xx = v[0] * v[0];
-  const float yy = v[1] * v[1];
-  const float zz = v[2] * v[2];
-  const float length = std::sqrt((xx + yy) + zz);
-  if (!(length > 0.0f) || !std::isfinite(length)) {
-    return false;
-  }
-  const float inv = 1.0f / length;
-  v = {v[0] * inv, v[1] * inv, v[2] * inv};
-  return true;
-}
-
 namespace {
 
 // (w0 a0 + w1 a1) + w2 a2 per component, in 32-bit float.

@@ -292,13 +292,16 @@ RasterHit UvRaster::lookup(std::int64_t sx, std::int64_t sy, std::int32_t a) con
   return hit;
 }
 
-std::uint64_t UvRaster::candidate_count(std::int64_t sx, std::int64_t sy, std::int32_t a) const {
+std::span<const std::uint32_t> UvRaster::cell_candidates(std::int64_t sx, std::int64_t sy,
+                                                         std::int32_t a) const {
   const std::int64_t cell = cell_of(sx, sy, a);
   if (cell < 0) {
-    return 0;
+    return {};
   }
-  return offsets_[static_cast<std::uint64_t>(cell) + 1] -
-         offsets_[static_cast<std::uint64_t>(cell)];
+  const std::uint64_t begin = offsets_[static_cast<std::uint64_t>(cell)];
+  const std::uint64_t end = offsets_[static_cast<std::uint64_t>(cell) + 1];
+  return std::span<const std::uint32_t>(triangles_)
+      .subspan(static_cast<std::size_t>(begin), static_cast<std::size_t>(end - begin));
 }
 
 void UvRaster::lookup_all(std::int64_t sx, std::int64_t sy, std::int32_t a,

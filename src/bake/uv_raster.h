@@ -56,9 +56,10 @@ class UvRaster {
   // per side; the highest-indexed triangle wins where several cover it.
   RasterHit lookup(std::int64_t sx, std::int64_t sy, std::int32_t a) const;
 
-  // How many triangles the sample's grid cell lists: an upper bound on the
-  // triangles that can cover it (0 outside the image).
-  std::uint64_t candidate_count(std::int64_t sx, std::int64_t sy, std::int32_t a) const;
+  // The triangles the sample's grid cell lists: every triangle that can cover
+  // it (none outside the image).
+  std::span<const std::uint32_t> cell_candidates(std::int64_t sx, std::int64_t sy,
+                                                 std::int32_t a) const;
 
   // Every triangle covering the sample (unsnapped test), highest index first.
   void lookup_all(std::int64_t sx, std::int64_t sy, std::int32_t a,
