@@ -61,19 +61,16 @@ TEST(UvRasterTieBreak, SharedEdgeGoesToTheHigherIndexAndMasksApply) {
   std::vector<std::uint8_t> mask(mesh.triangles.size(), 1);
   mask[7] = 0;
   const UvRaster masked(mesh, 1, 1, 0, 0, -1, false, mask);
-  EXPECT_EQ(masked.lookup(0, 0, 2).triangle, 3);
-  EXPECT_EQ(masked.lookup(1, 1, 2).triangle, -1);
+  EXPECT_EQ(std::pair(masked.lookup(0, 0, 2).triangle, masked.lookup(1, 1, 2).triangle),
+            std::pair(3, -1));
 }
 
 TEST(UvRasterCoverage, EdgesAndCornersAreInclusive) {
   // Corners exactly on three sample centres; the fourth sample lies outside.
   for (const bool clockwise : {false, true}) {
     Mesh mesh;
-    if (clockwise) {
-      add_uv_triangle(mesh, {{{0.25, 0.25}, {0.25, 0.75}, {0.75, 0.25}}});
-    } else {
-      add_uv_triangle(mesh, {{{0.25, 0.25}, {0.75, 0.25}, {0.25, 0.75}}});
-    }
+    const double a = clockwise ? 0.25 : 0.75, b = clockwise ? 0.75 : 0.25;
+    add_uv_triangle(mesh, {{{0.25, 0.25}, {a, b}, {b, a}}});
     for (const int bits : {-1, 8}) {
       const UvRaster raster(mesh, 1, 1, 0, 0, bits, false);
       // Sample (sx, sy) = (0, 1) is at (0.25, 0.25), corner 0.
@@ -118,25 +115,24 @@ TEST(UvRasterUdim, TileOffsetShiftsUvsIntoTheImage) {
   add_uv_triangle(mesh, {{{1.0, 0.0}, {1.5, 0.0}, {1.0, 1.0}}});
   add_uv_triangle(mesh, {{{0.5, 1.0}, {1.0, 1.0}, {1.0, 2.0}}});
   for (const int bits : {-1, 8}) {  // snapped lookups apply the same shift
+    // Texel centres (0.125, 0.125) and (0.875, 0.125), plus U0.
     const UvRaster tile1002(mesh, 4, 4, 1, 0, bits, false);
-    EXPECT_EQ(tile1002.lookup(0, 3, 1).triangle, 0);  // texel centre (0.125, 0.125) + U0
-    EXPECT_EQ(tile1002.lookup(3, 3, 1).triangle, -1);
+    EXPECT_EQ(std::pair(tile1002.lookup(0, 3, 1).triangle, tile1002.lookup(3, 3, 1).triangle),
+              std::pair(0, -1));
   }
   const UvRaster tile1001(mesh, 4, 4, 0, 0, -1, false);
   EXPECT_EQ(tile1001.lookup(0, 3, 1).triangle, -1);
   // Both touch the image only through their box widened by one texel.
   EXPECT_EQ(tile1001.cell_triangles().size(), 2u);
-  const UvRaster tile1011(mesh, 4, 4, 0, 1, -1, false);
-  EXPECT_EQ(tile1011.lookup(3, 3, 1).triangle, 1);  // (0.875, 1.125)
-  EXPECT_EQ(tile1011.lookup(0, 0, 1).triangle, -1);
+  const UvRaster tile1011(mesh, 4, 4, 0, 1, -1, false);  // (0.875, 1.125) and (0.125, 1.875)
+  EXPECT_EQ(std::pair(tile1011.lookup(3, 3, 1).triangle, tile1011.lookup(0, 0, 1).triangle),
+            std::pair(1, -1));
 }
 
 TEST(UvRasterSnap, CornersSnapToTexelsOrSubSampleFractions) {
   // 0 bits, unit texel: whole texels, whatever the anti-aliasing.
-  for (const int a : {1, 2, 4, 8}) {
-    const auto q = snap_corner({0.3, 0.7}, 8, 8, 0, 0, a, 0, true);
-    EXPECT_EQ(q[0], 2.0 * a);  // 0.3 * 8 = 2.4 texels
-    EXPECT_EQ(q[1], 2.0 * a);  // (1 - 0.7) * 8 = 2.4 texels
+  for (const int a : {1, 2, 4, 8}) {  // 0.3 * 8 and (1 - 0.7) * 8 = 2.4 texels
+    EXPECT_EQ(snap_corner({0.3, 0.7}, 8, 8, 0, 0, a, 0, true), (std::array{2.0 * a, 2.0 * a}));
   }
   // 0 bits, unit sample: whole samples (ties to even: see below).
   EXPECT_EQ(snap_corner({0.6, 1.0}, 4, 4, 0, 0, 4, 0, false)[0], 10.0);  // 9.6
@@ -167,18 +163,18 @@ TEST(UvRasterSnap, SnappingDecidesCoverageAtTheSnappedCorners) {
   // (sample 2 of 4); snapped to half samples it passes exactly through it.
   Mesh mesh;
   add_uv_triangle(mesh, {{{0.0, 0.0}, {0.6249, 0.0}, {0.6249, 1.0}}});
-  EXPECT_EQ(UvRaster(mesh, 4, 4, 0, 0, -1, false).lookup(2, 3, 1).triangle, -1);
-  EXPECT_EQ(UvRaster(mesh, 4, 4, 0, 0, 16, false).lookup(2, 3, 1).triangle, -1);
+  for (const int bits : {-1, 16}) {
+    EXPECT_EQ(UvRaster(mesh, 4, 4, 0, 0, bits, false).lookup(2, 3, 1).triangle, -1);
+  }
   // With 1 bit the corners snap to x = 2.5: sample (2.5, 3.5) against
   // snapped corners (0, 4), (2.5, 4), (2.5, 0) lies on the edge.
   const RasterHit hit = UvRaster(mesh, 4, 4, 0, 0, 1, false).lookup(2, 3, 1);
-  EXPECT_EQ(hit.triangle, 0);
-  EXPECT_DOUBLE_EQ(hit.b1 + hit.b2, 1.0);
+  EXPECT_EQ(std::pair(hit.triangle, hit.b1 + hit.b2), std::pair(0, 1.0));
   // With 0 bits unit texel at a = 2 the corners snap to x = 2 texels = 4
   // samples; sample column 4 (centre 4.5) is then outside.
   const UvRaster texel(mesh, 4, 4, 0, 0, 0, true);
-  EXPECT_EQ(texel.lookup(3, 7, 2).triangle, 0);
-  EXPECT_EQ(texel.lookup(4, 7, 2).triangle, -1);
+  EXPECT_EQ(std::pair(texel.lookup(3, 7, 2).triangle, texel.lookup(4, 7, 2).triangle),
+            std::pair(0, -1));
 }
 
 TEST(UvRasterBuild, ErrorsAndTheirMessages) {
