@@ -47,9 +47,19 @@ void expect_failures(const Failures& cases) {
 void expect_same_mesh(const ObjReadResult& a, const ObjReadResult& b) {
   test::expect_same_mesh(a.mesh, b.mesh);
   EXPECT_EQ(a.material_libraries, b.material_libraries);
-  EXPECT_EQ(a.stats.lines, b.stats.lines);
-  EXPECT_EQ(a.stats.quads_split, b.stats.quads_split);
-  EXPECT_EQ(a.stats.polygons_inexact, b.stats.polygons_inexact);
+  EXPECT_EQ(std::tuple(a.stats.lines, a.stats.quads_split, a.stats.polygons_inexact),
+            std::tuple(b.stats.lines, b.stats.quads_split, b.stats.polygons_inexact));
+}
+
+MeshReadOptions on_threads(int threads) {
+  MeshReadOptions options;
+  options.threads = threads;
+  return options;
+}
+
+// The text read in chunks of at least `floor` bytes.
+ObjReadResult chunked(std::string_view text, int threads, std::uint64_t floor) {
+  return detail::parse_obj_chunked(text, kPath, on_threads(threads), floor);
 }
 
 TEST(ObjReader, ReadsElementsCornersColoursAndLines) {
@@ -327,8 +337,7 @@ TEST(ObjReader, FilesHooksAndWholeFileFailures) {
   // + 12 * (3 positions + 3 triangles) bytes.
   const std::string small = "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\nf 1 2 3\nf 1 2 3\n";
   const std::uint64_t estimate = small.size() + 16 * (5 * 3 + 3 * 8) + 12 * 6;
-  MeshReadOptions limited;
-  limited.threads = 1;
+  MeshReadOptions limited = on_threads(1);
   limited.memory_limit_bytes = estimate;
   EXPECT_EQ(failure(small, limited), "");
   limited.memory_limit_bytes = estimate - 1;
@@ -398,9 +407,7 @@ std::string busy_text(int rows) {
 
 TEST(ObjReaderChunks, ChunkingAndThreadCountDoNotChangeTheMesh) {
   const std::string text = busy_text(600);
-  MeshReadOptions one;
-  one.threads = 1;
-  const ObjReadResult whole = parse(text, one);
+  const ObjReadResult whole = parse(text, on_threads(1));
   ASSERT_EQ(obj_chunk_starts(text, 1).size(), 1u);
   EXPECT_EQ(whole.mesh.triangles.size(), 600u / 4 * (1 + 2 + 3 + 3));
   EXPECT_EQ(whole.stats.quads_split, 150u);
@@ -408,12 +415,9 @@ TEST(ObjReaderChunks, ChunkingAndThreadCountDoNotChangeTheMesh) {
   EXPECT_GT(whole.mesh.blocks.size(), 0u);
   for (int threads : {1, 2, 3}) {
     for (std::uint64_t floor : {1u, 64u, 977u, 10000u}) {
-      MeshReadOptions options;
-      options.threads = threads;
       ASSERT_GT(obj_chunk_starts(text, threads, floor).size(), 1u);
-      const ObjReadResult cut = detail::parse_obj_chunked(text, kPath, options, floor);
       SCOPED_TRACE("threads " + std::to_string(threads) + " floor " + std::to_string(floor));
-      expect_same_mesh(whole, cut);
+      expect_same_mesh(whole, chunked(text, threads, floor));
     }
   }
 }
@@ -425,13 +429,10 @@ TEST(ObjReaderChunks, LargeFilesReadTheSameOnOneAndTwoThreads) {
   std::string text = busy_text(100000);
   ASSERT_GT(text.size(), 9u * 1048576);
   test::write_text_file(path, text);
-  MeshReadOptions one, two;
-  one.threads = 1;
-  two.threads = 2;
-  const ObjReadResult from_file = read_obj(path, two);
-  expect_same_mesh(read_obj(path, one), from_file);
+  const ObjReadResult from_file = read_obj(path, on_threads(2));
+  expect_same_mesh(read_obj(path, on_threads(1)), from_file);
   // The text as read matches the text as written, slice for slice.
-  expect_same_mesh(from_file, parse_obj(text, path, one));
+  expect_same_mesh(from_file, parse_obj(text, path, on_threads(1)));
 }
 
 TEST(ObjReaderChunks, TheFirstErrorWinsAndDamageFailsAlikeOnEveryChunking) {
@@ -441,10 +442,7 @@ TEST(ObjReaderChunks, TheFirstErrorWinsAndDamageFailsAlikeOnEveryChunking) {
                               "vn 0 0 0\nf 1 2 3 4 5 6 7 8 9 10 11 12 1000000\n";
   for (int threads : {1, 2}) {
     for (std::uint64_t floor : {1u, 200u, 1048576u}) {
-      MeshReadOptions options;
-      options.threads = threads;
-      EXPECT_EQ(test::error_of([&] { detail::parse_obj_chunked(damaged, kPath, options, floor); },
-                               "dir/model.obj: "),
+      EXPECT_EQ(test::error_of([&] { chunked(damaged, threads, floor); }, "dir/model.obj: "),
                 "invalid vertex position component 'bad'");
     }
   }
@@ -463,14 +461,11 @@ TEST(ObjReaderChunks, TheFirstErrorWinsAndDamageFailsAlikeOnEveryChunking) {
     for (int e = 0; e < edits; ++e) {
       text[random() % text.size()] = alphabet[random() % (sizeof alphabet - 1)];
     }
-    auto outcome = [&](int threads, std::uint64_t floor) -> std::pair<std::string, std::size_t> {
-      MeshReadOptions options;
-      options.threads = threads;
+    auto outcome = [&](int threads, std::uint64_t floor) {
       std::size_t triangles = 0;
-      std::string message = test::error_of([&] {
-        triangles = detail::parse_obj_chunked(text, kPath, options, floor).mesh.triangles.size();
-      });
-      return {message, triangles};
+      std::string message =
+          test::error_of([&] { triangles = chunked(text, threads, floor).mesh.triangles.size(); });
+      return std::pair(message, triangles);
     };
     const auto whole = outcome(1, kObjChunkFloor);
     ASSERT_EQ(whole, outcome(2, 97)) << text;
