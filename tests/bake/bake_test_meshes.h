@@ -129,14 +129,6 @@ inline PlaneSpec square(float z, float half = 1.0f, bool facing_up = true,
   return p;
 }
 
-// A high plane at height z reaching well beyond the unit square.
-inline PlaneSpec high_plane(float z) {
-  PlaneSpec p = square(z, 1.5f);
-  p.x0 = p.y0 = -1.0f;
-  p.x1 = p.y1 = 2.0f;
-  return p;
-}
-
 // The query the bakes build for surface point (x, y, 0) with axis +z:
 // origin front above the point, looking down, t_max = front + rear.
 inline RayQuery down_query(float x, float y, float front, float rear, std::int32_t group = -1,

@@ -91,14 +91,12 @@ std::vector<MikkCorner> cylinder(int segments, const std::vector<float>& angles)
     // The last angle is 2 pi: its position must equal angle 0 exactly.
     const Vec n0 = {std::cos(a0), std::sin(a0), 0};
     const Vec n1 = i + 1 == segments ? Vec{1, 0, 0} : Vec{std::cos(a1), std::sin(a1), 0};
-    const Vec b0 = {n0[0], n0[1], 0}, b1 = {n1[0], n1[1], 0};
-    const Vec t0 = {n0[0], n0[1], 1}, t1 = {n1[0], n1[1], 1};
-    add(c, b0, n0, {u0, 0});
-    add(c, b1, n1, {u1, 0});
-    add(c, t1, n1, {u1, 1});
-    add(c, b0, n0, {u0, 0});
-    add(c, t1, n1, {u1, 1});
-    add(c, t0, n0, {u0, 1});
+    const Vec p[4] = {n0, n1, {n1[0], n1[1], 1}, {n0[0], n0[1], 1}};
+    const Vec n[4] = {n0, n1, n1, n0};
+    const Uv uv[4] = {{u0, 0}, {u1, 0}, {u1, 1}, {u0, 1}};
+    for (const int k : {0, 1, 2, 0, 2, 3}) {
+      add(c, p[k], n[k], uv[k]);
+    }
   }
   return c;
 }

@@ -18,8 +18,8 @@ namespace kv {
 namespace {
 
 using test::add_plane;
-using test::high_plane;
 using test::PlaneSpec;
+using test::square;
 using test::unit_low_plane;
 using Codes = std::array<std::uint16_t, 3>;
 using U64s = std::vector<std::uint64_t>;
@@ -211,7 +211,7 @@ U64s counts(const NormalBakeResult& r) {
 
 Mesh high_at(float z, std::optional<std::array<float, 3>> normal = {}) {
   Mesh high;
-  PlaneSpec p = high_plane(z);
+  PlaneSpec p = square(z, 1.5f);
   p.normal = normal;
   add_plane(high, p);
   return high;
@@ -355,7 +355,7 @@ TEST(Resolve, SameCodesOnAnyThreadCountBandSizeAndRefineCache) {
 // A high plane at height z whose normals lean towards +x (0.6 -> 0.8 of the
 // code range), so a resolved Normal differs from the flat one.
 PlaneSpec tilted_plane(float z, bool facing_up = true, std::uint32_t object = 0) {
-  PlaneSpec p = high_plane(z);
+  PlaneSpec p = square(z, 1.5f);
   p.facing_up = facing_up;
   p.normal = std::array<float, 3>{0.6f, 0.0f, 0.8f};
   p.object = object;
@@ -380,7 +380,7 @@ TEST(NormalBake, BackfaceAndNameSettingsReachTheRays) {
   // counter-clockwise); behind it a counter-clockwise flat one.
   Mesh high;
   add_plane(high, tilted_plane(0.002f, false));
-  add_plane(high, high_plane(-0.002f));
+  add_plane(high, square(-0.002f, 1.5f));
   NormalBakeSettings s = small_settings(4, 1);
   const NormalBakeRun skipping = bake_normal_map(unit_low_plane(), high, s, 1);
   expect_all_flat(skipping, true, "ignore backface");
@@ -392,7 +392,7 @@ TEST(NormalBake, BackfaceAndNameSettingsReachTheRays) {
   low.objects = {"panel_low"};
   Mesh named;
   add_plane(named, tilted_plane(0.002f, true, 0));
-  add_plane(named, test::square(-0.002f, 1.5f, true, 1));
+  add_plane(named, square(-0.002f, 1.5f, true, 1));
   named.objects = {"other_high", "panel_high"};
   s = small_settings(4, 2);
   expect_all_flat(bake_normal_map(low, named, s, 1), false, "match always");
@@ -465,7 +465,7 @@ TEST(NormalBake, MissFillLeavesTexelsOutsideTheIslands) {
 
 TEST(NormalBake, CallbacksPhasesRegionsAndRunFigures) {
   Mesh high;
-  add_plane(high, high_plane(0.004f));  // 3 units wide
+  add_plane(high, square(0.004f, 1.5f));  // 3 units wide
   NormalBakeSettings s = small_settings(6, 1);
   s.relative_scale = true;
   s.band_samples = 12;  // two rows per band
