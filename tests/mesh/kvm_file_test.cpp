@@ -49,9 +49,11 @@ std::string header(std::uint32_t flags, std::uint64_t p, std::uint64_t u, std::u
 std::string layout(const Mesh& m, std::uint32_t flags) {
   Bytes b{header(flags, m.positions.size(), m.uvs.size(), m.normals.size(), m.triangles.size(),
                  m.objects.size())};
-  for (const auto& p : m.positions) {
-    b.put(p[0], p[1], p[2]);
-  }
+  // Arrays of plain fields whose memory order is the file's order.
+  auto raw = [&b](const auto& v) {
+    b.data.append(reinterpret_cast<const char*>(v.data()), v.size() * sizeof v[0]);
+  };
+  raw(m.positions);
   for (const auto& t : m.uvs) {
     if (flags & kKvmUvDouble) {
       b.put(t[0], t[1]);
@@ -59,15 +61,8 @@ std::string layout(const Mesh& m, std::uint32_t flags) {
       b.put(static_cast<float>(t[0]), static_cast<float>(t[1]));
     }
   }
-  for (const auto& n : m.normals) {
-    b.put(n[0], n[1], n[2]);
-  }
-  for (const auto& t : m.triangles) {
-    for (const auto& c : t.corners) {
-      b.put(c.position, c.uv, c.normal);
-    }
-    b.put(t.object);
-  }
+  raw(m.normals);
+  raw(m.triangles);
   b.table(m.objects, {}, false);
   if (flags & kKvmMaterials) {
     b.table(m.materials, m.triangle_materials);
