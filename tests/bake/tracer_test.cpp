@@ -62,9 +62,6 @@ TEST(TracerHits, PlaneAtTheRightDistanceAndTriangle) {
         down_query(0.1f, 0.0f, 0.0f, 0.0f)}) {
     EXPECT_EQ(fields(tracer.trace(q)), Hit(-1, 0, 0, 0));
   }
-  // A window reaching 0.001 up and 0.0025 down holds only the lower square.
-  EXPECT_EQ(tracer.trace(down_query(0.25f, -0.5f, 0.001f, 0.0025f)).triangle, 0);
-  EXPECT_EQ(tracer.trace(down_query(0.25f, -0.5f, 0.004f, 0.0025f)).triangle, 2);
 
   // The description names the Embree version as "embree X.Y.Z", nothing more.
   int version[3];
