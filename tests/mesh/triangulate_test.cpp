@@ -64,14 +64,20 @@ Points comb(std::size_t teeth) {
   return p;
 }
 
-// A pentagram: every turn has the same sign, yet its edges cross.
-Points star() {
+// n corners on the unit circle, each `step` n-ths of a turn after the last.
+Points ring(std::size_t n, std::size_t step = 1) {
   Points p;
-  for (int i = 0; i < 5; ++i) {
-    const double angle = 2.0 * std::numbers::pi * (2 * i) / 5.0;
-    p.push_back({static_cast<float>(std::cos(angle)), static_cast<float>(std::sin(angle)), 0});
+  for (std::size_t i = 0; i < n; ++i) {
+    const double angle =
+        2.0 * std::numbers::pi * static_cast<double>(i * step) / static_cast<double>(n);
+    p.push_back({static_cast<float>(std::cos(angle)), static_cast<float>(std::sin(angle)), 0.5f});
   }
   return p;
+}
+
+// A pentagram: every turn has the same sign, yet its edges cross.
+Points star() {
+  return ring(5, 2);
 }
 
 TEST(FaceRule, RefusalsAndTheSplitOfQuadsAndPolygons) {
@@ -105,8 +111,7 @@ TEST(FaceRule, RefusalsAndTheSplitOfQuadsAndPolygons) {
       {3, {{0, 1, 2}}},
       {4, {{0, 1, 3}, {1, 2, 3}}},
       {5, {{0, 1, 2}, {0, 2, 3}, {0, 3, 4}}},
-      {7, {{0, 1, 2}, {0, 2, 3}, {0, 3, 4}, {0, 4, 5}, {0, 5, 6}}},
-  };
+      {7, {{0, 1, 2}, {0, 2, 3}, {0, 3, 4}, {0, 4, 5}, {0, 5, 6}}}};
   for (const auto& [n, triangles] : cases) {
     ASSERT_EQ(face_triangle_count(n), triangles.size()) << n;
     for (std::size_t t = 0; t < triangles.size(); ++t) {
@@ -117,14 +122,8 @@ TEST(FaceRule, RefusalsAndTheSplitOfQuadsAndPolygons) {
 
 TEST(ExactTriangulation, ConvexPolygonsKeepTheirFan) {
   for (std::size_t n : {3u, 5u, 6u, 64u, 6000u}) {
-    Points circle;
-    for (std::size_t i = 0; i < n; ++i) {
-      const double angle = 2.0 * std::numbers::pi * static_cast<double>(i) / static_cast<double>(n);
-      circle.push_back(
-          {static_cast<float>(std::cos(angle)), static_cast<float>(std::sin(angle)), 0.5f});
-    }
     std::vector<LocalTriangle> out;
-    ASSERT_TRUE(triangulate_polygon_exact(circle, out)) << n;
+    ASSERT_TRUE(triangulate_polygon_exact(ring(n), out)) << n;
     ASSERT_EQ(out.size(), n - 2);
     for (std::size_t t = 0; t < out.size(); ++t) {
       ASSERT_EQ(out[t], face_triangle(n, t)) << n;
