@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <tuple>
@@ -470,22 +471,19 @@ TEST(NormalBake, CallbacksPhasesRegionsAndRunFigures) {
   s.relative_scale = true;
   s.band_samples = 12;  // two rows per band
   std::vector<std::string> events;
-  std::vector<std::int32_t> rows_seen(6, 0);
+  std::vector<std::array<std::int32_t, 4>> regions;
   NormalBakeCallbacks callbacks;
   callbacks.phase_started = [&](std::string_view phase) { events.emplace_back(phase); };
   callbacks.tracing_started = [&](std::string_view backend) {
     events.push_back("tracing " + std::string(backend.substr(0, 7)));
   };
-  callbacks.region_finished = [&](const TexelRegion& region, const NormalBakeResult&) {
-    EXPECT_EQ(region.h, 2);
-    EXPECT_EQ(region.w, 6);
-    for (std::int32_t y = region.y; y < region.y + region.h; ++y) {
-      ++rows_seen[static_cast<std::size_t>(y)];
-    }
+  callbacks.region_finished = [&](const TexelRegion& r, const NormalBakeResult&) {
+    regions.push_back({r.x, r.y, r.w, r.h});
   };
   const NormalBakeRun run = bake_normal_map(unit_low_plane(), high, s, 2, callbacks);
   EXPECT_EQ(events, (std::vector<std::string>{"bvh", "bake", "tracing embree "}));
-  EXPECT_EQ(rows_seen, (std::vector<std::int32_t>(6, 1)));
+  std::sort(regions.begin(), regions.end());  // each band once, in any order
+  EXPECT_EQ(regions, (decltype(regions){{0, 0, 6, 2}, {0, 2, 6, 2}, {0, 4, 6, 2}}));
   EXPECT_EQ(run.backend.rfind("embree ", 0), 0u);
   EXPECT_EQ(std::tuple(run.scale, run.front, run.rear),
             std::tuple(3.0, 0.01f * 3.0f, 0.01f * 3.0f));
