@@ -155,7 +155,7 @@ TEST(LowPrepMask, MaterialsTileAndSkipListSelectTriangles) {
   EXPECT_EQ(skip.skipped_raster_triangles().size(), 3u);
 }
 
-TEST(LowPrepFingerprint, StableForSameInputsAndSensitiveToEveryField) {
+TEST(LowPrepFingerprint, StableForSameInputsAndSensitiveToWhatTheStreamHides) {
   Mesh mesh = two_material_mesh();
   mesh.normals.push_back({0, 0, 1});
   mesh.triangles[0].corners[0].normal = 0;
@@ -168,39 +168,26 @@ TEST(LowPrepFingerprint, StableForSameInputsAndSensitiveToEveryField) {
   other_run.front = 0.5f;  // ray distances are not part of the preparation
   EXPECT_EQ(LowPrep::build(mesh, groups, other_run).fingerprint(), reference);
 
-  std::vector<std::uint64_t> seen = {reference};
-  const auto differs = [&](const Mesh& m, std::span<const std::uint32_t> g,
-                           const NormalBakeSettings& s, std::vector<std::int64_t> skipped,
-                           const char* what) {
-    const std::uint64_t f = LowPrep::build(m, g, s, skipped).fingerprint();
-    for (const std::uint64_t other : seen) {
-      EXPECT_NE(f, other) << what;
-    }
-    seen.push_back(f);
-  };
-  for (const Change& change : kPrepChanges) {
+  // The word-wise stream test pins how the positions, UVs, triangles, names,
+  // groups and the filter are fed for one input; what it cannot see (the
+  // skip list, each setting's own value, normals, -0.0) must still change the
+  // fingerprint.
+  EXPECT_NE(LowPrep::build(mesh, groups, base, std::vector<std::int64_t>{1}).fingerprint(),
+            reference);
+  for (const Change& change : kPrepChanges) {  // a setting fed as a constant
     NormalBakeSettings s = base;
     change(s);
-    differs(mesh, groups, s, {}, "setting");
+    EXPECT_NE(LowPrep::build(mesh, groups, s).fingerprint(), reference);
   }
-  differs(mesh, groups, base, {1}, "skip list");
-  differs(mesh, {}, base, {}, "no groups");
-  const std::vector<std::uint32_t> other_groups = {6};
-  differs(mesh, other_groups, base, {}, "group value");
   const std::pair<std::function<void(Mesh&)>, const char*> mesh_changes[] = {
-      {[](Mesh& m) { m.positions[4][2] = 1e-30f; }, "position bit"},
       {[](Mesh& m) { m.positions[0][2] = -0.0f; }, "negative zero position"},
-      {[](Mesh& m) { m.uvs[8][1] += 1e-12; }, "uv"},
       {[](Mesh& m) { m.normals[0][2] = 0.5f; }, "normal"},
       {[](Mesh& m) { m.normals.resize(2); }, "unused normal"},
-      {[](Mesh& m) { m.triangles[1].corners[2].normal = 0; }, "corner normal index"},
-      {[](Mesh& m) { m.objects[0] = "objecu"; }, "object name"},
-      {[](Mesh& m) { m.objects[0] += '\0'; }, "object name length"},
   };
   for (const auto& [change, what] : mesh_changes) {
     Mesh m = mesh;
     change(m);
-    differs(m, groups, base, {}, what);
+    EXPECT_NE(LowPrep::build(m, groups, base).fingerprint(), reference) << what;
   }
 }
 
