@@ -389,12 +389,8 @@ TEST(NearestValidTexels, MatchesBruteForceWithLowestIndexTies) {
       EXPECT_EQ(got.nearest, expected.nearest) << w << "x" << h;
     }
   }
-  // 3 x 3: (2,0) and (0,2) are both at squared distance 4 from (0,0); the
-  // upper one wins although the other is further left.
-  Mask valid(9, 0);
-  valid[2] = valid[6] = 1;
-  const NearestValid nv = nearest_valid_texels(3, 3, valid, one);
-  EXPECT_EQ(std::pair(nv.nearest[0], nv.distance2[0]), std::pair(2u, std::uint64_t{4}));
+  // Ties are frequent in the small images; the brute force keeps the lowest
+  // index. Without a valid texel there is no nearest one.
   EXPECT_EQ(nearest_valid_texels(3, 3, Mask(9, 0), one).nearest,
             std::vector<std::uint32_t>(9, NearestValid::kNone));
 }
