@@ -471,23 +471,22 @@ TEST(TracerErrors, OutOfMemoryRetriesOnceInCompactMode) {
   EXPECT_GE(tracer->trace(test::down_query(0.1f, 0.2f, 0.02f, 0.02f)).triangle, 0);
 
   // A second failure propagates; other errors are not retried.
-  int calls = 0;
+  // The message, the number of builds and the retry flag.
   const auto failing = [&](auto error) {
-    calls = 0;
+    int calls = 0;
     retried = false;
-    build_with_compact_retry(
-        [&](const CpuTracerOptions&) -> std::unique_ptr<CpuTracer> {
-          ++calls;
-          throw decltype(error)(error.what() + std::to_string(calls));
-        },
-        &retried, trace);
+    const std::string text = message_of<decltype(error)>([&] {
+      build_with_compact_retry(
+          [&](const CpuTracerOptions&) -> std::unique_ptr<CpuTracer> {
+            ++calls;
+            throw decltype(error)(error.what() + std::to_string(calls));
+          },
+          &retried, trace);
+    });
+    return std::tuple(text, calls, retried);
   };
-  EXPECT_EQ(message_of<OutOfMemory>([&] { failing(OutOfMemory("again ")); }), "again 2");
-  EXPECT_EQ(calls, 2);
-  EXPECT_TRUE(retried);
-  EXPECT_EQ(message_of<Error>([&] { failing(Error("broken ")); }), "broken 1");
-  EXPECT_EQ(calls, 1);
-  EXPECT_FALSE(retried);
+  EXPECT_EQ(failing(OutOfMemory("again ")), std::tuple("again 2", 2, true));
+  EXPECT_EQ(failing(Error("broken ")), std::tuple("broken 1", 1, false));
 
   // The real entry builds without a retry when memory suffices.
   bool fresh = false;
