@@ -1,9 +1,12 @@
 #include "obj/bench_obj.h"
 
 #include <charconv>
+#include <memory>
 #include <string>
 
 #include "core/error.h"
+#include "core/parallel.h"
+#include "mesh/array_memory.h"
 #include "platform/platform.h"
 
 namespace kv::bench {
@@ -162,6 +165,21 @@ BenchObjInfo write_bench_obj(const std::filesystem::path& path, const BenchObjSh
   }
   info.bytes = out.finish();
   return info;
+}
+
+void plain_read(const std::filesystem::path& path, int threads) {
+  int error = 0;
+  platform::File file = platform::File::open_read(path, &error);
+  const std::int64_t size = file.is_open() ? file.size(&error) : -1;
+  if (size < 0) {
+    throw Error("cannot read " + path.string());
+  }
+  const auto bytes = static_cast<std::size_t>(size);
+  std::unique_ptr<char[]> buffer(new char[bytes]);
+  prefault_arrays({ArrayBytes{buffer.get(), bytes}}, WorkerPool(threads));
+  if (file.read_full(buffer.get(), bytes, &error) != size) {
+    throw Error("cannot read " + path.string());
+  }
 }
 
 }  // namespace kv::bench

@@ -26,4 +26,9 @@ BenchObjInfo bench_obj_info(const BenchObjShape& shape);
 // Throws kv::Error when the file cannot be written.
 BenchObjInfo write_bench_obj(const std::filesystem::path& path, const BenchObjShape& shape = {});
 
+// Reads a whole file into fresh memory in one call, its pages mapped on
+// `threads` threads first as the mesh readers map theirs: the floor of any
+// reader that must read the file once. Throws kv::Error on failure.
+void plain_read(const std::filesystem::path& path, int threads);
+
 }  // namespace kv::bench
