@@ -38,16 +38,21 @@ RayDistances ray_distances(const Mesh& high, float front, float rear, bool relat
 
 namespace {
 
-// (w0 a0 + w1 a1) + w2 a2 per component, in 32-bit float.
-Vec3f blend3(float w0, float w1, float w2, const Vec3f& a0, const Vec3f& a1, const Vec3f& a2) {
-  Vec3f r{};
-  for (int k = 0; k < 3; ++k) {
-    const float first = w0 * a0[k];
-    const float second = w1 * a1[k];
-    const float third = w2 * a2[k];
-    r[k] = (first + second) + third;
-  }
-  return r;
+// (w0 a0 + w1 a1) + w2 a2, in 32-bit float.
+inline float blend1(float w0, float w1, float w2, float a0, float a1, float a2) {
+  const float first = w0 * a0;
+  const float second = w1 * a1;
+  const float third = w2 * a2;
+  return (first + second) + third;
+}
+
+// The same per component. Built from three scalars at once: filling the
+// array one element at a time and reading it back whole stalls the CPU's
+// store forwarding on every sample.
+inline Vec3f blend3(float w0, float w1, float w2, const Vec3f& a0, const Vec3f& a1,
+                    const Vec3f& a2) {
+  return {blend1(w0, w1, w2, a0[0], a1[0], a2[0]), blend1(w0, w1, w2, a0[1], a1[1], a2[1]),
+          blend1(w0, w1, w2, a0[2], a1[2], a2[2])};
 }
 
 }  // namespace
@@ -88,19 +93,17 @@ bool build_ray_query(const RaySetup& setup, std::uint32_t triangle, double b1, d
   const Vec3f point =
       blend3(f0, f1, f2, low.positions[t.corners[0].position], low.positions[t.corners[1].position],
              low.positions[t.corners[2].position]);
-  std::array<Vec3f, 3> a{};
+  std::array<Vec3f, 3> own{};
+  const Vec3f* a = own.data();
   if (!setup.averaged_normals.empty()) {
-    const std::size_t base = static_cast<std::size_t>(triangle) * 3;
-    for (std::size_t c = 0; c < 3; ++c) {
-      a[c] = setup.averaged_normals[base + c];
-    }
+    a = setup.averaged_normals.data() + static_cast<std::size_t>(triangle) * 3;
   } else {
     for (int c = 0; c < 3; ++c) {
       const std::optional<Vec3f> corner = corner_normal(low, triangle, c);
       if (!corner) {
         return false;
       }
-      a[static_cast<std::size_t>(c)] = *corner;
+      own[static_cast<std::size_t>(c)] = *corner;
     }
   }
   Vec3f axis = blend3(f0, f1, f2, a[0], a[1], a[2]);

@@ -262,7 +262,6 @@ RasterHit UvRaster::lookup(std::int64_t sx, std::int64_t sy, std::int32_t a) con
   const std::uint64_t begin = offsets_[static_cast<std::uint64_t>(cell)];
   const std::uint64_t end = offsets_[static_cast<std::uint64_t>(cell) + 1];
   if (snap_bits_ >= 0) {
-    const double s = snap_scale(snap_bits_, snap_texel_, a);
     const double px = static_cast<double>(sx) + 0.5;
     const double py = static_cast<double>(sy) + 0.5;
     if (const std::vector<double>* kept = kept_corners(a)) {
@@ -274,6 +273,7 @@ RasterHit UvRaster::lookup(std::int64_t sx, std::int64_t sy, std::int32_t a) con
       }
       return hit;
     }
+    const double s = snap_scale(snap_bits_, snap_texel_, a);
     for (std::uint64_t k = end; k > begin; --k) {
       if (covers_snapped(triangles_[k - 1], px, py, s, a, hit)) {
         return hit;
