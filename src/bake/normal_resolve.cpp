@@ -106,8 +106,16 @@ bool strictly_inside(const Mesh& low, std::uint32_t t, double u, double v) {
   const auto& p1 = low.uvs[static_cast<std::size_t>(tri.corners[1].uv)];
   const auto& p2 = low.uvs[static_cast<std::size_t>(tri.corners[2].uv)];
   const double area = (p2[1] - p0[1]) * (p1[0] - p0[0]) - (p1[1] - p0[1]) * (p2[0] - p0[0]);
-  const double b1 = ((p2[1] - p0[1]) * (u - p0[0]) - (p2[0] - p0[0]) * (v - p0[1])) / area;
-  const double b2 = ((p1[0] - p0[0]) * (v - p0[1]) - (p1[1] - p0[1]) * (u - p0[0])) / area;
+  const double n1 = (p2[1] - p0[1]) * (u - p0[0]) - (p2[0] - p0[0]) * (v - p0[1]);
+  const double n2 = (p1[0] - p0[0]) * (v - p0[1]) - (p1[1] - p0[1]) * (u - p0[0]);
+  // A weight above the margin is above 0, so its numerator has the area's
+  // sign: most candidates fail that test and need no division.
+  const auto same_sign = [area](double n) { return area > 0.0 ? n > 0.0 : n < 0.0; };
+  if (!same_sign(n1) || !same_sign(n2)) {
+    return false;
+  }
+  const double b1 = n1 / area;
+  const double b2 = n2 / area;
   return b1 > kStackMargin && b2 > kStackMargin && (1.0 - b1 - b2) > kStackMargin;
 }
 
@@ -345,14 +353,16 @@ NormalBakeResult resolve_normals(const LowPrep& prep, const Mesh& high, const Tr
                   }
                 }
               }
-              RayQuery query;
+              // Built in place: a copy of every query costs more than the
+              // rare removal of one whose axis cannot be formed.
+              RayQuery& query = part.queries.emplace_back();
               if (!build_ray_query(setup, static_cast<std::uint32_t>(found.triangle), found.b1,
                                    found.b2, query)) {
+                part.queries.pop_back();
                 ++part.counters.invalid_ray_normals;
                 continue;
               }
-              sample.ray = static_cast<std::int32_t>(part.queries.size());
-              part.queries.push_back(query);
+              sample.ray = static_cast<std::int32_t>(part.queries.size() - 1);
             }
           }
         }
