@@ -460,18 +460,18 @@ std::string CpuTracer::description() const {
 }
 
 RayHit CpuTracer::trace(const RayQuery& query) const {
-  return trace_one(query, -1);
+  return trace_one(query, -1, thread_state(), fp_control_state());
 }
 
 RayHit CpuTracer::trace_excluding(const RayQuery& query, std::int32_t excluded) const {
-  return trace_one(query, excluded);
+  return trace_one(query, excluded, thread_state(), fp_control_state());
 }
 
-RayHit CpuTracer::trace_one(const RayQuery& query, std::int64_t excluded) const {
+RayHit CpuTracer::trace_one(const RayQuery& query, std::int64_t excluded, ThreadState& thread,
+                            std::uint32_t fp_state) const {
   if (!(query.t_max > 0.0f)) {
     return {};
   }
-  ThreadState& thread = thread_state();
   thread.cached = false;
   TraceContext context;
   embree::init_context(&context.base);
@@ -479,7 +479,7 @@ RayHit CpuTracer::trace_one(const RayQuery& query, std::int64_t excluded) const 
   context.query = &query;
   context.excluded = excluded;
   context.thread = &thread;
-  context.fp_state = fp_control_state();
+  context.fp_state = fp_state;
   RTCRayHit ray = embree::make_ray(query.origin.data(), query.direction.data(), query.t_max);
   embree::intersect1(static_cast<embree::Scene>(scene_), &context.base, &ray);
   if (ray.hit.geomID == embree::kInvalidId) {
@@ -514,8 +514,12 @@ void CpuTracer::trace_batch(const RayQuery* queries, RayHit* hits, std::uint64_t
   WorkerPool pool(threads);
   pool.for_chunks(count, kBatchTask,
                   [&](std::uint64_t /*task*/, std::uint64_t begin, std::uint64_t end) {
+                    // Nothing a task runs changes the thread or the
+                    // floating-point control state.
+                    ThreadState& thread = thread_state();
+                    const std::uint32_t fp_state = fp_control_state();
                     for (std::uint64_t i = begin; i < end; ++i) {
-                      hits[i] = trace_one(queries[i], -1);
+                      hits[i] = trace_one(queries[i], -1, thread, fp_state);
                     }
                   });
 }

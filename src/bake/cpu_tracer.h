@@ -88,7 +88,10 @@ class CpuTracer final : public Tracer {
  private:
   friend struct CpuTracerCallbacks;  // Embree's filter, error and memory callbacks
 
-  RayHit trace_one(const RayQuery& query, std::int64_t excluded) const;
+  // One ray on the calling thread, whose state and floating-point control
+  // state the caller looked up (once per batch task, not once per ray).
+  RayHit trace_one(const RayQuery& query, std::int64_t excluded, ThreadState& thread,
+                   std::uint32_t fp_state) const;
   ThreadState& thread_state() const;
   void build(int threads);
   void release();
