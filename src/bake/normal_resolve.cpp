@@ -291,8 +291,10 @@ NormalBakeResult resolve_normals(const LowPrep& prep, const Mesh& high, const Tr
   result.centre_covered.assign(texel_count, 0);
 
   // Per-chunk sub-samples, queries and hits, kept between bands so their
-  // memory is reused. A sample's ray indexes its own chunk's queries.
-  struct Part {
+  // memory is reused. A sample's ray indexes its own chunk's queries. Each on
+  // cache lines of its own: neighbouring chunks run on different threads and
+  // count into their parts on every sample.
+  struct alignas(64) Part {
     std::vector<SubSample> samples;
     std::vector<RayQuery> queries;
     std::vector<RayHit> hits;
