@@ -490,9 +490,7 @@ ChunkCounts count_chunk(const char* begin, const char* end) {
   ChunkCounts counts;
   const char* p = begin;
   while (p < end) {
-    const char* newline =
-        static_cast<const char*>(std::memchr(p, '\n', static_cast<std::size_t>(end - p)));
-    const char* line_end = newline != nullptr ? newline : end;
+    const char* line_end = find_newline(p, end);
     switch (read_keyword(p, line_end)) {
       case Keyword::v:
         ++counts.positions;
