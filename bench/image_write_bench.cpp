@@ -22,14 +22,11 @@
 namespace {
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
+using kv::bench::Clock;
+using kv::bench::seconds_since;
 
 constexpr int kSize = 4096;
 constexpr int kChannels = 3;
-
-double seconds_since(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
 
 // Processor time of the whole process (every thread, user and system), to
 // tell the work done from time lost to other processes on a busy machine.

@@ -23,23 +23,8 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double seconds_since(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-std::uint64_t mesh_bytes(const kv::Mesh& mesh) {
-  std::uint64_t bytes = mesh.positions.size() * 12 + mesh.uvs.size() * 16 +
-                        mesh.normals.size() * 12 + mesh.triangles.size() * sizeof(kv::Triangle) +
-                        mesh.triangle_materials.size() * 4 + mesh.object_blocks.size() * 4;
-  for (const auto* names : {&mesh.objects, &mesh.materials, &mesh.blocks}) {
-    for (const std::string& name : *names) {
-      bytes += name.size();
-    }
-  }
-  return bytes;
-}
+using kv::bench::Clock;
+using kv::bench::seconds_since;
 
 // Child: reads the file `repeats` times with one reader and prints
 // "best_wall peak_bytes mesh_bytes triangles".
@@ -63,7 +48,7 @@ int run_child(const std::string& reader, const std::string& path, int threads, i
       mesh = kv::read_obj(path, options).mesh;
     }
     best = std::min(best, seconds_since(start));
-    bytes = mesh_bytes(mesh);
+    bytes = kv::bench::mesh_array_bytes(mesh);
     triangles = mesh.triangles.size();
   }
   std::printf("%.6f %llu %llu %llu\n", best,

@@ -15,6 +15,7 @@
 
 #include "bake/embree_api.h"
 #include "bake/low_prep.h"
+#include "common/bench_common.h"
 #include "core/parallel.h"
 #include "limit/plain_embree.h"
 #include "platform/platform.h"
@@ -22,11 +23,8 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double seconds_since(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
+using kv::bench::Clock;
+using kv::bench::seconds_since;
 
 int int_option(int argc, char** argv, const char* name, int fallback) {
   for (int i = 1; i + 1 < argc; ++i) {

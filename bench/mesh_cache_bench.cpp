@@ -21,9 +21,7 @@
 
 namespace {
 
-double seconds_since(std::chrono::steady_clock::time_point start) {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
+using kv::bench::seconds_since;
 
 // A rippled grid of cells x cells quads, two triangles each, with a position,
 // a UV and a normal per vertex. Written with fixed formulas, so every run

@@ -24,25 +24,8 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double seconds_since(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-// Bytes the finished mesh holds in its arrays.
-std::uint64_t mesh_bytes(const kv::Mesh& mesh) {
-  std::uint64_t bytes = mesh.positions.size() * 12 + mesh.uvs.size() * 16 +
-                        mesh.normals.size() * 12 + mesh.triangles.size() * sizeof(kv::Triangle) +
-                        mesh.triangle_materials.size() * 4 + mesh.object_blocks.size() * 4 +
-                        mesh.polygroups.size() * 4 + mesh.colors.size() * 12;
-  for (const auto* names : {&mesh.objects, &mesh.materials, &mesh.blocks}) {
-    for (const std::string& name : *names) {
-      bytes += name.size();
-    }
-  }
-  return bytes;
-}
+using kv::bench::Clock;
+using kv::bench::seconds_since;
 
 struct Timing {
   double wall = 1e30;  // best wall-clock time of the repeats
@@ -75,7 +58,7 @@ int run_child_ours(const std::string& path, int threads, int repeats) {
   std::uint64_t quads = 0;
   const Timing timing = time_best(repeats, [&] {
     kv::ObjReadResult result = kv::read_obj(path, options);
-    bytes = mesh_bytes(result.mesh);
+    bytes = kv::bench::mesh_array_bytes(result.mesh);
     triangles = result.mesh.triangles.size();
     quads = result.stats.quads_split;
   });

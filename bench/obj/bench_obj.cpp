@@ -167,6 +167,19 @@ BenchObjInfo write_bench_obj(const std::filesystem::path& path, const BenchObjSh
   return info;
 }
 
+std::uint64_t mesh_array_bytes(const Mesh& mesh) {
+  std::uint64_t bytes = mesh.positions.size() * 12 + mesh.uvs.size() * 16 +
+                        mesh.normals.size() * 12 + mesh.triangles.size() * sizeof(Triangle) +
+                        mesh.triangle_materials.size() * 4 + mesh.object_blocks.size() * 4 +
+                        mesh.polygroups.size() * 4 + mesh.colors.size() * 12;
+  for (const auto* names : {&mesh.objects, &mesh.materials, &mesh.blocks}) {
+    for (const std::string& name : *names) {
+      bytes += name.size();
+    }
+  }
+  return bytes;
+}
+
 void plain_read(const std::filesystem::path& path, int threads) {
   int error = 0;
   platform::File file = platform::File::open_read(path, &error);

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <filesystem>
 
+#include "mesh/mesh.h"
+
 namespace kv::bench {
 
 struct BenchObjShape {
@@ -25,6 +27,9 @@ BenchObjInfo bench_obj_info(const BenchObjShape& shape);
 // Writes the file (replacing it); the same shape always gives the same bytes.
 // Throws kv::Error when the file cannot be written.
 BenchObjInfo write_bench_obj(const std::filesystem::path& path, const BenchObjShape& shape = {});
+
+// Bytes a finished mesh holds in its arrays and names.
+std::uint64_t mesh_array_bytes(const Mesh& mesh);
 
 // Reads a whole file into fresh memory in one call, its pages mapped on
 // `threads` threads first as the mesh readers map theirs: the floor of any
