@@ -215,17 +215,12 @@ void add_through_colour(std::array<float, 3>& sum, const std::array<double, 3>& 
 }
 
 bool texel_normal_codes(const std::array<float, 3>& sum, std::uint16_t* codes) {
-  const float xx = sum[0] * sum[0];
-  const float yy = sum[1] * sum[1];
-  const float zz = sum[2] * sum[2];
-  const float len = std::sqrt((xx + yy) + zz);
-  if (!(len > 0.0f) || !std::isfinite(len)) {
+  Vec3f unit = sum;
+  if (!normalize_in_place(unit)) {
     return false;
   }
-  const float inv = 1.0f / len;
   for (std::size_t k = 0; k < 3; ++k) {
-    const float unit = sum[k] * inv;
-    const float colour = unit * 0.5f + 0.5f;
+    const float colour = unit[k] * 0.5f + 0.5f;
     codes[k] = encode_unorm16(static_cast<double>(colour));
   }
   return true;
