@@ -298,12 +298,19 @@ int File::write_all_at(const void* data, std::size_t size, std::uint64_t offset)
   return 0;
 }
 
-std::int64_t File::read_full_at(void* data, std::size_t size, std::uint64_t offset,
-                                int* error) const {
+namespace {
+
+// Reads until `size` bytes arrived or the file ended, in steps of at most
+// 1 GiB, retrying interrupted calls: the count read, or -1 with *error.
+// read_step(into, step, bytes_done) makes one read(2)-like call.
+template <typename ReadStep>
+std::int64_t read_until_full(void* data, std::size_t size, int* error, ReadStep read_step) {
   auto* p = static_cast<char*>(data);
   std::size_t total = 0;
   while (total < size) {
-    const ssize_t n = ::pread(fd_, p + total, size - total, static_cast<off_t>(offset + total));
+    const std::size_t step =
+        size - total < (std::size_t{1} << 30) ? size - total : (std::size_t{1} << 30);
+    const ssize_t n = read_step(p + total, step, total);
     if (n < 0) {
       if (errno == EINTR) {
         continue;
@@ -317,6 +324,15 @@ std::int64_t File::read_full_at(void* data, std::size_t size, std::uint64_t offs
     total += static_cast<std::size_t>(n);
   }
   return static_cast<std::int64_t>(total);
+}
+
+}  // namespace
+
+std::int64_t File::read_full_at(void* data, std::size_t size, std::uint64_t offset,
+                                int* error) const {
+  return read_until_full(data, size, error, [&](char* into, std::size_t step, std::size_t done) {
+    return ::pread(fd_, into, step, static_cast<off_t>(offset + done));
+  });
 }
 
 int File::write_all(const void* data, std::size_t size) {
@@ -354,25 +370,9 @@ std::int64_t File::write_some(const void* data, std::size_t size, int* error) {
 }
 
 std::int64_t File::read_full(void* data, std::size_t size, int* error) {
-  auto* p = static_cast<char*>(data);
-  std::size_t total = 0;
-  while (total < size) {
-    const std::size_t step =
-        size - total < (std::size_t{1} << 30) ? size - total : (std::size_t{1} << 30);
-    const ssize_t n = ::read(fd_, p + total, step);
-    if (n < 0) {
-      if (errno == EINTR) {
-        continue;
-      }
-      *error = errno;
-      return -1;
-    }
-    if (n == 0) {
-      break;
-    }
-    total += static_cast<std::size_t>(n);
-  }
-  return static_cast<std::int64_t>(total);
+  return read_until_full(data, size, error, [&](char* into, std::size_t step, std::size_t) {
+    return ::read(fd_, into, step);
+  });
 }
 
 std::int64_t File::size(int* error) const {
