@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include "image/exr.h"
+#include "image/png.h"
+
 #include "image/image_test_util.h"
 
 namespace kv {
@@ -10,18 +13,18 @@ namespace {
 namespace fs = std::filesystem;
 using test::error_of;
 using test::list_names;
+using test::random_codes;
 using test::read_text_file;
 
 // The counter value a temporary file was created with, read from its name;
-// the whole name is checked against temp_file_name.
+// the whole name is checked against temp_file_name (and its form through the
+// writers' messages).
 std::uint64_t counter_of(const fs::path& temp) {
   const std::string name = temp.string();
   return std::stoull(name.substr(name.rfind('-') + 1));  // stops at ".tmp"
 }
 
 TEST(TempFile, NamesFollowTheCounterAndOnlyCommitReplacesTheTarget) {
-  EXPECT_EQ(temp_file_name("/maps/out.exr", 12),
-            "/maps/out.exr." + std::to_string(platform::process_id()) + "-12.tmp");
   test::ScratchDir dir;
   const fs::path target = dir / "out.dat";
   test::write_text_file(target, "previous contents that are longer");
@@ -98,6 +101,36 @@ TEST(TempFile, CreationAndReplacementFailuresCarryTheSystemText) {
   EXPECT_FALSE(temp.committed());
   EXPECT_EQ(list_names(dir.path()), std::vector<std::string>{"taken"});
   EXPECT_TRUE(fs::is_directory(folder / "inside"));
+}
+
+// A write that runs out of room part way must leave the previous file as it
+// was and no temporary beside it. The test runs again in a child process
+// whose files may not grow past 64 KiB (SIGXFSZ ignored, so writes fail with
+// EFBIG); there both writers try to replace the target.
+TEST(Writers, FailedWriteKeepsTheOldFile) {
+  if (const auto target = platform::get_env("KV_IMAGE_CHILD_TARGET")) {
+    const std::vector<std::uint16_t> codes = random_codes(512 * 512 * 3, 9);
+    const std::string exr = error_of([&] { writeExr(*target, 512, 512, 3, codes, kExrFloat); });
+    EXPECT_TRUE(exr.starts_with("Cannot write EXR " + *target +
+                                ": could not write the temporary file " + *target + "." +
+                                std::to_string(platform::process_id()) + "-"))
+        << exr;
+    EXPECT_TRUE(exr.ends_with(".tmp: File too large")) << exr;
+    EXPECT_EQ(error_of([&] { writePngCodes(*target, 512, 512, 3, codes); }),
+              "cannot write " + *target + ".tmp");
+    return;
+  }
+  test::ScratchDir dir;
+  const fs::path target = dir / "map";
+  test::write_text_file(target, "the previous map");
+  const auto result = platform::run_process(
+      {"/bin/sh", "-c", "trap '' XFSZ; ulimit -f 64 && exec \"$0\" --gtest_filter=\"$1\"",
+       fs::read_symlink("/proc/self/exe").string(), "Writers.FailedWriteKeepsTheOldFile"},
+      "", {"KV_IMAGE_CHILD_TARGET=" + target.string()});
+  EXPECT_EQ(result.exit_code, 0) << result.out << result.err;
+  EXPECT_NE(result.out.find("[  PASSED  ] 1 test"), std::string::npos) << result.out;
+  EXPECT_EQ(list_names(dir.path()), std::vector<std::string>{"map"});
+  EXPECT_EQ(read_text_file(target), "the previous map");
 }
 
 }  // namespace
