@@ -291,8 +291,7 @@ TEST(HalfConversion, AgreesWithTheReaderEverywhere) {
   for (std::uint32_t bits : patterns) {
     // NaN payloads may differ; NaN must stay NaN.
     const half theirs(std::bit_cast<float>(bits));
-    half ours;
-    ours.setBits(float_to_half_bits(std::bit_cast<float>(bits)));
+    const half ours(half::FromBits, float_to_half_bits(std::bit_cast<float>(bits)));
     ASSERT_TRUE(ours.bits() == theirs.bits() || (ours.isNan() && theirs.isNan()))
         << std::hex << bits << " " << ours.bits() << " " << theirs.bits();
   }
@@ -342,21 +341,20 @@ TEST(ExrWriter, TargetsAndTheirFolders) {
 TEST(ExrWriter, ConcurrentWritersDoNotMix) {
   test::ScratchDir dir;
   std::vector<std::vector<std::uint16_t>> maps(6);
-  std::vector<std::thread> threads;
   const auto own = [&](unsigned i) { return dir / ("own" + std::to_string(i)); };
-  for (unsigned i = 0; i < 6; ++i) {
-    // Each writes its own file, then one target shared by all: the last to
-    // commit wins whole.
-    threads.emplace_back([&, i] {
-      maps[i] = random_codes(300 * 200 * 3, 100 + i);
-      writeExr(own(i), 300, 200, 3, maps[i], i % 2 ? kExrHalf : kExrFloat);
-      writeExr(dir / "shared", 300, 200, 3, maps[i], i % 2 ? kExrHalf : kExrFloat);
-    });
+  {
+    std::vector<std::jthread> threads;  // joined at the end of the block
+    for (unsigned i = 0; i < 6; ++i) {
+      // Each writes its own file, then one target shared by all: the last to
+      // commit wins whole.
+      threads.emplace_back([&, i] {
+        maps[i] = random_codes(300 * 200 * 3, 100 + i);
+        writeExr(own(i), 300, 200, 3, maps[i], i % 2 ? kExrHalf : kExrFloat);
+        writeExr(dir / "shared", 300, 200, 3, maps[i], i % 2 ? kExrHalf : kExrFloat);
+      });
+    }
   }
   int matches = 0;
-  for (unsigned i = 0; i < 6; ++i) {
-    threads[i].join();
-  }
   for (unsigned i = 0; i < 6; ++i) {
     expect_file_holds(own(i), 300, 200, 3, maps[i], i % 2 ? kExrHalf : kExrFloat);
     matches += read_text_file(own(i)) == read_text_file(dir / "shared") ? 1 : 0;
@@ -436,7 +434,8 @@ TEST(TempFile, GivesUpAfterSixtyFourTakenNamesAndPassesOnSystemErrors) {
       << text;
   EXPECT_TRUE(text.ends_with(".tmp: No such file or directory")) << text;
 
-  // Replacing a non-empty folder is refused by the system; the temporary goes.
+  // Replacing a non-empty folder is refused by the system; the temporary goes
+  // and only the taken names and the folder stay.
   const fs::path folder = dir / "taken";
   fs::create_directories(folder / "inside");
   TempFile temp = TempFile::create(folder, "P: ");
@@ -476,6 +475,8 @@ TEST(Writers, FailedWriteKeepsTheOldFile) {
   EXPECT_EQ(read_text_file(target), "the previous map");
 }
 
+// PNG files, checked through LodePNG.
+
 // A PNG decoded by LodePNG in its stored mode; 16-bit samples are turned from
 // the file's big-endian order into numbers.
 struct DecodedPng {
@@ -502,8 +503,8 @@ DecodedPng decode_stored(const Bytes& bytes) {
 }
 
 TexelImage u16_image(int width, int height, int channels, const std::vector<std::uint16_t>& codes) {
-  TexelImage image{width, height, channels, ComponentType::kU16, {}};
-  image.data.resize(codes.size() * 2);
+  TexelImage image{width, height, channels, ComponentType::kU16,
+                   std::vector<std::uint8_t>(2 * codes.size())};
   std::memcpy(image.data.data(), codes.data(), image.data.size());
   return image;
 }
