@@ -1,10 +1,10 @@
 #include "obj/bench_obj.h"
 
 #include <charconv>
-#include <memory>
 #include <string>
 
 #include "core/error.h"
+#include "core/large_array.h"
 #include "core/parallel.h"
 #include "mesh/array_memory.h"
 #include "platform/platform.h"
@@ -188,9 +188,10 @@ void plain_read(const std::filesystem::path& path, int threads) {
     throw Error("cannot read " + path.string());
   }
   const auto bytes = static_cast<std::size_t>(size);
-  std::unique_ptr<char[]> buffer(new char[bytes]);
-  prefault_arrays({ArrayBytes{buffer.get(), bytes}}, WorkerPool(threads));
-  if (file.read_full(buffer.get(), bytes, &error) != size) {
+  // The same memory the readers use: a huge-page block, mapped first.
+  const LargeBuffer buffer(bytes);
+  prefault_arrays({ArrayBytes{buffer.data(), bytes}}, WorkerPool(threads));
+  if (file.read_full(buffer.data(), bytes, &error) != size) {
     throw Error("cannot read " + path.string());
   }
 }

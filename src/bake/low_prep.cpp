@@ -32,8 +32,8 @@ class FingerprintHash {
     hash_ = fnv1a_bytes(hash_, p + i, size - i);
   }
 
-  template <typename T>
-  void array(const std::vector<T>& items) {
+  template <typename T, typename Allocator>
+  void array(const std::vector<T, Allocator>& items) {
     word(items.size());
     bytes(items.data(), items.size() * sizeof(T));
   }

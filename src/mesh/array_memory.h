@@ -23,8 +23,8 @@ void prefault_arrays(const std::vector<ArrayBytes>& blocks, const WorkerPool& po
 
 // Room for `count` elements in an empty array, its pages already mapped;
 // resize() afterwards fills pages that are in place.
-template <typename T>
-ArrayBytes reserve_array(std::vector<T>& array, std::size_t count) {
+template <typename T, typename Allocator>
+ArrayBytes reserve_array(std::vector<T, Allocator>& array, std::size_t count) {
   array.reserve(count);
   return ArrayBytes{array.data(), static_cast<std::uint64_t>(count) * sizeof(T)};
 }

@@ -166,7 +166,7 @@ std::vector<std::string> read_names(Reader& reader, const std::filesystem::path&
 // index per element of the array it annotates.
 struct Table {
   std::vector<std::string> names;
-  std::vector<std::uint32_t> indices;
+  LargeArray<std::uint32_t> indices;
 };
 
 Table read_table(Reader& reader, const std::filesystem::path& path, std::uint64_t index_count,
@@ -283,29 +283,41 @@ void validate(Mesh& mesh, bool normalize, const WorkerPool& pool,
   }
 }
 
-// The four large arrays at their full size, their pages mapped on the pool's
-// threads and then filled side by side, before the file is read into them.
-void size_arrays(Mesh& mesh, const Header& h, const WorkerPool& pool) {
+// Reads the positions, UVs and normals, which come before the triangles.
+void read_vertex_arrays(Reader& reader, Mesh& mesh, const Header& h) {
+  mesh.positions.resize(h.positions);
+  reader.read(mesh.positions.data(), h.positions * 12);
+  mesh.uvs.resize(h.uvs);
+  if (h.flags & kKvmUvDouble) {
+    reader.read(mesh.uvs.data(), h.uvs * 16);
+  } else {
+    std::vector<std::array<float, 2>> narrow(h.uvs);
+    reader.read(narrow.data(), h.uvs * 8);
+    for (std::size_t i = 0; i < narrow.size(); ++i) {
+      mesh.uvs[i] = {narrow[i][0], narrow[i][1]};
+    }
+  }
+  mesh.normals.resize(h.normals);
+  reader.read(mesh.normals.data(), h.normals * 12);
+}
+
+// The four large arrays: their pages mapped on the pool's threads first, then
+// the triangles (the largest) sized on one thread while the arrays before
+// them are sized and read on another. The file is still read in its order,
+// one array at a time.
+void read_arrays(Reader& reader, Mesh& mesh, const Header& h, const WorkerPool& pool) {
   prefault_arrays(
       {reserve_array(mesh.positions, h.positions), reserve_array(mesh.uvs, h.uvs),
        reserve_array(mesh.normals, h.normals), reserve_array(mesh.triangles, h.triangles)},
       pool);
-  pool.for_chunks(4, 1, [&](std::uint64_t array, std::uint64_t, std::uint64_t) {
-    switch (array) {
-      case 0:
-        mesh.triangles.resize(h.triangles);
-        break;
-      case 1:
-        mesh.positions.resize(h.positions);
-        break;
-      case 2:
-        mesh.normals.resize(h.normals);
-        break;
-      default:
-        mesh.uvs.resize(h.uvs);
-        break;
+  pool.for_chunks(2, 1, [&](std::uint64_t task, std::uint64_t, std::uint64_t) {
+    if (task == 0) {
+      mesh.triangles.resize(h.triangles);
+    } else {
+      read_vertex_arrays(reader, mesh, h);
     }
   });
+  reader.read(mesh.triangles.data(), h.triangles * sizeof(Triangle));
 }
 
 void refuse_duplicate_objects(const Mesh& mesh, const std::filesystem::path& path) {
@@ -339,19 +351,7 @@ Mesh read_kvm(const std::filesystem::path& path, int threads) {
 
   Mesh mesh;
   const WorkerPool pool(threads);
-  size_arrays(mesh, h, pool);
-  reader.read(mesh.positions.data(), h.positions * 12);
-  if (h.flags & kKvmUvDouble) {
-    reader.read(mesh.uvs.data(), h.uvs * 16);
-  } else {
-    std::vector<std::array<float, 2>> narrow(h.uvs);
-    reader.read(narrow.data(), h.uvs * 8);
-    for (std::size_t i = 0; i < narrow.size(); ++i) {
-      mesh.uvs[i] = {narrow[i][0], narrow[i][1]};
-    }
-  }
-  reader.read(mesh.normals.data(), h.normals * 12);
-  reader.read(mesh.triangles.data(), h.triangles * sizeof(Triangle));
+  read_arrays(reader, mesh, h, pool);
   mesh.objects = read_names(reader, path, h.objects, "object name too long");
 
   if (h.flags & kKvmMaterials) {

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "core/large_array.h"
+
 namespace kv {
 
 struct Corner {
@@ -23,18 +25,18 @@ static_assert(sizeof(Corner) == 12, "Corner is three 32-bit fields");
 static_assert(sizeof(Triangle) == 40, "Triangle is 40 bytes with no padding");
 
 struct Mesh {
-  std::vector<std::array<float, 3>> positions;
-  std::vector<std::array<double, 2>> uvs;  // float64 from reading to the raster
-  std::vector<std::array<float, 3>> normals;
-  std::vector<Triangle> triangles;
+  LargeArray<std::array<float, 3>> positions;
+  LargeArray<std::array<double, 2>> uvs;  // float64 from reading to the raster
+  LargeArray<std::array<float, 3>> normals;
+  LargeArray<Triangle> triangles;
   std::vector<std::string> objects;
   std::vector<std::string> materials;
-  std::vector<std::uint32_t> triangle_materials;  // one per triangle, or empty
+  LargeArray<std::uint32_t> triangle_materials;  // one per triangle, or empty
   std::vector<std::string> blocks;
-  std::vector<std::uint32_t> object_blocks;   // one per object, or empty
+  LargeArray<std::uint32_t> object_blocks;    // one per object, or empty
   std::vector<std::string> object_alt_names;  // one per object, or empty
-  std::vector<std::uint32_t> polygroups;      // one per triangle, or empty
-  std::vector<std::array<float, 3>> colors;   // one per corner, or empty
+  LargeArray<std::uint32_t> polygroups;       // one per triangle, or empty
+  LargeArray<std::array<float, 3>> colors;    // one per corner, or empty
 };
 
 // Counters a reader fills while it builds a Mesh.

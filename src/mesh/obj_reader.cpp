@@ -12,6 +12,7 @@
 #include <emmintrin.h>
 
 #include "core/error.h"
+#include "core/large_array.h"
 #include "core/parallel.h"
 #include "core/parse_number.h"
 #include "mesh/array_memory.h"
@@ -1144,7 +1145,7 @@ ObjReadResult read_obj(const std::filesystem::path& path, const MeshReadOptions&
   // Left uninitialised: the reads fill every byte. Slices are read on the
   // pool's threads, so that copying the text out of the file cache is shared.
   const auto bytes = static_cast<std::size_t>(size);
-  std::unique_ptr<char[]> buffer(new char[bytes]);
+  const LargeBuffer buffer(bytes);
   const WorkerPool pool(options.threads);
   constexpr std::uint64_t kReadSlice = std::uint64_t{8} << 20;
   FirstFailure short_read;
@@ -1154,8 +1155,8 @@ ObjReadResult read_obj(const std::filesystem::path& path, const MeshReadOptions&
                     const std::size_t length = static_cast<std::size_t>(end - begin);
                     // Mapping the slice's fresh pages in one call is cheaper
                     // than faulting them in one by one inside the read.
-                    platform::prefault_for_write(buffer.get() + begin, length);
-                    if (file.read_full_at(buffer.get() + begin, length, begin, &slice_error) !=
+                    platform::prefault_for_write(buffer.data() + begin, length);
+                    if (file.read_full_at(buffer.data() + begin, length, begin, &slice_error) !=
                         static_cast<std::int64_t>(length)) {
                       short_read.record(slice);
                     }
@@ -1164,7 +1165,7 @@ ObjReadResult read_obj(const std::filesystem::path& path, const MeshReadOptions&
     throw Error("cannot read mesh file: " + format_path(path));
   }
   file.close();
-  const std::string_view text(buffer.get(), bytes);
+  const std::string_view text(buffer.data(), bytes);
   if (options.on_text) {
     options.on_text(text);
   }

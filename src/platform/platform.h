@@ -39,6 +39,14 @@ std::uint64_t peak_resident_bytes();
 // cannot, and the pages then fault in on first touch as usual.
 bool prefault_for_write(void* data, std::size_t bytes);
 
+// Fresh zeroed memory for one large array: whole 2 MiB blocks on a 2 MiB
+// boundary, marked for huge pages, so that it faults in (and is read into)
+// with a few hundred page faults instead of tens of thousands. nullptr when
+// the system has no memory for it. Give it back with unmap_large_block and
+// the same byte count.
+void* map_large_block(std::size_t bytes);
+void unmap_large_block(void* data, std::size_t bytes);
+
 // The system's text for an error number; "error N" when it has none.
 std::string system_error_text(int error);
 

@@ -13,6 +13,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -97,6 +98,48 @@ bool prefault_for_write(void* data, std::size_t bytes) {
   const auto first = reinterpret_cast<std::uintptr_t>(data) & ~(page - 1);
   const std::uintptr_t end = reinterpret_cast<std::uintptr_t>(data) + bytes;
   return ::madvise(reinterpret_cast<void*>(first), end - first, MADV_POPULATE_WRITE) == 0;
+}
+
+namespace {
+
+constexpr std::size_t kHugePage = std::size_t{2} << 20;
+
+std::size_t whole_huge_pages(std::size_t bytes) {
+  return (bytes + kHugePage - 1) / kHugePage * kHugePage;
+}
+
+}  // namespace
+
+void* map_large_block(std::size_t bytes) {
+  if (bytes == 0 || bytes > SIZE_MAX - 2 * kHugePage) {
+    return nullptr;
+  }
+  const std::size_t length = whole_huge_pages(bytes);
+  // Ask for one huge page more than needed and cut the unaligned ends off.
+  const std::size_t mapped = length + kHugePage;
+  void* raw = ::mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (raw == MAP_FAILED) {
+    return nullptr;
+  }
+  const auto start = reinterpret_cast<std::uintptr_t>(raw);
+  const std::uintptr_t aligned = (start + kHugePage - 1) & ~(std::uintptr_t{kHugePage} - 1);
+  const std::size_t head = aligned - start;
+  const std::size_t tail = mapped - head - length;
+  if (head > 0) {
+    ::munmap(raw, head);
+  }
+  if (tail > 0) {
+    ::munmap(reinterpret_cast<void*>(aligned + length), tail);
+  }
+  // Only a hint: without huge pages the block works the same, just slower.
+  ::madvise(reinterpret_cast<void*>(aligned), length, MADV_HUGEPAGE);
+  return reinterpret_cast<void*>(aligned);
+}
+
+void unmap_large_block(void* data, std::size_t bytes) {
+  if (data != nullptr) {
+    ::munmap(data, whole_huge_pages(bytes));
+  }
 }
 
 std::string system_error_text(int error) {

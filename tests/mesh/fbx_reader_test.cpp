@@ -73,7 +73,7 @@ TEST(FbxReader, PolygonsFollowTheFaceRuleAndNodesPlaceThem) {
   EXPECT_EQ(m.normals[c.normal], (Vec3{0, 0, 1}));
   EXPECT_EQ(m.objects, std::vector<std::string>{"Panel"});
   EXPECT_EQ(m.materials, std::vector<std::string>{"paint"});
-  EXPECT_EQ(m.triangle_materials, std::vector<std::uint32_t>(6, 0));
+  EXPECT_EQ(m.triangle_materials, LargeArray<std::uint32_t>(6, 0));
 
   // The face policies refuse the quad, then the pentagon.
   MeshReadOptions options;

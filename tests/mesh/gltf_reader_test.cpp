@@ -57,16 +57,16 @@ TEST(GltfReader, PlacesVerticesByTheNodeAndTurnsVToTheObjConvention) {
   const Mesh m = read_gltf(dir / "q.gltf", MeshReadOptions{}, &stats);
   EXPECT_EQ(stats.quads_split, 0u);
   EXPECT_EQ(m.positions,
-            (std::vector<std::array<float, 3>>{{10, 0, 0}, {12, 0, 0}, {12, 2, 0}, {10, 2, 0}}));
-  EXPECT_EQ(m.uvs, (std::vector<std::array<double, 2>>{{0, 1}, {1, 1}, {1, 0.75}, {0, 0}}));
-  EXPECT_EQ(m.normals, (std::vector<std::array<float, 3>>(4, {0, 0, 1})));
+            (LargeArray<std::array<float, 3>>{{10, 0, 0}, {12, 0, 0}, {12, 2, 0}, {10, 2, 0}}));
+  EXPECT_EQ(m.uvs, (LargeArray<std::array<double, 2>>{{0, 1}, {1, 1}, {1, 0.75}, {0, 0}}));
+  EXPECT_EQ(m.normals, (LargeArray<std::array<float, 3>>(4, {0, 0, 1})));
   ASSERT_EQ(m.triangles.size(), 2u);
   const auto& c = m.triangles[1].corners;
   EXPECT_EQ(std::tuple(c[0].position, c[1].position, c[2].position, c[2].uv, c[2].normal),
             std::tuple(0u, 2u, 3u, 3, 3));
   EXPECT_EQ(m.objects, std::vector<std::string>{"Quad"});
   EXPECT_EQ(m.materials, std::vector<std::string>{"paint"});
-  EXPECT_EQ(m.triangle_materials, (std::vector<std::uint32_t>{0, 0}));
+  EXPECT_EQ(m.triangle_materials, (LargeArray<std::uint32_t>{0, 0}));
 
   // The same document as .glb, and with the buffer in a file beside it.
   test::expect_same_mesh(read_text(dir, b.glb_bytes(), "q.glb"), m);
@@ -158,7 +158,7 @@ TEST(GltfReader, ReadsEveryComponentTypeStridesAndSparseAccessors) {
          b.accessor(inter, test::kFloat, "VEC3", 3, 12));
   b.scene_of_meshes();
   const Mesh m = read_text(dir, b.gltf_text(), "types.gltf");
-  using Positions = std::vector<std::array<float, 3>>;
+  using Positions = LargeArray<std::array<float, 3>>;
   const float h = static_cast<float>(16384 / 32767.0);
   EXPECT_EQ(m.positions, (Positions{{1, 0, -1},
                                     {0, -1, h},

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <functional>
 #include <limits>
+#include <span>
 #include <string>
 
 #include "mesh/mesh_test_util.h"
@@ -25,7 +26,7 @@ struct Bytes {
     return *this;
   }
   // A name table (with its count when asked) and the indices into it.
-  void table(const std::vector<std::string>& names, const std::vector<std::uint32_t>& indices,
+  void table(const std::vector<std::string>& names, std::span<const std::uint32_t> indices,
              bool counted = true) {
     if (counted) {
       put(std::uint64_t{names.size()});
@@ -123,7 +124,7 @@ TEST(KvmFile, WriterProducesTheLayoutAndReadsBackBitEqual) {
   EXPECT_EQ(narrow.uvs[0][0], static_cast<double>(0.1f));
   EXPECT_NE(narrow.uvs[0][0], 0.1);
   EXPECT_EQ(narrow.uvs[2][0], static_cast<double>(static_cast<float>(1.0 / 3.0)));
-  using Normals = std::vector<std::array<float, 3>>;
+  using Normals = LargeArray<std::array<float, 3>>;
   EXPECT_EQ(narrow.normals, (Normals{{0, 0, 1}, {0, 0.6f, 0.8f}}));
 
   const Mesh as_is = read_bytes(layout(m, kKvmNormalsAsIs | kKvmUvDouble));

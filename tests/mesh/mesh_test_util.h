@@ -35,8 +35,8 @@ inline Mesh sample_mesh() {
   return m;
 }
 
-template <typename T>
-bool same_bytes(const std::vector<T>& a, const std::vector<T>& b) {
+template <typename T, typename A>
+bool same_bytes(const std::vector<T, A>& a, const std::vector<T, A>& b) {
   return a.size() == b.size() &&
          (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0);
 }

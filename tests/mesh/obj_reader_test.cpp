@@ -72,8 +72,8 @@ TEST(ObjReader, ReadsElementsCornersColoursAndLines) {
   EXPECT_EQ(m.positions[1], (std::array<float, 3>{-1.5f, 2.25f, 300.0f}));
   EXPECT_EQ(m.positions[2], (std::array<float, 3>{0, 0, 1}));
   // A lone u has v = 0; w is dropped.
-  EXPECT_EQ(m.uvs, (std::vector<std::array<double, 2>>{{0.25, 0.75}, {0.5, 0.0}, {0.1, 0.2}}));
-  EXPECT_EQ(m.normals, (std::vector<std::array<float, 3>>{
+  EXPECT_EQ(m.uvs, (LargeArray<std::array<double, 2>>{{0.25, 0.75}, {0.5, 0.0}, {0.1, 0.2}}));
+  EXPECT_EQ(m.normals, (LargeArray<std::array<float, 3>>{
                            {0, 0, 1}, {3.0f * (1.0f / 5.0f), 4.0f * (1.0f / 5.0f), 0}}));
   ASSERT_EQ(m.triangles.size(), 3u);
   const Corner& a = m.triangles[0].corners[2];
@@ -85,7 +85,7 @@ TEST(ObjReader, ReadsElementsCornersColoursAndLines) {
   // No o/g lines and no usemtl: the object and the material "default".
   EXPECT_EQ(m.objects, std::vector<std::string>{"default"});
   EXPECT_EQ(m.materials, std::vector<std::string>{"default"});
-  EXPECT_EQ(m.triangle_materials, (std::vector<std::uint32_t>{0, 0, 0}));
+  EXPECT_EQ(m.triangle_materials, (LargeArray<std::uint32_t>{0, 0, 0}));
   EXPECT_TRUE(m.blocks.empty() && m.object_blocks.empty() && m.colors.empty());
 
   // Colours, line elements and statements without meaning here.
@@ -287,12 +287,12 @@ TEST(ObjReader, ObjectsBlocksAndMaterials) {
   EXPECT_EQ(b.mesh.objects,
             (std::vector<std::string>{"Car", "Wheel", "Door", "Tree", "Leaf", "Seat"}));
   EXPECT_EQ(b.mesh.blocks, (std::vector<std::string>{"Car", "Tree"}));
-  EXPECT_EQ(b.mesh.object_blocks, (std::vector<std::uint32_t>{0, 0, 0, 1, 1, 0}));
+  EXPECT_EQ(b.mesh.object_blocks, (LargeArray<std::uint32_t>{0, 0, 0, 1, 1, 0}));
   // Objects made before the first o take the block "default".
   auto early = parse(tri + "f 1 2 3\ng Part\nf 1 2 3\no Whole\ng Piece\nf 1 2 3\n");
   EXPECT_EQ(early.mesh.objects, (std::vector<std::string>{"default", "Part", "Whole", "Piece"}));
   EXPECT_EQ(early.mesh.blocks, (std::vector<std::string>{"Whole", "default"}));
-  EXPECT_EQ(early.mesh.object_blocks, (std::vector<std::uint32_t>{1, 1, 0, 0}));
+  EXPECT_EQ(early.mesh.object_blocks, (LargeArray<std::uint32_t>{1, 1, 0, 0}));
   // o lines alone make objects, no blocks.
   auto plain = parse(tri + "o A\nf 1 2 3\no B\nf 1 2 3\n");
   EXPECT_EQ(plain.mesh.objects, (std::vector<std::string>{"A", "B"}));
@@ -304,7 +304,7 @@ TEST(ObjReader, ObjectsBlocksAndMaterials) {
                  "f 1 2 3\nusemtl Red Paint\nf 1 2 3\nusemtl Blue\nf 1 2 3\nusemtl Red Paint\n"
                  "f 1 2 3\nmtllib d.mtl\n");
   EXPECT_EQ(m.mesh.materials, (std::vector<std::string>{"default", "Red Paint", "Blue"}));
-  EXPECT_EQ(m.mesh.triangle_materials, (std::vector<std::uint32_t>{0, 1, 2, 1}));
+  EXPECT_EQ(m.mesh.triangle_materials, (LargeArray<std::uint32_t>{0, 1, 2, 1}));
   EXPECT_EQ(m.material_libraries, (std::vector<std::string>{"a.mtl", "b", "c.mtl", "d.mtl"}));
   EXPECT_EQ(parse("usemtl Skin\n" + tri + "f 1 2 3\n").mesh.materials,
             (std::vector<std::string>{"Skin"}));
