@@ -190,96 +190,114 @@ bool double_is_finite(double value) {
   return (std::bit_cast<std::uint64_t>(value) & 0x7ff0000000000000ull) != 0x7ff0000000000000ull;
 }
 
-// Checks every array in fixed chunks and, unless normals are kept as stored,
-// scales each valid normal to unit length in the same pass.
-void validate(Mesh& mesh, bool normalize, const WorkerPool& pool,
-              const std::filesystem::path& path) {
-  const std::uint64_t positions = mesh.positions.size();
-  const std::uint64_t uvs = mesh.uvs.size();
-  const std::uint64_t normals = mesh.normals.size();
-  const std::uint64_t triangles = mesh.triangles.size();
-  const std::uint64_t objects = mesh.objects.size();
-  const std::uint64_t span = std::max({positions, uvs, normals, triangles});
+// The first failing index of each array, as the checks find them.
+struct Failures {
+  FirstFailure position, uv, normal, triangle;
+};
 
-  FirstFailure bad_position, bad_uv, bad_normal, bad_triangle;
-  pool.for_chunks(
-      span, kValidationChunk, [&](std::uint64_t, std::uint64_t begin, std::uint64_t end) {
-        for (std::uint64_t i = begin; i < std::min(end, positions); ++i) {
-          const auto& p = mesh.positions[i];
-          if (!(float_is_finite(p[0]) & float_is_finite(p[1]) & float_is_finite(p[2]))) {
-            bad_position.record(i);
-            break;
-          }
-        }
-        for (std::uint64_t i = begin; i < std::min(end, uvs); ++i) {
-          const auto& t = mesh.uvs[i];
-          if (!(double_is_finite(t[0]) & double_is_finite(t[1]))) {
-            bad_uv.record(i);
-            break;
-          }
-        }
-        bool normal_failed = false;
-        for (std::uint64_t i = begin; i < std::min(end, normals); ++i) {
-          auto& n = mesh.normals[i];
-          const float x = n[0];
-          const float y = n[1];
-          const float z = n[2];
-          const float yy = y * y;
-          const float xx = x * x;
-          const float zz = z * z;
-          const float length_squared = (yy + xx) + zz;
-          const float length = std::sqrt(length_squared);
-          // A non-finite component makes the squared length NaN or infinite,
-          // which the checks below refuse as well.
-          const bool ok = float_is_finite(x) & float_is_finite(y) & float_is_finite(z) &
-                          (length_squared >= kSmallestNormalFloat) & (length > 0.0f) &
-                          float_is_finite(length);
-          if (!ok) {
-            if (!normal_failed) {
-              bad_normal.record(i);
-              normal_failed = true;
-            }
-            continue;
-          }
-          if (normalize) {
-            const float r = 1.0f / length;
-            n[0] = x * r;
-            n[1] = y * r;
-            n[2] = z * r;
-          }
-        }
-        // An index of -1 or 0..count-1 is exactly one whose value + 1, taken
-        // as unsigned, is at most the count; the counts fit 32 bits.
-        const auto position_count = static_cast<std::uint32_t>(positions);
-        const auto uv_limit = static_cast<std::uint32_t>(uvs);
-        const auto normal_limit = static_cast<std::uint32_t>(normals);
-        const auto object_count = static_cast<std::uint32_t>(objects);
-        for (std::uint64_t i = begin; i < std::min(end, triangles); ++i) {
-          const Triangle& t = mesh.triangles[i];
-          bool ok = t.object < object_count;
-          for (const Corner& c : t.corners) {
-            ok &= c.position < position_count;
-            ok &= static_cast<std::uint32_t>(c.uv) + 1u <= uv_limit;
-            ok &= static_cast<std::uint32_t>(c.normal) + 1u <= normal_limit;
-          }
-          if (!ok) {
-            bad_triangle.record(i);
-            break;
-          }
-        }
-      });
+// Checks the positions, UVs and normals of one chunk and, unless normals are
+// kept as stored, scales each valid normal to unit length in the same pass.
+void check_vertex_chunk(Mesh& mesh, bool normalize, std::uint64_t begin, std::uint64_t end,
+                        Failures& failures) {
+  for (std::uint64_t i = begin; i < std::min<std::uint64_t>(end, mesh.positions.size()); ++i) {
+    const auto& p = mesh.positions[i];
+    if (!(float_is_finite(p[0]) & float_is_finite(p[1]) & float_is_finite(p[2]))) {
+      failures.position.record(i);
+      break;
+    }
+  }
+  for (std::uint64_t i = begin; i < std::min<std::uint64_t>(end, mesh.uvs.size()); ++i) {
+    const auto& t = mesh.uvs[i];
+    if (!(double_is_finite(t[0]) & double_is_finite(t[1]))) {
+      failures.uv.record(i);
+      break;
+    }
+  }
+  bool normal_failed = false;
+  for (std::uint64_t i = begin; i < std::min<std::uint64_t>(end, mesh.normals.size()); ++i) {
+    auto& n = mesh.normals[i];
+    const float x = n[0];
+    const float y = n[1];
+    const float z = n[2];
+    const float yy = y * y;
+    const float xx = x * x;
+    const float zz = z * z;
+    const float length_squared = (yy + xx) + zz;
+    const float length = std::sqrt(length_squared);
+    // A non-finite component makes the squared length NaN or infinite, which
+    // the checks below refuse as well.
+    const bool ok = float_is_finite(x) & float_is_finite(y) & float_is_finite(z) &
+                    (length_squared >= kSmallestNormalFloat) & (length > 0.0f) &
+                    float_is_finite(length);
+    if (!ok) {
+      if (!normal_failed) {
+        failures.normal.record(i);
+        normal_failed = true;
+      }
+      continue;
+    }
+    if (normalize) {
+      const float r = 1.0f / length;
+      n[0] = x * r;
+      n[1] = y * r;
+      n[2] = z * r;
+    }
+  }
+}
 
-  if (bad_position.failed()) {
-    fail(path, "position " + std::to_string(bad_position.first()) + " is not finite");
+void check_triangle_chunk(const Mesh& mesh, std::uint64_t begin, std::uint64_t end,
+                          Failures& failures) {
+  // An index of -1 or 0..count-1 is exactly one whose value + 1, taken as
+  // unsigned, is at most the count; the counts fit 32 bits.
+  const auto position_count = static_cast<std::uint32_t>(mesh.positions.size());
+  const auto uv_limit = static_cast<std::uint32_t>(mesh.uvs.size());
+  const auto normal_limit = static_cast<std::uint32_t>(mesh.normals.size());
+  const auto object_count = static_cast<std::uint32_t>(mesh.objects.size());
+  for (std::uint64_t i = begin; i < std::min<std::uint64_t>(end, mesh.triangles.size()); ++i) {
+    const Triangle& t = mesh.triangles[i];
+    bool ok = t.object < object_count;
+    for (const Corner& c : t.corners) {
+      ok &= c.position < position_count;
+      ok &= static_cast<std::uint32_t>(c.uv) + 1u <= uv_limit;
+      ok &= static_cast<std::uint32_t>(c.normal) + 1u <= normal_limit;
+    }
+    if (!ok) {
+      failures.triangle.record(i);
+      break;
+    }
   }
-  if (bad_uv.failed()) {
-    fail(path, "uv " + std::to_string(bad_uv.first()) + " is not finite");
+}
+
+// The vertex arrays in fixed chunks, one after another on the calling thread.
+void check_vertices(Mesh& mesh, bool normalize, Failures& failures) {
+  const std::uint64_t span =
+      std::max({mesh.positions.size(), mesh.uvs.size(), mesh.normals.size()});
+  for (std::uint64_t begin = 0; begin < span; begin += kValidationChunk) {
+    check_vertex_chunk(mesh, normalize, begin, begin + kValidationChunk, failures);
   }
-  if (bad_normal.failed()) {
-    fail(path, "normal " + std::to_string(bad_normal.first()) + " has no direction");
+}
+
+void check_triangles(const Mesh& mesh, const WorkerPool& pool, Failures& failures) {
+  pool.for_chunks(mesh.triangles.size(), kValidationChunk,
+                  [&](std::uint64_t, std::uint64_t begin, std::uint64_t end) {
+                    check_triangle_chunk(mesh, begin, end, failures);
+                  });
+}
+
+// The first failure in the order positions, UVs, normals, triangles.
+void raise_first_failure(const Failures& failures, const std::filesystem::path& path) {
+  if (failures.position.failed()) {
+    fail(path, "position " + std::to_string(failures.position.first()) + " is not finite");
   }
-  if (bad_triangle.failed()) {
-    fail(path, "triangle " + std::to_string(bad_triangle.first()) + " has an index out of range");
+  if (failures.uv.failed()) {
+    fail(path, "uv " + std::to_string(failures.uv.first()) + " is not finite");
+  }
+  if (failures.normal.failed()) {
+    fail(path, "normal " + std::to_string(failures.normal.first()) + " has no direction");
+  }
+  if (failures.triangle.failed()) {
+    fail(path,
+         "triangle " + std::to_string(failures.triangle.first()) + " has an index out of range");
   }
 }
 
@@ -301,11 +319,13 @@ void read_vertex_arrays(Reader& reader, Mesh& mesh, const Header& h) {
   reader.read(mesh.normals.data(), h.normals * 12);
 }
 
-// The four large arrays: their pages mapped on the pool's threads first, then
-// the triangles (the largest) sized on one thread while the arrays before
-// them are sized and read on another. The file is still read in its order,
-// one array at a time.
-void read_arrays(Reader& reader, Mesh& mesh, const Header& h, const WorkerPool& pool) {
+// The four large arrays: their pages mapped on the pool's threads first; then
+// the triangles (the largest) are sized on one thread while the arrays before
+// them are sized and read on another, and the triangles are read while the
+// other thread checks the vertex arrays. The file itself is read in its
+// order, one array at a time.
+void read_arrays(Reader& reader, Mesh& mesh, const Header& h, const WorkerPool& pool,
+                 Failures& failures) {
   prefault_arrays(
       {reserve_array(mesh.positions, h.positions), reserve_array(mesh.uvs, h.uvs),
        reserve_array(mesh.normals, h.normals), reserve_array(mesh.triangles, h.triangles)},
@@ -317,7 +337,13 @@ void read_arrays(Reader& reader, Mesh& mesh, const Header& h, const WorkerPool& 
       read_vertex_arrays(reader, mesh, h);
     }
   });
-  reader.read(mesh.triangles.data(), h.triangles * sizeof(Triangle));
+  pool.for_chunks(2, 1, [&](std::uint64_t task, std::uint64_t, std::uint64_t) {
+    if (task == 0) {
+      reader.read(mesh.triangles.data(), h.triangles * sizeof(Triangle));
+    } else {
+      check_vertices(mesh, (h.flags & kKvmNormalsAsIs) == 0, failures);
+    }
+  });
 }
 
 void refuse_duplicate_objects(const Mesh& mesh, const std::filesystem::path& path) {
@@ -351,7 +377,8 @@ Mesh read_kvm(const std::filesystem::path& path, int threads) {
 
   Mesh mesh;
   const WorkerPool pool(threads);
-  read_arrays(reader, mesh, h, pool);
+  Failures failures;
+  read_arrays(reader, mesh, h, pool, failures);
   mesh.objects = read_names(reader, path, h.objects, "object name too long");
 
   if (h.flags & kKvmMaterials) {
@@ -377,7 +404,9 @@ Mesh read_kvm(const std::filesystem::path& path, int threads) {
     mesh.object_blocks = std::move(table.indices);
   }
 
-  validate(mesh, (h.flags & kKvmNormalsAsIs) == 0, pool, path);
+  // Reading errors come first, then the first bad element of each array.
+  check_triangles(mesh, pool, failures);
+  raise_first_failure(failures, path);
   refuse_duplicate_objects(mesh, path);
   return mesh;
 }

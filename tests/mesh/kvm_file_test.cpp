@@ -164,11 +164,15 @@ TEST(KvmFile, HeaderFaultsAreReportedInHeaderOrder) {
   // Huge counts with a tiny file: refused by the bound, nothing allocated.
   EXPECT_EQ(read_error(header(0, 2147483647, 2147483647, 2147483647, 2147483647, 2147483647)),
             "the file is truncated");
-  // Past the bound but short in the names.
+  // Past the bound but short in the names, found before a bad position that
+  // was checked while the triangles were read.
   Mesh named = sample_mesh();
   named.objects = {"a-long-object-name", "b"};
-  const std::string names = layout(named, 0);
-  EXPECT_EQ(read_error(names.substr(0, names.size() - 3)), "the file is truncated");
+  const std::string names = poked(layout(named, 0), 56, std::numeric_limits<float>::quiet_NaN());
+  for (int threads : {1, 2}) {
+    EXPECT_EQ(read_error(names.substr(0, names.size() - 3), threads), "the file is truncated");
+  }
+  EXPECT_EQ(read_error(names), "position 0 is not finite");
 }
 
 TEST(KvmFile, NameAndTableFaults) {
