@@ -12,6 +12,7 @@
 #endif
 
 #include "bake/embree_api.h"
+#include "bake/spatial_order.h"
 #include "core/error.h"
 #include "core/parallel.h"
 #include "platform/platform.h"
@@ -71,7 +72,7 @@ struct alignas(64) CpuTracer::ThreadState {
   // The last candidate this thread accepted in the current ray, which is the
   // winner once the search ends; its refinement need not be computed again.
   bool cached = false;
-  std::uint32_t triangle = 0;
+  std::uint32_t primitive = 0;
   std::uint32_t u_bits = 0;
   std::uint32_t v_bits = 0;
   std::uint32_t t_bits = 0;
@@ -223,19 +224,20 @@ struct CpuTracerCallbacks {
         continue;
       }
       bump(thread.filter_calls);
-      const std::uint32_t triangle = embree::filter_prim_id(args, i);
-      if (static_cast<std::int64_t>(triangle) == context->excluded) {
+      const std::uint32_t primitive = embree::filter_prim_id(args, i);
+      if (context->excluded >= 0 &&
+          static_cast<std::int64_t>(tracer.order_[primitive]) == context->excluded) {
         embree::filter_refuse(args, i);
         continue;
       }
       const float u = embree::filter_u(args, i);
       const float v = embree::filter_v(args, i);
       const float t = embree::filter_t(args, i);
-      const CornerPositions& corners = tracer.corners_[triangle];
+      const CornerPositions& corners = tracer.corners_[primitive];
       const RefinedHit refined = refine(corners, query, u, v, t);
       bump(thread.refines);
       if (!in_window(corners, query, refined) ||
-          !group_allows(tracer.name_groups_, query, triangle) ||
+          !group_allows(tracer.primitive_groups_, query, primitive) ||
           (query.ignore_backface != 0 && is_backface(corners, query))) {
         embree::filter_refuse(args, i);
         continue;
@@ -244,7 +246,7 @@ struct CpuTracerCallbacks {
         const std::uint32_t state = context->fp_state;
         if (fp_exceptions_masked(state)) {
           thread.cached = true;
-          thread.triangle = triangle;
+          thread.primitive = primitive;
           thread.u_bits = std::bit_cast<std::uint32_t>(u);
           thread.v_bits = std::bit_cast<std::uint32_t>(v);
           thread.t_bits = std::bit_cast<std::uint32_t>(t);
@@ -300,9 +302,10 @@ void check_position_indices(const Mesh& mesh, const char* which) {
   }
 }
 
-// Fills the two buffers of a triangle geometry; false when one could not be
-// allocated.
-bool fill_triangle_buffers(embree::Geometry geometry, const Mesh& mesh) {
+// Fills the two buffers of a triangle geometry, its primitives in `order`
+// (the mesh's own order when empty); false when one could not be allocated.
+bool fill_triangle_buffers(embree::Geometry geometry, const Mesh& mesh,
+                           const std::vector<std::uint32_t>& order = {}) {
   float* vertices = embree::new_vertex_buffer(geometry, mesh.positions.size());
   if (vertices == nullptr) {
     return false;
@@ -315,8 +318,9 @@ bool fill_triangle_buffers(embree::Geometry geometry, const Mesh& mesh) {
     std::memcpy(vertices + 3 * i, mesh.positions[i].data(), 12);
   }
   for (std::size_t i = 0; i < mesh.triangles.size(); ++i) {
+    const Triangle& t = mesh.triangles[order.empty() ? i : order[i]];
     for (int k = 0; k < 3; ++k) {
-      indices[3 * i + k] = mesh.triangles[i].corners[k].position;
+      indices[3 * i + k] = t.corners[k].position;
     }
   }
   return true;
@@ -334,10 +338,20 @@ CpuTracer::CpuTracer(const Mesh& high, std::vector<std::uint32_t> name_groups,
     throw Error("name groups do not match the high mesh");
   }
   check_position_indices(high, "high");
-  corners_.resize(high.triangles.size());
-  for (std::size_t i = 0; i < high.triangles.size(); ++i) {
-    corners_[i] = corners_of(high, static_cast<std::uint32_t>(i));
+  const WorkerPool pool(threads);
+  order_ = spatial_order(high, pool);
+  corners_.resize(order_.size());
+  if (!name_groups_.empty()) {
+    primitive_groups_.resize(order_.size());
   }
+  pool.for_chunks(order_.size(), 65536, [&](std::uint64_t, std::uint64_t begin, std::uint64_t end) {
+    for (std::uint64_t i = begin; i < end; ++i) {
+      corners_[i] = corners_of(high, order_[i]);
+      if (!primitive_groups_.empty()) {
+        primitive_groups_[i] = name_groups_[order_[i]];
+      }
+    }
+  });
   try {
     build(threads);
   } catch (...) {
@@ -388,7 +402,7 @@ void CpuTracer::build(int threads) {
     if (geometry == nullptr) {
       raise_device_error("Embree buffer allocation failed: ");
     }
-    if (!fill_triangle_buffers(geometry, high_)) {
+    if (!fill_triangle_buffers(geometry, high_, order_)) {
       embree::release_geometry(geometry);
       raise_device_error("Embree buffer allocation failed: ");
     }
@@ -452,7 +466,8 @@ CpuTraceStatistics CpuTracer::statistics() const {
 
 std::uint64_t CpuTracer::table_bytes() const {
   return corners_.capacity() * sizeof(CornerPositions) +
-         name_groups_.capacity() * sizeof(std::uint32_t);
+         (order_.capacity() + name_groups_.capacity() + primitive_groups_.capacity()) *
+             sizeof(std::uint32_t);
 }
 
 std::string CpuTracer::description() const {
@@ -487,12 +502,12 @@ RayHit CpuTracer::trace_one(const RayQuery& query, std::int64_t excluded, Thread
   if (ray.hit.geomID == embree::kInvalidId) {
     return {};
   }
-  const std::uint32_t triangle = ray.hit.primID;
+  const std::uint32_t primitive = ray.hit.primID;
   const float u = ray.hit.u;
   const float v = ray.hit.v;
   const float t = ray.ray.tfar;
   RefinedHit refined;
-  if (refine_cache_ && thread.cached && thread.triangle == triangle &&
+  if (refine_cache_ && thread.cached && thread.primitive == primitive &&
       thread.u_bits == std::bit_cast<std::uint32_t>(u) &&
       thread.v_bits == std::bit_cast<std::uint32_t>(v) &&
       thread.t_bits == std::bit_cast<std::uint32_t>(t) && thread.fp_state == context.fp_state) {
@@ -502,10 +517,10 @@ RayHit CpuTracer::trace_one(const RayQuery& query, std::int64_t excluded, Thread
     if (refine_cache_) {
       bump(thread.cache_misses);
     }
-    refined = refine(corners_[triangle], query, u, v, t);
+    refined = refine(corners_[primitive], query, u, v, t);
     bump(thread.refines);
   }
-  return {static_cast<std::int32_t>(triangle), refined.u, refined.v, refined.t};
+  return {static_cast<std::int32_t>(order_[primitive]), refined.u, refined.v, refined.t};
 }
 
 void CpuTracer::trace_batch(const RayQuery* queries, RayHit* hits, std::uint64_t count,
@@ -531,7 +546,7 @@ bool CpuTracer::check_known_hit(const RayQuery& query, RayHit& hit) const {
     return false;
   }
   const auto triangle = static_cast<std::uint32_t>(hit.triangle);
-  const CornerPositions& corners = corners_[triangle];
+  const CornerPositions corners = corners_of(high_, triangle);
   const RefinedHit refined = refine(corners, query, hit.u, hit.v, hit.t);
   if (!in_window(corners, query, refined) || !group_allows(name_groups_, query, triangle)) {
     return false;

@@ -98,8 +98,13 @@ class CpuTracer final : public Tracer {
   [[noreturn]] void raise_device_error(const std::string& prefix);
 
   const Mesh& high_;
-  std::vector<CornerPositions> corners_;  // one record per high triangle
-  std::vector<std::uint32_t> name_groups_;
+  // Embree's primitive i is high triangle order_[i]: the triangles in space
+  // order, so that the records below, read for every candidate, are mostly
+  // in cache. Both tables are indexed by primitive.
+  std::vector<std::uint32_t> order_;
+  std::vector<CornerPositions> corners_;         // one record per primitive
+  std::vector<std::uint32_t> name_groups_;       // per high triangle, or empty
+  std::vector<std::uint32_t> primitive_groups_;  // the same per primitive
   CpuTracerOptions options_;
   bool refine_cache_ = true;
   std::uint64_t id_;  // distinguishes tracers in the per-thread lookup
