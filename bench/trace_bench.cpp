@@ -3,8 +3,8 @@
 // same scene flags, same thread count) in the same run. Prints both times
 // and their ratio, in wall-clock time and in processor time (the latter is
 // steadier on a machine shared with other work). With --shuffled-faces 1
-// the high mesh's faces are first put in a fixed random order, as some
-// exporters and decimators leave them; both sides trace that mesh.
+// the high mesh's faces are first put in a fixed random order; both sides
+// trace that mesh.
 //
 //   trace_bench [--threads N] [--size S] [--repeats R] [--shuffled-faces 0|1]
 #include <algorithm>
@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -115,8 +114,7 @@ int main(int argc, char** argv) {
   const kv::bench::StandardSceneOptions options;
   kv::bench::StandardScene scene = kv::bench::make_standard_scene(options);
   if (int_option(argc, argv, "--shuffled-faces", 0) != 0) {
-    std::mt19937 random(12345);
-    std::shuffle(scene.high.triangles.begin(), scene.high.triangles.end(), random);
+    kv::bench::shuffle_faces(scene.high);
   }
   const std::vector<kv::RayQuery> queries = bake_queries(scene, options, size);
   std::printf(

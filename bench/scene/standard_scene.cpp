@@ -1,7 +1,9 @@
 #include "scene/standard_scene.h"
 
+#include <algorithm>
 #include <cmath>
 #include <numbers>
+#include <random>
 #include <unordered_map>
 #include <vector>
 
@@ -215,6 +217,11 @@ LowSurfacePoint uv_sphere_point(const Mesh& sphere, int segments, int rings, dou
     point.normal[c] = static_cast<float>(n[c]);
   }
   return point;
+}
+
+void shuffle_faces(Mesh& mesh) {
+  std::mt19937 random(12345);
+  std::shuffle(mesh.triangles.begin(), mesh.triangles.end(), random);
 }
 
 }  // namespace kv::bench

@@ -36,6 +36,10 @@ Mesh make_uv_sphere(int segments, int rings, float radius);
 
 StandardScene make_standard_scene(const StandardSceneOptions& options = {});
 
+// Puts the mesh's faces in a fixed random order, as some exporters and
+// decimators leave them (the generators above emit neighbours together).
+void shuffle_faces(Mesh& mesh);
+
 // A point on the low UV sphere for a UV in [0, 1)^2: the low triangle under
 // the UV and the position and smooth normal blended from its corners.
 struct LowSurfacePoint {
