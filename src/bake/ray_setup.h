@@ -4,16 +4,14 @@
 #pragma once
 
 #include <array>
-#include <cmath>
 #include <cstdint>
 #include <span>
 
 #include "bake/tracer.h"
+#include "core/vec3.h"
 #include "mesh/mesh.h"
 
 namespace kv {
-
-using Vec3f = std::array<float, 3>;
 
 // The distance window of every ray of a bake, in mesh units.
 struct RayDistances {
@@ -30,21 +28,6 @@ double mesh_extent(const Mesh& mesh);
 // With relative scale the distances are multiplied by the high mesh's extent
 // (as a 32-bit float); otherwise they are taken as given.
 RayDistances ray_distances(const Mesh& high, float front, float rear, bool relative_scale);
-
-// v scaled by 1 / |v| in 32-bit float; false (and v unchanged) when the
-// length is not above 0 or not finite. Inline: it runs twice per sample.
-inline bool normalize_in_place(Vec3f& v) {
-  const float xx = v[0] * v[0];
-  const float yy = v[1] * v[1];
-  const float zz = v[2] * v[2];
-  const float length = std::sqrt((xx + yy) + zz);
-  if (!(length > 0.0f) || !std::isfinite(length)) {
-    return false;
-  }
-  const float inv = 1.0f / length;
-  v = {v[0] * inv, v[1] * inv, v[2] * inv};
-  return true;
-}
 
 // The unit normal at barycentrics (1 - u - v, u, v) of a triangle: the
 // corners' normals blended as (w0 n0 + u n1) + v n2 and normalised. False

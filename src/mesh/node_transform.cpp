@@ -1,7 +1,8 @@
 #include "mesh/node_transform.h"
 
-#include <cmath>
 #include <cstddef>
+
+#include "core/vec3.h"
 
 namespace kv {
 
@@ -56,15 +57,10 @@ bool NodeTransform::normal(double x, double y, double z, std::array<float, 3>& o
     t[static_cast<std::size_t>(r)] =
         static_cast<float>(cofactor_[r][0] * x + cofactor_[r][1] * y + cofactor_[r][2] * z);
   }
-  const float xx = t[0] * t[0];
-  const float yy = t[1] * t[1];
-  const float zz = t[2] * t[2];
-  const float length = std::sqrt((xx + yy) + zz);
-  if (!(length > 0.0f) || !std::isfinite(length)) {
+  if (!normalize_in_place(t)) {
     return false;
   }
-  const float inverse = 1.0f / length;
-  out = {t[0] * inverse, t[1] * inverse, t[2] * inverse};
+  out = t;
   return true;
 }
 
