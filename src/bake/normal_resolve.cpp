@@ -350,19 +350,26 @@ NormalBakeResult resolve_normals(const LowPrep& prep, const Mesh& high, const Tr
                   }
                 }
               }
-              // Built in place: a copy of every query costs more than the
-              // rare removal of one whose axis cannot be formed.
-              RayQuery& query = part.queries.emplace_back();
-              if (!build_ray_query(setup, static_cast<std::uint32_t>(found.triangle), found.b1,
-                                   found.b2, query)) {
-                part.queries.pop_back();
-                ++part.counters.invalid_ray_normals;
-                continue;
-              }
-              sample.ray = static_cast<std::int32_t>(part.queries.size() - 1);
             }
           }
         }
+      }
+      // The queries in a pass of their own: with nothing between them, the
+      // square roots and divisions of neighbouring samples overlap.
+      for (SubSample& sample : part.samples) {
+        if (sample.triangle < 0) {
+          continue;
+        }
+        // Built in place: a copy of every query costs more than the rare
+        // removal of one whose axis cannot be formed.
+        RayQuery& query = part.queries.emplace_back();
+        if (!build_ray_query(setup, static_cast<std::uint32_t>(sample.triangle), sample.b1,
+                             sample.b2, query)) {
+          part.queries.pop_back();
+          ++part.counters.invalid_ray_normals;
+          continue;
+        }
+        sample.ray = static_cast<std::int32_t>(part.queries.size() - 1);
       }
     };
 
