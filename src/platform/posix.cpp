@@ -289,36 +289,33 @@ File& File::operator=(File&& other) noexcept {
   return *this;
 }
 
-File File::open_read(const std::filesystem::path& path, int* error) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+namespace {
+
+// open(2) with close-on-exec; on failure the File is empty and *error says why.
+File open_file(const std::filesystem::path& path, int flags, int* error) {
+  const int fd = ::open(path.c_str(), flags | O_CLOEXEC, 0666);
   if (fd < 0) {
     *error = errno;
   }
   return File(fd);
+}
+
+}  // namespace
+
+File File::open_read(const std::filesystem::path& path, int* error) {
+  return open_file(path, O_RDONLY, error);
 }
 
 File File::create_exclusive(const std::filesystem::path& path, int* error) {
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-  if (fd < 0) {
-    *error = errno;
-  }
-  return File(fd);
+  return open_file(path, O_WRONLY | O_CREAT | O_EXCL, error);
 }
 
 File File::create_truncate(const std::filesystem::path& path, int* error) {
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-  if (fd < 0) {
-    *error = errno;
-  }
-  return File(fd);
+  return open_file(path, O_WRONLY | O_CREAT | O_TRUNC, error);
 }
 
 File File::create_read_write(const std::filesystem::path& path, int* error) {
-  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-  if (fd < 0) {
-    *error = errno;
-  }
-  return File(fd);
+  return open_file(path, O_RDWR | O_CREAT | O_TRUNC, error);
 }
 
 int File::write_all_at(const void* data, std::size_t size, std::uint64_t offset) {
