@@ -55,6 +55,14 @@ bool not_zero(Vec3 v) {
 Vec3 project(Vec3 n, Vec3 v) {
   return sub(v, scale(dot(n, v), n));
 }
+// v at unit length, or v itself when every component is (nearly) zero.
+Vec3 normalize_if_not_zero(Vec3 v) {
+  return not_zero(v) ? normalize(v) : v;
+}
+// The direction of v across the unit normal n; zero stays zero.
+Vec3 unit_projection(Vec3 n, Vec3 v) {
+  return normalize_if_not_zero(project(n, v));
+}
 
 constexpr std::uint32_t kFlagDegenerate = 1;
 constexpr std::uint32_t kFlagOrientPreserving = 8;
@@ -568,25 +576,13 @@ TSpace eval_tspace(const std::vector<int>& members, const std::vector<int>& list
     const int i = corner_of(list, f, vertex);
     const int* tri = &list[static_cast<std::size_t>(f * 3)];
     const Vec3 n = corners.normal(tri[i]);
-    Vec3 os = project(n, info.os);
-    Vec3 ot = project(n, info.ot);
-    if (not_zero(os)) {
-      os = normalize(os);
-    }
-    if (not_zero(ot)) {
-      ot = normalize(ot);
-    }
+    const Vec3 os = unit_projection(n, info.os);
+    const Vec3 ot = unit_projection(n, info.ot);
     const Vec3 p0 = corners.position(tri[i > 0 ? i - 1 : 2]);
     const Vec3 p1 = corners.position(tri[i]);
     const Vec3 p2 = corners.position(tri[i < 2 ? i + 1 : 0]);
-    Vec3 e1 = project(n, sub(p0, p1));
-    if (not_zero(e1)) {
-      e1 = normalize(e1);
-    }
-    Vec3 e2 = project(n, sub(p2, p1));
-    if (not_zero(e2)) {
-      e2 = normalize(e2);
-    }
+    const Vec3 e1 = unit_projection(n, sub(p0, p1));
+    const Vec3 e2 = unit_projection(n, sub(p2, p1));
     float cosine = dot(e1, e2);
     cosine = cosine > 1 ? 1 : (cosine < -1 ? -1 : cosine);
     const float angle = static_cast<float>(std::acos(static_cast<double>(cosine)));
@@ -596,12 +592,8 @@ TSpace eval_tspace(const std::vector<int>& members, const std::vector<int>& list
     res.mag_t += angle * info.mag_t;
     angle_sum += angle;
   }
-  if (not_zero(res.os)) {
-    res.os = normalize(res.os);
-  }
-  if (not_zero(res.ot)) {
-    res.ot = normalize(res.ot);
-  }
+  res.os = normalize_if_not_zero(res.os);
+  res.ot = normalize_if_not_zero(res.ot);
   if (angle_sum > 0) {
     res.mag_s /= angle_sum;
     res.mag_t /= angle_sum;
@@ -631,25 +623,13 @@ void generate_tspaces(std::vector<TSpace>& out, const std::vector<TriInfo>& tris
       const int index =
           info.group[0] == static_cast<int>(g) ? 0 : (info.group[1] == static_cast<int>(g) ? 1 : 2);
       const Vec3 n = corners.normal(list[static_cast<std::size_t>(f * 3 + index)]);
-      Vec3 os = project(n, info.os);
-      Vec3 ot = project(n, info.ot);
-      if (not_zero(os)) {
-        os = normalize(os);
-      }
-      if (not_zero(ot)) {
-        ot = normalize(ot);
-      }
+      const Vec3 os = unit_projection(n, info.os);
+      const Vec3 ot = unit_projection(n, info.ot);
       members.clear();
       for (int t : group.faces) {
         const TriInfo& other = tris[static_cast<std::size_t>(t)];
-        Vec3 os2 = project(n, other.os);
-        Vec3 ot2 = project(n, other.ot);
-        if (not_zero(os2)) {
-          os2 = normalize(os2);
-        }
-        if (not_zero(ot2)) {
-          ot2 = normalize(ot2);
-        }
+        const Vec3 os2 = unit_projection(n, other.os);
+        const Vec3 ot2 = unit_projection(n, other.ot);
         const bool any = ((info.flags | other.flags) & kFlagGroupWithAny) != 0;
         const bool same_face = info.original == other.original;
         const float cos_s = dot(os, os2);
