@@ -10,7 +10,6 @@
 #include <cmath>
 #include <optional>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "core/error.h"
@@ -54,7 +53,7 @@ class FbxReader {
   FacePolicy policy_;
   Mesh mesh_;
   UniqueNames object_names_;
-  std::unordered_map<std::string, std::uint32_t> material_lookup_;
+  MaterialTable materials_;
   std::vector<PolygonRecord> polygons_;
   std::uint64_t quads_split_ = 0;
 };
@@ -70,12 +69,7 @@ std::uint32_t FbxReader::material_index(unsigned int material) {
       name = "material " + std::to_string(material);
     }
   }
-  const auto [it, added] =
-      material_lookup_.emplace(name, static_cast<std::uint32_t>(mesh_.materials.size()));
-  if (added) {
-    mesh_.materials.push_back(name);
-  }
-  return it->second;
+  return materials_.index_of(name, mesh_.materials);
 }
 
 // Appends one mesh's polygons, its vertices placed by `world`.

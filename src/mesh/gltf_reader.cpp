@@ -10,7 +10,6 @@
 #include <set>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -67,7 +66,7 @@ class GltfReader {
   const tinygltf::Model& model_;
   Mesh mesh_;
   UniqueNames object_names_;
-  std::unordered_map<std::string, std::uint32_t> material_lookup_;
+  MaterialTable materials_;
 };
 
 std::size_t component_bytes(int type) {
@@ -372,12 +371,7 @@ std::uint32_t GltfReader::material_index(int material) {
       name = "material " + std::to_string(material);
     }
   }
-  const auto [it, added] =
-      material_lookup_.emplace(name, static_cast<std::uint32_t>(mesh_.materials.size()));
-  if (added) {
-    mesh_.materials.push_back(name);
-  }
-  return it->second;
+  return materials_.index_of(name, mesh_.materials);
 }
 
 // Appends the triangles of one primitive, its vertices placed by `world`.

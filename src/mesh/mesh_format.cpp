@@ -109,4 +109,13 @@ std::string UniqueNames::make_unique(const std::string& base) {
   }
 }
 
+std::uint32_t MaterialTable::index_of(const std::string& name,
+                                      std::vector<std::string>& materials) {
+  const auto [it, added] = lookup_.emplace(name, static_cast<std::uint32_t>(materials.size()));
+  if (added) {
+    materials.push_back(name);
+  }
+  return it->second;
+}
+
 }  // namespace kv

@@ -5,7 +5,9 @@
 #include <cstdint>
 #include <filesystem>
 #include <string>
+#include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 #include "mesh/mesh.h"
 #include "mesh/obj_reader.h"
@@ -38,6 +40,16 @@ class UniqueNames {
 
  private:
   std::unordered_set<std::string> taken_;
+};
+
+// A mesh's material names, each once, in the order they are first met.
+class MaterialTable {
+ public:
+  // The index of `name` in `materials`, appending it when it is new.
+  std::uint32_t index_of(const std::string& name, std::vector<std::string>& materials);
+
+ private:
+  std::unordered_map<std::string, std::uint32_t> lookup_;
 };
 
 }  // namespace kv
