@@ -5,6 +5,7 @@
 #include <cfenv>
 #include <cmath>
 #include <cstring>
+#include <span>
 #include <type_traits>
 
 #if defined(__x86_64__) || defined(__i386__)
@@ -175,7 +176,7 @@ bool is_backface(const CornerPositions& c, const RayQuery& query) {
   return ng[0] * d[0] + ng[1] * d[1] + ng[2] * d[2] >= 0.0f;
 }
 
-bool group_allows(const std::vector<std::uint32_t>& groups, const RayQuery& query,
+bool group_allows(std::span<const std::uint32_t> groups, const RayQuery& query,
                   std::uint32_t triangle) {
   if (query.group == -1) {
     return true;
@@ -305,7 +306,7 @@ void check_position_indices(const Mesh& mesh, const char* which) {
 // Fills the two buffers of a triangle geometry, its primitives in `order`
 // (the mesh's own order when empty); false when one could not be allocated.
 bool fill_triangle_buffers(embree::Geometry geometry, const Mesh& mesh,
-                           const std::vector<std::uint32_t>& order = {}) {
+                           const LargeArray<std::uint32_t>& order = {}) {
   float* vertices = embree::new_vertex_buffer(geometry, mesh.positions.size());
   if (vertices == nullptr) {
     return false;

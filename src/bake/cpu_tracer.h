@@ -101,10 +101,10 @@ class CpuTracer final : public Tracer {
   // Embree's primitive i is high triangle order_[i]: the triangles in space
   // order, so that the records below, read for every candidate, are mostly
   // in cache. Both tables are indexed by primitive.
-  std::vector<std::uint32_t> order_;
-  std::vector<CornerPositions> corners_;         // one record per primitive
-  std::vector<std::uint32_t> name_groups_;       // per high triangle, or empty
-  std::vector<std::uint32_t> primitive_groups_;  // the same per primitive
+  LargeArray<std::uint32_t> order_;
+  LargeArray<CornerPositions> corners_;         // one record per primitive
+  std::vector<std::uint32_t> name_groups_;      // per high triangle, or empty
+  LargeArray<std::uint32_t> primitive_groups_;  // the same per primitive
   CpuTracerOptions options_;
   bool refine_cache_ = true;
   std::uint64_t id_;  // distinguishes tracers in the per-thread lookup

@@ -35,7 +35,7 @@ std::uint32_t morton_code(double x, double y, double z) {
          (spread_bits(grid_cell(z)) << 2);
 }
 
-std::vector<std::uint32_t> spatial_order(const Mesh& mesh, const WorkerPool& pool) {
+LargeArray<std::uint32_t> spatial_order(const Mesh& mesh, const WorkerPool& pool) {
   const std::uint64_t count = mesh.triangles.size();
   if (count == 0) {
     return {};
@@ -72,7 +72,7 @@ std::vector<std::uint32_t> spatial_order(const Mesh& mesh, const WorkerPool& poo
   }
 
   // Each key holds the code above the index, so that the sort moves both.
-  std::vector<std::uint64_t> keys(count);
+  LargeArray<std::uint64_t> keys(count);
   pool.for_chunks(count, kChunk, [&](std::uint64_t, std::uint64_t begin, std::uint64_t end) {
     for (std::uint64_t t = begin; t < end; ++t) {
       std::array<double, 3> centre = {0.0, 0.0, 0.0};
@@ -93,7 +93,7 @@ std::vector<std::uint32_t> spatial_order(const Mesh& mesh, const WorkerPool& poo
   // of 15 bits: equal codes keep increasing index.
   constexpr int kDigitBits = 15;
   constexpr std::uint64_t kDigitMask = (std::uint64_t{1} << kDigitBits) - 1;
-  std::vector<std::uint64_t> sorted(count);
+  LargeArray<std::uint64_t> sorted(count);
   std::vector<std::uint64_t> starts(kDigitMask + 2);
   for (int shift = 32; shift < 62; shift += kDigitBits) {
     std::fill(starts.begin(), starts.end(), 0);
@@ -108,7 +108,7 @@ std::vector<std::uint32_t> spatial_order(const Mesh& mesh, const WorkerPool& poo
     }
     keys.swap(sorted);
   }
-  std::vector<std::uint32_t> order(count);
+  LargeArray<std::uint32_t> order(count);
   for (std::uint64_t i = 0; i < count; ++i) {
     order[i] = static_cast<std::uint32_t>(keys[i]);
   }

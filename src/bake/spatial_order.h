@@ -5,8 +5,8 @@
 #pragma once
 
 #include <cstdint>
-#include <vector>
 
+#include "core/large_array.h"
 #include "core/parallel.h"
 #include "mesh/mesh.h"
 
@@ -15,7 +15,7 @@ namespace kv {
 // The triangle indices sorted by the Morton code of their centroids on a
 // 1024^3 grid over the mesh's bounding box; ties keep increasing index.
 // Depends only on the mesh, not on the pool's thread count.
-std::vector<std::uint32_t> spatial_order(const Mesh& mesh, const WorkerPool& pool);
+LargeArray<std::uint32_t> spatial_order(const Mesh& mesh, const WorkerPool& pool);
 
 // 30-bit Morton code of a point of the unit cube, each axis cut into 1024
 // cells (coordinates outside [0, 1], NaN included, fall into the nearest end).

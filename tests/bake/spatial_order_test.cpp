@@ -42,14 +42,14 @@ TEST(SpatialOrder, SortsBySpaceAndKeepsTiesInIndexOrder) {
   test::add_triangle(row, {{{3, 0, 0}, {3.5f, 0, 0}, {3, 0.5f, 0}}});
   const WorkerPool one(1);
   EXPECT_EQ(spatial_order(row, one),
-            (std::vector<std::uint32_t>{9, 8, 7, 6, 10, 11, 5, 4, 3, 2, 1, 0}));
+            (LargeArray<std::uint32_t>{9, 8, 7, 6, 10, 11, 5, 4, 3, 2, 1, 0}));
 
   const Mesh field = test::bumpy_field(200);  // 80,000 triangles, several chunks
-  const std::vector<std::uint32_t> order = spatial_order(field, one);
+  const LargeArray<std::uint32_t> order = spatial_order(field, one);
   EXPECT_EQ(order, spatial_order(field, WorkerPool(2)));
-  std::vector<std::uint32_t> sorted = order;
+  LargeArray<std::uint32_t> sorted = order;
   std::sort(sorted.begin(), sorted.end());
-  std::vector<std::uint32_t> all(field.triangles.size());
+  LargeArray<std::uint32_t> all(field.triangles.size());
   std::iota(all.begin(), all.end(), 0u);
   EXPECT_EQ(sorted, all);
   // Row-major cells are not space order: the field's order is changed.
