@@ -304,8 +304,9 @@ void check_position_indices(const Mesh& mesh, const char* which) {
 }
 
 // Fills the two buffers of a triangle geometry, its primitives in `order`
-// (the mesh's own order when empty); false when one could not be allocated.
-bool fill_triangle_buffers(embree::Geometry geometry, const Mesh& mesh,
+// (the mesh's own order when empty), in chunks on the pool's threads; false
+// when one could not be allocated.
+bool fill_triangle_buffers(embree::Geometry geometry, const Mesh& mesh, const WorkerPool& pool,
                            const LargeArray<std::uint32_t>& order = {}) {
   float* vertices = embree::new_vertex_buffer(geometry, mesh.positions.size());
   if (vertices == nullptr) {
@@ -315,15 +316,20 @@ bool fill_triangle_buffers(embree::Geometry geometry, const Mesh& mesh,
   if (indices == nullptr) {
     return false;
   }
-  for (std::size_t i = 0; i < mesh.positions.size(); ++i) {
-    std::memcpy(vertices + 3 * i, mesh.positions[i].data(), 12);
-  }
-  for (std::size_t i = 0; i < mesh.triangles.size(); ++i) {
-    const Triangle& t = mesh.triangles[order.empty() ? i : order[i]];
-    for (int k = 0; k < 3; ++k) {
-      indices[3 * i + k] = t.corners[k].position;
-    }
-  }
+  constexpr std::uint64_t kChunk = 65536;
+  pool.for_chunks(
+      mesh.positions.size(), kChunk, [&](std::uint64_t, std::uint64_t begin, std::uint64_t end) {
+        std::memcpy(vertices + 3 * begin, mesh.positions[begin].data(), (end - begin) * 12);
+      });
+  pool.for_chunks(mesh.triangles.size(), kChunk,
+                  [&](std::uint64_t, std::uint64_t begin, std::uint64_t end) {
+                    for (std::uint64_t i = begin; i < end; ++i) {
+                      const Triangle& t = mesh.triangles[order.empty() ? i : order[i]];
+                      for (std::uint64_t k = 0; k < 3; ++k) {
+                        indices[3 * i + k] = t.corners[k].position;
+                      }
+                    }
+                  });
   return true;
 }
 
@@ -354,7 +360,7 @@ CpuTracer::CpuTracer(const Mesh& high, std::vector<std::uint32_t> name_groups,
     }
   });
   try {
-    build(threads);
+    build(threads, pool);
   } catch (...) {
     release();
     throw;
@@ -383,7 +389,7 @@ void CpuTracer::raise_device_error(const std::string& prefix) {
   throw Error(prefix + text);
 }
 
-void CpuTracer::build(int threads) {
+void CpuTracer::build(int threads, const WorkerPool& pool) {
   const std::string config = threads >= 1 ? "threads=" + std::to_string(threads) : std::string();
   auto device = embree::new_device(threads >= 1 ? config.c_str() : nullptr);
   if (device == nullptr) {
@@ -403,7 +409,7 @@ void CpuTracer::build(int threads) {
     if (geometry == nullptr) {
       raise_device_error("Embree buffer allocation failed: ");
     }
-    if (!fill_triangle_buffers(geometry, high_, order_)) {
+    if (!fill_triangle_buffers(geometry, high_, pool, order_)) {
       embree::release_geometry(geometry);
       raise_device_error("Embree buffer allocation failed: ");
     }
@@ -608,7 +614,7 @@ LowMeshScene::LowMeshScene(const Mesh& low) {
       if (geometry == nullptr) {
         throw OutOfMemory("out of memory for the low poly scene");
       }
-      if (!fill_triangle_buffers(geometry, low)) {
+      if (!fill_triangle_buffers(geometry, low, WorkerPool(1))) {
         embree::release_geometry(geometry);
         throw OutOfMemory("out of memory for the low poly scene");
       }

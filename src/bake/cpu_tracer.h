@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "bake/tracer.h"
+#include "core/parallel.h"
 #include "mesh/mesh.h"
 
 namespace kv {
@@ -93,7 +94,7 @@ class CpuTracer final : public Tracer {
   RayHit trace_one(const RayQuery& query, std::int64_t excluded, ThreadState& thread,
                    std::uint32_t fp_state) const;
   ThreadState& thread_state() const;
-  void build(int threads);
+  void build(int threads, const WorkerPool& pool);
   void release();
   [[noreturn]] void raise_device_error(const std::string& prefix);
 
