@@ -9,6 +9,7 @@
 #include "bake/encode.h"
 #include "bake/ray_setup.h"
 #include "core/error.h"
+#include "core/prefetch.h"
 
 namespace kv {
 namespace {
@@ -138,15 +139,6 @@ double seconds_since(Clock::time_point start) {
 // the normals of a nearer one (whose record has arrived by then) are fetched.
 constexpr std::size_t kRecordAhead = 16;
 constexpr std::size_t kNormalsAhead = 8;
-
-// Asks for the cache line holding *p; never faults and changes no result.
-inline void prefetch(const void* p) {
-#if defined(__x86_64__) || defined(__i386__)
-  asm volatile("prefetcht0 %0" : : "m"(*static_cast<const char*>(p)));
-#else
-  __builtin_prefetch(p);
-#endif
-}
 
 void prefetch_hit_normals(const Mesh& high, const RayHit* hits, std::size_t count,
                           std::size_t ray) {
