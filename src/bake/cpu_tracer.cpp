@@ -16,7 +16,6 @@
 #include "bake/spatial_order.h"
 #include "core/error.h"
 #include "core/parallel.h"
-#include "core/prefetch.h"
 #include "platform/platform.h"
 
 namespace kv {
@@ -38,6 +37,8 @@ void release_scene_and_device(void*& scene, void*& device) {
 }
 
 constexpr std::uint64_t kBatchTask = 1024;  // rays per task of a batch
+static_assert(embree::kPacketLanes == kTraceGroup, "a trace group is one Embree packet");
+static_assert(kBatchTask % kTraceGroup == 0, "packets never straddle two tasks");
 
 // The floating-point control state a refinement was computed under (rounding,
 // flush-to-zero and exception masks; never the sticky status flags).
@@ -68,11 +69,9 @@ void bump(std::atomic<std::uint64_t>& counter) {
 
 }  // namespace
 
-// Written on every ray by its own thread: on cache lines of its own, since two
-// threads writing to one line slowed tracing by up to a half.
-struct alignas(64) CpuTracer::ThreadState {
-  // The last candidate this thread accepted in the current ray, which is the
-  // winner once the search ends; its refinement need not be computed again.
+// The last candidate accepted for one ray of the current trace, which is the
+// winner once the search ends: its refinement need not be computed again.
+struct LaneCache {
   bool cached = false;
   std::uint32_t primitive = 0;
   std::uint32_t u_bits = 0;
@@ -80,6 +79,13 @@ struct alignas(64) CpuTracer::ThreadState {
   std::uint32_t t_bits = 0;
   std::uint32_t fp_state = 0;
   RefinedHit refined;
+};
+
+// Written on every ray by its own thread: on cache lines of its own, since two
+// threads writing to one line slowed tracing by up to a half.
+struct alignas(64) CpuTracer::ThreadState {
+  // The refine cache: one entry per ray of a packet (a single ray uses the first).
+  LaneCache lanes[embree::kPacketLanes];
 
   std::atomic<std::uint64_t> cache_hits{0};
   std::atomic<std::uint64_t> cache_misses{0};
@@ -104,10 +110,6 @@ static_assert(sizeof(CpuTracer::CornerPositions) == 36);
 namespace {
 
 using CornerPositions = CpuTracer::CornerPositions;
-
-// Records two away (72 bytes) lie on the cache lines before and after a
-// record's own.
-constexpr std::uint32_t kNeighbourRecords = 2;
 
 CornerPositions corners_of(const Mesh& mesh, std::uint32_t triangle) {
   CornerPositions c;
@@ -203,15 +205,16 @@ bool refined_hit_in_window(const Mesh& mesh, const RayQuery& query, std::uint32_
 
 namespace {
 
-// What one ray hands to the filter through Embree's per-ray context.
+// What one trace hands to the filter through Embree's per-ray context: the
+// queries of its rays (one, or a packet's), each found by the ray's id.
 struct TraceContext {
   embree::RayQueryContext base;  // first: Embree passes a pointer to it
   const CpuTracer* tracer;
-  const RayQuery* query;
+  const RayQuery* queries;
   std::int64_t excluded;  // -1 for none
   CpuTracer::ThreadState* thread;
-  // The floating-point control state, read once per ray (reading it is
-  // slow): nothing changes it while Embree searches.
+  // The floating-point control state, read once per batch task (reading it
+  // is slow): nothing changes it while Embree searches.
   std::uint32_t fp_state;
 };
 static_assert(std::is_standard_layout_v<TraceContext>);
@@ -222,7 +225,6 @@ struct CpuTracerCallbacks {
   static void filter(const embree::FilterArguments* args) {
     auto* context = reinterpret_cast<TraceContext*>(embree::filter_context(args));
     const CpuTracer& tracer = *context->tracer;
-    const RayQuery& query = *context->query;
     CpuTracer::ThreadState& thread = *context->thread;
     const unsigned lanes = embree::filter_lane_count(args);
     for (unsigned i = 0; i < lanes; ++i) {
@@ -230,6 +232,8 @@ struct CpuTracerCallbacks {
         continue;
       }
       bump(thread.filter_calls);
+      const unsigned ray = embree::filter_ray_id(args, i);
+      const RayQuery& query = context->queries[ray];
       const std::uint32_t primitive = embree::filter_prim_id(args, i);
       if (context->excluded >= 0 &&
           static_cast<std::int64_t>(tracer.order_[primitive]) == context->excluded) {
@@ -251,13 +255,14 @@ struct CpuTracerCallbacks {
       if (tracer.refine_cache_ && std::isfinite(u) && std::isfinite(v) && std::isfinite(t)) {
         const std::uint32_t state = context->fp_state;
         if (fp_exceptions_masked(state)) {
-          thread.cached = true;
-          thread.primitive = primitive;
-          thread.u_bits = std::bit_cast<std::uint32_t>(u);
-          thread.v_bits = std::bit_cast<std::uint32_t>(v);
-          thread.t_bits = std::bit_cast<std::uint32_t>(t);
-          thread.fp_state = state;
-          thread.refined = refined;
+          LaneCache& cache = thread.lanes[ray];
+          cache.cached = true;
+          cache.primitive = primitive;
+          cache.u_bits = std::bit_cast<std::uint32_t>(u);
+          cache.v_bits = std::bit_cast<std::uint32_t>(v);
+          cache.t_bits = std::bit_cast<std::uint32_t>(t);
+          cache.fp_state = state;
+          cache.refined = refined;
         }
       }
     }
@@ -501,11 +506,11 @@ RayHit CpuTracer::trace_one(const RayQuery& query, std::int64_t excluded, Thread
   if (!(query.t_max > 0.0f)) {
     return {};
   }
-  thread.cached = false;
+  thread.lanes[0].cached = false;
   TraceContext context;
   embree::init_context(&context.base);
   context.tracer = this;
-  context.query = &query;
+  context.queries = &query;
   context.excluded = excluded;
   context.thread = &thread;
   context.fp_state = fp_state;
@@ -514,22 +519,57 @@ RayHit CpuTracer::trace_one(const RayQuery& query, std::int64_t excluded, Thread
   if (ray.hit.geomID == embree::kInvalidId) {
     return {};
   }
-  const std::uint32_t primitive = ray.hit.primID;
-  // The next ray, from the neighbouring sample, mostly meets a neighbour of
-  // this winner: the corner records on either side of its own are asked for
-  // now, so its filter does not wait for them.
-  prefetch(&corners_[primitive >= kNeighbourRecords ? primitive - kNeighbourRecords : 0]);
-  prefetch(&corners_[std::min<std::size_t>(primitive + kNeighbourRecords, corners_.size() - 1)]);
-  const float u = ray.hit.u;
-  const float v = ray.hit.v;
-  const float t = ray.ray.tfar;
+  return winner(query, ray.hit.primID, ray.hit.u, ray.hit.v, ray.ray.tfar, 0, thread, fp_state);
+}
+
+void CpuTracer::trace_packet(const RayQuery* queries, RayHit* hits, unsigned count,
+                             ThreadState& thread, std::uint32_t fp_state) const {
+  alignas(32) int valid[embree::kPacketLanes];
+  alignas(32) embree::RayHit8 packet;
+  bool any = false;
+  for (unsigned lane = 0; lane < embree::kPacketLanes; ++lane) {
+    // Unused lanes get harmless values: Embree loads whole vectors.
+    static constexpr float kNowhere[3] = {0.0f, 0.0f, 0.0f};
+    static constexpr float kUp[3] = {0.0f, 0.0f, 1.0f};
+    const bool traced = lane < count && queries[lane].t_max > 0.0f;
+    valid[lane] = traced ? -1 : 0;
+    if (traced) {
+      embree::set_packet_ray(packet, lane, queries[lane].origin.data(),
+                             queries[lane].direction.data(), queries[lane].t_max, lane);
+      thread.lanes[lane].cached = false;
+      any = true;
+    } else {
+      embree::set_packet_ray(packet, lane, kNowhere, kUp, 0.0f, lane);
+    }
+  }
+  if (any) {
+    TraceContext context;
+    embree::init_context(&context.base);
+    context.tracer = this;
+    context.queries = queries;
+    context.excluded = -1;
+    context.thread = &thread;
+    context.fp_state = fp_state;
+    embree::intersect8(valid, static_cast<embree::Scene>(scene_), &context.base, &packet);
+  }
+  for (unsigned lane = 0; lane < count; ++lane) {
+    hits[lane] = valid[lane] != 0 && packet.hit.geomID[lane] != embree::kInvalidId
+                     ? winner(queries[lane], packet.hit.primID[lane], packet.hit.u[lane],
+                              packet.hit.v[lane], packet.ray.tfar[lane], lane, thread, fp_state)
+                     : RayHit{};
+  }
+}
+
+RayHit CpuTracer::winner(const RayQuery& query, std::uint32_t primitive, float u, float v, float t,
+                         unsigned lane, ThreadState& thread, std::uint32_t fp_state) const {
+  const LaneCache& cache = thread.lanes[lane];
   RefinedHit refined;
-  if (refine_cache_ && thread.cached && thread.primitive == primitive &&
-      thread.u_bits == std::bit_cast<std::uint32_t>(u) &&
-      thread.v_bits == std::bit_cast<std::uint32_t>(v) &&
-      thread.t_bits == std::bit_cast<std::uint32_t>(t) && thread.fp_state == context.fp_state) {
+  if (refine_cache_ && cache.cached && cache.primitive == primitive &&
+      cache.u_bits == std::bit_cast<std::uint32_t>(u) &&
+      cache.v_bits == std::bit_cast<std::uint32_t>(v) &&
+      cache.t_bits == std::bit_cast<std::uint32_t>(t) && cache.fp_state == fp_state) {
     bump(thread.cache_hits);
-    refined = thread.refined;
+    refined = cache.refined;
   } else {
     if (refine_cache_) {
       bump(thread.cache_misses);
@@ -546,16 +586,19 @@ void CpuTracer::trace_batch(const RayQuery* queries, RayHit* hits, std::uint64_t
     return;
   }
   WorkerPool pool(threads);
-  pool.for_chunks(count, kBatchTask,
-                  [&](std::uint64_t /*task*/, std::uint64_t begin, std::uint64_t end) {
-                    // Nothing a task runs changes the thread or the
-                    // floating-point control state.
-                    ThreadState& thread = thread_state();
-                    const std::uint32_t fp_state = fp_control_state();
-                    for (std::uint64_t i = begin; i < end; ++i) {
-                      hits[i] = trace_one(queries[i], -1, thread, fp_state);
-                    }
-                  });
+  pool.for_chunks(
+      count, kBatchTask, [&](std::uint64_t /*task*/, std::uint64_t begin, std::uint64_t end) {
+        // Nothing a task runs changes the thread or the
+        // floating-point control state.
+        ThreadState& thread = thread_state();
+        const std::uint32_t fp_state = fp_control_state();
+        // Packets start at fixed offsets of the batch, so each
+        // ray meets the same neighbours on any thread count.
+        for (std::uint64_t i = begin; i < end; i += kTraceGroup) {
+          const auto lanes = static_cast<unsigned>(std::min<std::uint64_t>(kTraceGroup, end - i));
+          trace_packet(queries + i, hits + i, lanes, thread, fp_state);
+        }
+      });
 }
 
 bool CpuTracer::check_known_hit(const RayQuery& query, RayHit& hit) const {

@@ -93,6 +93,14 @@ class CpuTracer final : public Tracer {
   // state the caller looked up (once per batch task, not once per ray).
   RayHit trace_one(const RayQuery& query, std::int64_t excluded, ThreadState& thread,
                    std::uint32_t fp_state) const;
+  // Up to eight rays in one Embree packet on the calling thread; a query
+  // whose t_max is not above 0 misses without a lane.
+  void trace_packet(const RayQuery* queries, RayHit* hits, unsigned count, ThreadState& thread,
+                    std::uint32_t fp_state) const;
+  // The refined hit of the winning primitive of ray `lane`, from the refine
+  // cache when it holds this very candidate.
+  RayHit winner(const RayQuery& query, std::uint32_t primitive, float u, float v, float t,
+                unsigned lane, ThreadState& thread, std::uint32_t fp_state) const;
   ThreadState& thread_state() const;
   void build(int threads, const WorkerPool& pool);
   void release();

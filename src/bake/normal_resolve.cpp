@@ -285,6 +285,7 @@ NormalBakeResult resolve_normals(const LowPrep& prep, const Mesh& high, const Tr
     std::vector<SubSample> samples;
     std::vector<RayQuery> queries;
     std::vector<RayHit> hits;
+    std::uint64_t rays = 0;  // queries that are real rays, not group filler
     NormalBakeCounters counters;
     double setup_seconds = 0.0;
     double ray_seconds = 0.0;
@@ -348,20 +349,29 @@ NormalBakeResult resolve_normals(const LowPrep& prep, const Mesh& high, const Tr
       }
       // The queries in a pass of their own: with nothing between them, the
       // square roots and divisions of neighbouring samples overlap.
-      for (SubSample& sample : part.samples) {
-        if (sample.triangle < 0) {
-          continue;
+      part.rays = 0;
+      for (std::uint64_t r = row_begin; r < row_end; ++r) {
+        SubSample* row = part.samples.data() + (r - row_begin) * row_samples;
+        for (SubSample* sample = row; sample != row + row_samples; ++sample) {
+          if (sample->triangle < 0) {
+            continue;
+          }
+          // Built in place: a copy of every query costs more than the rare
+          // removal of one whose axis cannot be formed.
+          RayQuery& query = part.queries.emplace_back();
+          if (!build_ray_query(setup, static_cast<std::uint32_t>(sample->triangle), sample->b1,
+                               sample->b2, query)) {
+            part.queries.pop_back();
+            ++part.counters.invalid_ray_normals;
+            continue;
+          }
+          sample->ray = static_cast<std::int32_t>(part.queries.size() - 1);
+          ++part.rays;
         }
-        // Built in place: a copy of every query costs more than the rare
-        // removal of one whose axis cannot be formed.
-        RayQuery& query = part.queries.emplace_back();
-        if (!build_ray_query(setup, static_cast<std::uint32_t>(sample.triangle), sample.b1,
-                             sample.b2, query)) {
-          part.queries.pop_back();
-          ++part.counters.invalid_ray_normals;
-          continue;
-        }
-        sample.ray = static_cast<std::int32_t>(part.queries.size() - 1);
+        // Each row's rays start a trace group of their own, so they are
+        // grouped the same whatever the band and chunk sizes. The filler
+        // queries have no distance window: they are never traced.
+        part.queries.resize(chunk_count(part.queries.size(), kTraceGroup) * kTraceGroup);
       }
     };
 
@@ -486,10 +496,12 @@ NormalBakeResult resolve_normals(const LowPrep& prep, const Mesh& high, const Tr
                              resolve_rows(part, part.hits.data(), row_begin, row_end));
         part.resolve_seconds = seconds_since(step);
       });
+      std::uint64_t slots = 0;
       for (const Part& part : parts) {
-        ray_count += part.queries.size();
+        slots += part.queries.size();
+        ray_count += part.rays;
       }
-      if (ray_count > static_cast<std::uint64_t>(INT32_MAX)) {
+      if (slots > static_cast<std::uint64_t>(INT32_MAX)) {
         throw Error("a bake band holds more rays than it can index");
       }
       // The band's time split by the share each step took on the threads.
@@ -511,13 +523,14 @@ NormalBakeResult resolve_normals(const LowPrep& prep, const Mesh& high, const Tr
       std::vector<std::uint64_t> offsets(static_cast<std::size_t>(chunks) + 1, 0);
       for (std::size_t c = 0; c < static_cast<std::size_t>(chunks); ++c) {
         offsets[c + 1] = offsets[c] + parts[c].queries.size();
+        ray_count += parts[c].rays;
       }
-      ray_count = offsets.back();
-      if (ray_count > static_cast<std::uint64_t>(INT32_MAX)) {
+      const std::uint64_t slots = offsets.back();
+      if (slots > static_cast<std::uint64_t>(INT32_MAX)) {
         throw Error("a bake band holds more rays than it can index");
       }
-      queries.resize(static_cast<std::size_t>(ray_count));
-      hits.assign(static_cast<std::size_t>(ray_count), RayHit{});
+      queries.resize(static_cast<std::size_t>(slots));
+      hits.assign(static_cast<std::size_t>(slots), RayHit{});
       pool.for_chunks(chunks, 1, [&](std::uint64_t c, std::uint64_t, std::uint64_t) {
         const Part& part = parts[static_cast<std::size_t>(c)];
         std::copy(part.queries.begin(), part.queries.end(),
@@ -526,8 +539,8 @@ NormalBakeResult resolve_normals(const LowPrep& prep, const Mesh& high, const Tr
       times.resolve += seconds_since(band_start);
 
       Clock::time_point phase_start = Clock::now();
-      if (ray_count > 0) {
-        tracer.trace_batch(queries.data(), hits.data(), ray_count, pool.thread_count());
+      if (slots > 0) {
+        tracer.trace_batch(queries.data(), hits.data(), slots, pool.thread_count());
       }
       times.rays += seconds_since(phase_start);
 

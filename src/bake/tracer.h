@@ -37,6 +37,13 @@ static_assert(sizeof(RayHit) == 16, "a ray hit is 16 bytes");
 // Counters a GPU tracer reports; a CPU tracer reports zeros.
 using GpuTraceStatistics = std::array<std::uint64_t, 5>;
 
+// trace_batch traces its queries in groups of this many consecutive ones,
+// the first group starting at the batch's first query. Where two candidates
+// lie at exactly the same distance, which one wins may depend on the group
+// a ray shares, so a caller whose results must not depend on how it splits
+// its work starts each fixed unit of rays (a row, say) at a multiple of it.
+inline constexpr std::uint64_t kTraceGroup = 8;
+
 class Tracer {
  public:
   virtual ~Tracer() = default;
@@ -55,7 +62,8 @@ class Tracer {
   virtual bool runs_on_gpu() const = 0;
 
   // Traces queries[i] into hits[i] for every i below count, on `threads`
-  // worker threads (0 or less: every hardware thread).
+  // worker threads (0 or less: every hardware thread). Queries are traced in
+  // groups of kTraceGroup from the start of the batch; see there.
   virtual void trace_batch(const RayQuery* queries, RayHit* hits, std::uint64_t count,
                            std::int32_t threads) const = 0;
 

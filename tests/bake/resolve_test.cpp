@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <mutex>
+#include <optional>
 #include <tuple>
 
 #include "bake/bake_test_meshes.h"
@@ -348,6 +350,78 @@ TEST(Resolve, SameCodesOnAnyThreadCountBandSizeAndRefineCache) {
   expect_same(reference, bake(low, high, s, 2, 40), "one band");
   test::ScopedEnv off("KV_TRACE_REFINE_CACHE", "off");
   expect_same(reference, bake(low, high, s, 2), "refine cache off");
+}
+
+// Forwards to another tracer and keeps, for every batch, which of its slots
+// held a real ray (a distance window) rather than group filler.
+class RecordingTracer final : public Tracer {
+ public:
+  explicit RecordingTracer(const Tracer& inner) : inner_(inner) {}
+  std::string description() const override { return inner_.description(); }
+  RayHit trace(const RayQuery& query) const override { return inner_.trace(query); }
+  bool runs_on_gpu() const override { return false; }
+  void trace_batch(const RayQuery* queries, RayHit* hits, std::uint64_t count,
+                   std::int32_t threads) const override {
+    std::vector<bool> real;
+    for (std::uint64_t i = 0; i < count; ++i) {
+      real.push_back(queries[i].t_max > 0.0f);
+    }
+    {
+      const std::lock_guard guard(mutex_);
+      batches_.push_back(std::move(real));
+    }
+    inner_.trace_batch(queries, hits, count, threads);
+  }
+  bool check_known_hit(const RayQuery& query, RayHit& hit) const override {
+    return inner_.check_known_hit(query, hit);
+  }
+  bool has_name_groups() const override { return inner_.has_name_groups(); }
+  GpuTraceStatistics gpu_statistics() const override { return {}; }
+
+  std::vector<std::vector<bool>> batches() const { return batches_; }
+
+ private:
+  const Tracer& inner_;
+  mutable std::mutex mutex_;
+  mutable std::vector<std::vector<bool>> batches_;
+};
+
+TEST(Resolve, EveryRowStartsATraceGroupOfItsOwn) {
+  // Rows of 13 and of 20 sub-samples: neither fills whole groups of 8, so each
+  // row's rays are followed by filler up to the next multiple of 8.
+  for (const auto& [size, aa, row_slots] : {std::tuple(13, 1, 16), std::tuple(5, 2, 24)}) {
+    const NormalBakeSettings s = small_settings(size, aa);
+    const Mesh low = unit_low_plane();
+    const Mesh high = high_at(0.004f, std::array<float, 3>{0.3f, 0.4f, std::sqrt(0.75f)});
+    const LowPrep prep = LowPrep::build(low, {}, s);
+    const CpuTracer tracer(high, {}, CpuTracerOptions{}, 2);
+    ResolveOptions options;
+    options.distances = ray_distances(high, s.front, s.rear, s.relative_scale);
+    const std::uint64_t row_samples = static_cast<std::uint64_t>(size * aa * aa);
+    std::optional<NormalBakeResult> reference;
+    for (const auto& [threads, band_rows] : {std::pair(1, 1), std::pair(2, 3), std::pair(2, 0)}) {
+      const RecordingTracer recorder(tracer);
+      options.band_rows = band_rows;
+      const NormalBakeResult r =
+          resolve_normals(prep, high, recorder, s, options, WorkerPool(threads));
+      EXPECT_EQ(r.counters.rays, row_samples * static_cast<std::uint64_t>(size)) << size;
+      std::uint64_t slots = 0;
+      for (const std::vector<bool>& batch : recorder.batches()) {
+        ASSERT_EQ(batch.size() % static_cast<std::size_t>(row_slots), 0u) << size;
+        for (std::size_t i = 0; i < batch.size(); ++i) {
+          ASSERT_EQ(batch[i], i % static_cast<std::size_t>(row_slots) < row_samples) << i;
+        }
+        slots += batch.size();
+      }
+      EXPECT_EQ(slots, static_cast<std::uint64_t>(row_slots * size)) << size;
+      if (reference) {
+        expect_same(*reference, r, "another band size");
+      } else {
+        reference = r;
+        EXPECT_EQ(r.normal_valid, std::vector<std::uint8_t>(r.normal_valid.size(), 1));
+      }
+    }
+  }
 }
 
 // ---- whole bakes -----------------------------------------------------------------

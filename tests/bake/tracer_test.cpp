@@ -333,6 +333,18 @@ TEST(TracerBatch, SameBitsOnOneAndTwoThreadsAndAsSingleRays) {
   EXPECT_GT(hits, kRays * 9 / 10);
   EXPECT_LT(hits, kRays);  // some rays leave the field or its window
 
+  // Queries without a distance window take no lane of their packet: they
+  // miss, and the rays beside them answer as before.
+  std::vector<RayQuery> holed = queries;
+  for (std::size_t i = 3; i < kRays; i += 5) {
+    holed[i].t_max = 0.0f;
+  }
+  const std::vector<RayHit> with_holes = trace_all(tracer, holed, 2);
+  for (std::size_t i = 0; i < kRays; ++i) {
+    const RayHit want = i % 5 == 3 ? RayHit{} : one[i];
+    ASSERT_EQ(std::memcmp(&with_holes[i], &want, sizeof(RayHit)), 0) << i;
+  }
+
   // Scene flags and build quality change no answer; compact scenes are smaller.
   CpuTracerOptions compact_options, low_options;
   compact_options.compact = true;
