@@ -298,6 +298,14 @@ NormalBakeResult resolve_normals(const LowPrep& prep, const Mesh& high, const Tr
   // while they are still in cache; a GPU wants the whole band at once.
   const bool per_chunk_rays = !tracer.runs_on_gpu();
 
+  // The U of every sample column, for the stacked-sample test: the same
+  // division for every row, done once.
+  std::vector<double> sample_u(static_cast<std::size_t>(width) * static_cast<std::size_t>(aa));
+  for (std::size_t sx = 0; sx < sample_u.size(); ++sx) {
+    sample_u[sx] =
+        (static_cast<double>(sx) + 0.5) / (static_cast<double>(width) * aa) + raster.u0();
+  }
+
   for (std::int32_t y0 = 0; y0 < height; y0 += band_rows) {
     const std::int32_t rows = std::min(band_rows, height - y0);
     const std::uint64_t chunks = chunk_count(static_cast<std::uint64_t>(rows), rows_per_chunk);
@@ -331,9 +339,7 @@ NormalBakeResult resolve_normals(const LowPrep& prep, const Mesh& high, const Tr
               // other candidates need only the strict test.
               const std::span<const std::uint32_t> candidates = raster.cell_candidates(sx, sy, aa);
               if (candidates.size() > 1) {
-                const double u =
-                    (static_cast<double>(sx) + 0.5) / (static_cast<double>(width) * aa) +
-                    raster.u0();
+                const double u = sample_u[static_cast<std::size_t>(sx)];
                 const double v = (raster.v0() + 1.0) - (static_cast<double>(sy) + 0.5) /
                                                            (static_cast<double>(height) * aa);
                 for (const std::uint32_t other : candidates) {
