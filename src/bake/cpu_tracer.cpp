@@ -588,12 +588,11 @@ void CpuTracer::trace_batch(const RayQuery* queries, RayHit* hits, std::uint64_t
   WorkerPool pool(threads);
   pool.for_chunks(
       count, kBatchTask, [&](std::uint64_t /*task*/, std::uint64_t begin, std::uint64_t end) {
-        // Nothing a task runs changes the thread or the
-        // floating-point control state.
+        // Nothing a task runs changes the thread or the floating-point control state.
         ThreadState& thread = thread_state();
         const std::uint32_t fp_state = fp_control_state();
-        // Packets start at fixed offsets of the batch, so each
-        // ray meets the same neighbours on any thread count.
+        // Packets start at fixed offsets of the batch, so each ray meets the
+        // same neighbours on any thread count.
         for (std::uint64_t i = begin; i < end; i += kTraceGroup) {
           const auto lanes = static_cast<unsigned>(std::min<std::uint64_t>(kTraceGroup, end - i));
           trace_packet(queries + i, hits + i, lanes, thread, fp_state);
