@@ -312,6 +312,21 @@ TEST(KvmFile, ValidationIsTheSameOnOneAndTwoThreads) {
   expect_first("normal 65536 has no direction");
   m.normals[131072] = m.normals[65536] = {1, 0, 0};
   expect_first("triangle 40000 has an index out of range");
+  m.triangles[66000].corners[1].normal = m.triangles[40000].corners[0].uv = 0;
+
+  // UVs stored as float32 are widened piece by piece, each to its own slot.
+  const Mesh narrow = read_bytes(layout(m, 0), 2);
+  ASSERT_EQ(narrow.uvs.size(), m.uvs.size());
+  for (std::size_t i = 0; i < m.uvs.size(); ++i) {
+    for (int k = 0; k < 2; ++k) {
+      ASSERT_EQ(narrow.uvs[i][k], static_cast<double>(static_cast<float>(m.uvs[i][k]))) << i;
+    }
+  }
+  m.uvs[150001][1] = 1e300;
+  m.uvs[199998][0] = std::numeric_limits<double>::quiet_NaN();
+  for (int threads : {1, 2}) {
+    EXPECT_EQ(read_error(layout(m, 0), threads), "uv 150001 is not finite") << threads;
+  }
 }
 
 // The message write_kvm throws, with the folder checked to hold nothing new.
