@@ -12,6 +12,7 @@
 #include "core/error.h"
 #include "core/parallel.h"
 #include "image/temp_file.h"
+#include "mesh/array_memory.h"
 #include "platform/platform.h"
 
 namespace kv {
@@ -32,8 +33,7 @@ constexpr float kSmallestNormalFloat = 1.1754944e-38f;
 }
 
 // Sequential reads of the file: large arrays go straight into their storage,
-// the many small fields (name lengths, names) through one buffer. Reads are
-// positioned, so the arrays can be read elsewhere and skipped here.
+// the many small fields (name lengths, names) through one buffer.
 class Reader {
  public:
   Reader(platform::File& file, const std::filesystem::path& path) : file_(file), path_(path) {}
@@ -75,24 +75,13 @@ class Reader {
     return value;
   }
 
-  // Offset of the next byte read() returns.
-  std::uint64_t position() const { return offset_ - (filled_ - pos_); }
-
-  // Moves past bytes read by other means.
-  void skip(std::uint64_t bytes) {
-    offset_ = position() + bytes;
-    pos_ = 0;
-    filled_ = 0;
-  }
-
  private:
   std::size_t raw_read(void* data, std::size_t size) {
     int error = 0;
-    const std::int64_t got = file_.read_full_at(data, size, offset_, &error);
+    const std::int64_t got = file_.read_full(data, size, &error);
     if (got < 0) {
       throw Error("cannot read mesh file: " + path_.string());
     }
-    offset_ += static_cast<std::uint64_t>(got);
     return static_cast<std::size_t>(got);
   }
 
@@ -101,7 +90,6 @@ class Reader {
   std::vector<char> buffer_ = std::vector<char>(std::size_t{1} << 16);
   std::size_t pos_ = 0;
   std::size_t filled_ = 0;
-  std::uint64_t offset_ = 0;  // file offset just past the buffer's bytes
 };
 
 struct Header {
@@ -207,32 +195,26 @@ struct Failures {
   FirstFailure position, uv, normal, triangle;
 };
 
-void check_positions(const Mesh& mesh, std::uint64_t begin, std::uint64_t end, Failures& failures) {
-  for (std::uint64_t i = begin; i < end; ++i) {
+// Checks the positions, UVs and normals of one chunk and, unless normals are
+// kept as stored, scales each valid normal to unit length in the same pass.
+void check_vertex_chunk(Mesh& mesh, bool normalize, std::uint64_t begin, std::uint64_t end,
+                        Failures& failures) {
+  for (std::uint64_t i = begin; i < std::min<std::uint64_t>(end, mesh.positions.size()); ++i) {
     const auto& p = mesh.positions[i];
     if (!(float_is_finite(p[0]) & float_is_finite(p[1]) & float_is_finite(p[2]))) {
       failures.position.record(i);
-      return;
+      break;
     }
   }
-}
-
-void check_uvs(const Mesh& mesh, std::uint64_t begin, std::uint64_t end, Failures& failures) {
-  for (std::uint64_t i = begin; i < end; ++i) {
+  for (std::uint64_t i = begin; i < std::min<std::uint64_t>(end, mesh.uvs.size()); ++i) {
     const auto& t = mesh.uvs[i];
     if (!(double_is_finite(t[0]) & double_is_finite(t[1]))) {
       failures.uv.record(i);
-      return;
+      break;
     }
   }
-}
-
-// Checks the normals and, unless they are kept as stored, scales each valid
-// one to unit length in the same pass.
-void check_normals(Mesh& mesh, bool normalize, std::uint64_t begin, std::uint64_t end,
-                   Failures& failures) {
   bool normal_failed = false;
-  for (std::uint64_t i = begin; i < end; ++i) {
+  for (std::uint64_t i = begin; i < std::min<std::uint64_t>(end, mesh.normals.size()); ++i) {
     auto& n = mesh.normals[i];
     const float x = n[0];
     const float y = n[1];
@@ -263,16 +245,15 @@ void check_normals(Mesh& mesh, bool normalize, std::uint64_t begin, std::uint64_
   }
 }
 
-// Every index against the header's counts (the object names are read later).
-void check_triangles(const Mesh& mesh, const Header& h, std::uint64_t begin, std::uint64_t end,
-                     Failures& failures) {
+void check_triangle_chunk(const Mesh& mesh, std::uint64_t begin, std::uint64_t end,
+                          Failures& failures) {
   // An index of -1 or 0..count-1 is exactly one whose value + 1, taken as
   // unsigned, is at most the count; the counts fit 32 bits.
-  const auto position_count = static_cast<std::uint32_t>(h.positions);
-  const auto uv_limit = static_cast<std::uint32_t>(h.uvs);
-  const auto normal_limit = static_cast<std::uint32_t>(h.normals);
-  const auto object_count = static_cast<std::uint32_t>(h.objects);
-  for (std::uint64_t i = begin; i < end; ++i) {
+  const auto position_count = static_cast<std::uint32_t>(mesh.positions.size());
+  const auto uv_limit = static_cast<std::uint32_t>(mesh.uvs.size());
+  const auto normal_limit = static_cast<std::uint32_t>(mesh.normals.size());
+  const auto object_count = static_cast<std::uint32_t>(mesh.objects.size());
+  for (std::uint64_t i = begin; i < std::min<std::uint64_t>(end, mesh.triangles.size()); ++i) {
     const Triangle& t = mesh.triangles[i];
     bool ok = t.object < object_count;
     for (const Corner& c : t.corners) {
@@ -282,9 +263,25 @@ void check_triangles(const Mesh& mesh, const Header& h, std::uint64_t begin, std
     }
     if (!ok) {
       failures.triangle.record(i);
-      return;
+      break;
     }
   }
+}
+
+// The vertex arrays in fixed chunks, one after another on the calling thread.
+void check_vertices(Mesh& mesh, bool normalize, Failures& failures) {
+  const std::uint64_t span =
+      std::max({mesh.positions.size(), mesh.uvs.size(), mesh.normals.size()});
+  for (std::uint64_t begin = 0; begin < span; begin += kValidationChunk) {
+    check_vertex_chunk(mesh, normalize, begin, begin + kValidationChunk, failures);
+  }
+}
+
+void check_triangles(const Mesh& mesh, const WorkerPool& pool, Failures& failures) {
+  pool.for_chunks(mesh.triangles.size(), kValidationChunk,
+                  [&](std::uint64_t, std::uint64_t begin, std::uint64_t end) {
+                    check_triangle_chunk(mesh, begin, end, failures);
+                  });
 }
 
 // The first failure in the order positions, UVs, normals, triangles.
@@ -304,96 +301,43 @@ void raise_first_failure(const Failures& failures, const std::filesystem::path& 
   }
 }
 
-// One slice of one of the four arrays, read at its place in the file and
-// checked while it is still in the cache.
-enum class ArrayKind { positions, uvs, normals, triangles };
-
-struct ArraySlice {
-  ArrayKind kind;
-  std::uint64_t offset;  // of element 0 of the array in the file
-  std::uint64_t begin;
-  std::uint64_t end;
-};
-
-constexpr std::uint64_t kSliceBytes = std::uint64_t{256} << 10;
-
-void add_slices(std::vector<ArraySlice>& slices, ArrayKind kind, std::uint64_t offset,
-                std::uint64_t count, std::uint64_t element_bytes) {
-  const std::uint64_t per_slice = std::max<std::uint64_t>(1, kSliceBytes / element_bytes);
-  for (std::uint64_t begin = 0; begin < count; begin += per_slice) {
-    slices.push_back({kind, offset, begin, std::min(count, begin + per_slice)});
-  }
-}
-
-void read_at(const platform::File& file, const std::filesystem::path& path, void* data,
-             std::uint64_t bytes, std::uint64_t offset) {
-  int error = 0;
-  const std::int64_t got = file.read_full_at(data, bytes, offset, &error);
-  if (got < 0) {
-    throw Error("cannot read mesh file: " + path.string());
-  }
-  if (static_cast<std::uint64_t>(got) != bytes) {
-    fail(path, "the file is truncated");
-  }
-}
-
-void read_slice(const platform::File& file, const std::filesystem::path& path, Mesh& mesh,
-                const Header& h, const ArraySlice& s, Failures& failures) {
-  const std::uint64_t n = s.end - s.begin;
-  switch (s.kind) {
-    case ArrayKind::positions:
-      read_at(file, path, &mesh.positions[s.begin], n * 12, s.offset + s.begin * 12);
-      check_positions(mesh, s.begin, s.end, failures);
-      break;
-    case ArrayKind::uvs:
-      if (h.flags & kKvmUvDouble) {
-        read_at(file, path, &mesh.uvs[s.begin], n * 16, s.offset + s.begin * 16);
-      } else {
-        std::vector<std::array<float, 2>> narrow(n);
-        read_at(file, path, narrow.data(), n * 8, s.offset + s.begin * 8);
-        for (std::uint64_t i = 0; i < n; ++i) {
-          mesh.uvs[s.begin + i] = {narrow[i][0], narrow[i][1]};
-        }
-      }
-      check_uvs(mesh, s.begin, s.end, failures);
-      break;
-    case ArrayKind::normals:
-      read_at(file, path, &mesh.normals[s.begin], n * 12, s.offset + s.begin * 12);
-      check_normals(mesh, (h.flags & kKvmNormalsAsIs) == 0, s.begin, s.end, failures);
-      break;
-    case ArrayKind::triangles:
-      read_at(file, path, &mesh.triangles[s.begin], n * sizeof(Triangle),
-              s.offset + s.begin * sizeof(Triangle));
-      check_triangles(mesh, h, s.begin, s.end, failures);
-      break;
-  }
-}
-
-// The four large arrays, which follow the header: sized without being
-// written, then read and checked in slices on every thread of the pool (so
-// the pages of fresh memory also fault in on every thread). The reader is
-// left just past them.
-void read_arrays(Reader& reader, const platform::File& file, const std::filesystem::path& path,
-                 Mesh& mesh, const Header& h, const WorkerPool& pool, Failures& failures) {
-  resize_for_overwrite(mesh.triangles, h.triangles);
+// Reads the positions, UVs and normals, which come before the triangles.
+void read_vertex_arrays(Reader& reader, Mesh& mesh, const Header& h) {
   resize_for_overwrite(mesh.positions, h.positions);
+  reader.read(mesh.positions.data(), h.positions * 12);
   resize_for_overwrite(mesh.uvs, h.uvs);
+  if (h.flags & kKvmUvDouble) {
+    reader.read(mesh.uvs.data(), h.uvs * 16);
+  } else {
+    std::vector<std::array<float, 2>> narrow(h.uvs);
+    reader.read(narrow.data(), h.uvs * 8);
+    for (std::size_t i = 0; i < narrow.size(); ++i) {
+      mesh.uvs[i] = {narrow[i][0], narrow[i][1]};
+    }
+  }
   resize_for_overwrite(mesh.normals, h.normals);
-  const std::uint64_t uv_bytes = (h.flags & kKvmUvDouble) ? 16 : 8;
-  std::uint64_t offset = reader.position();
-  std::vector<ArraySlice> slices;
-  add_slices(slices, ArrayKind::positions, offset, h.positions, 12);
-  offset += h.positions * 12;
-  add_slices(slices, ArrayKind::uvs, offset, h.uvs, uv_bytes);
-  offset += h.uvs * uv_bytes;
-  add_slices(slices, ArrayKind::normals, offset, h.normals, 12);
-  offset += h.normals * 12;
-  add_slices(slices, ArrayKind::triangles, offset, h.triangles, sizeof(Triangle));
-  offset += h.triangles * sizeof(Triangle);
-  pool.for_chunks(slices.size(), 1, [&](std::uint64_t i, std::uint64_t, std::uint64_t) {
-    read_slice(file, path, mesh, h, slices[static_cast<std::size_t>(i)], failures);
+  reader.read(mesh.normals.data(), h.normals * 12);
+}
+
+// The four large arrays: their pages mapped on the pool's threads first
+// (fresh pages fault in at a cost near that of filling them), then sized
+// without a first write and read in file order, one read each; the
+// triangles are read while another thread checks the vertex arrays.
+void read_arrays(Reader& reader, Mesh& mesh, const Header& h, const WorkerPool& pool,
+                 Failures& failures) {
+  prefault_arrays(
+      {reserve_array(mesh.positions, h.positions), reserve_array(mesh.uvs, h.uvs),
+       reserve_array(mesh.normals, h.normals), reserve_array(mesh.triangles, h.triangles)},
+      pool);
+  read_vertex_arrays(reader, mesh, h);
+  resize_for_overwrite(mesh.triangles, h.triangles);
+  pool.for_chunks(2, 1, [&](std::uint64_t task, std::uint64_t, std::uint64_t) {
+    if (task == 0) {
+      reader.read(mesh.triangles.data(), h.triangles * sizeof(Triangle));
+    } else {
+      check_vertices(mesh, (h.flags & kKvmNormalsAsIs) == 0, failures);
+    }
   });
-  reader.skip(offset - reader.position());
 }
 
 void refuse_duplicate_objects(const Mesh& mesh, const std::filesystem::path& path) {
@@ -428,7 +372,7 @@ Mesh read_kvm(const std::filesystem::path& path, int threads) {
   Mesh mesh;
   const WorkerPool pool(threads);
   Failures failures;
-  read_arrays(reader, file, path, mesh, h, pool, failures);
+  read_arrays(reader, mesh, h, pool, failures);
   mesh.objects = read_names(reader, path, h.objects, "object name too long");
 
   if (h.flags & kKvmMaterials) {
@@ -455,6 +399,7 @@ Mesh read_kvm(const std::filesystem::path& path, int threads) {
   }
 
   // Reading errors come first, then the first bad element of each array.
+  check_triangles(mesh, pool, failures);
   raise_first_failure(failures, path);
   refuse_duplicate_objects(mesh, path);
   return mesh;
