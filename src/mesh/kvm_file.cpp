@@ -303,9 +303,9 @@ void raise_first_failure(const Failures& failures, const std::filesystem::path& 
 
 // Reads the positions, UVs and normals, which come before the triangles.
 void read_vertex_arrays(Reader& reader, Mesh& mesh, const Header& h) {
-  resize_for_overwrite(mesh.positions, h.positions);
+  mesh.positions.resize(h.positions);
   reader.read(mesh.positions.data(), h.positions * 12);
-  resize_for_overwrite(mesh.uvs, h.uvs);
+  mesh.uvs.resize(h.uvs);
   if (h.flags & kKvmUvDouble) {
     reader.read(mesh.uvs.data(), h.uvs * 16);
   } else {
@@ -315,22 +315,28 @@ void read_vertex_arrays(Reader& reader, Mesh& mesh, const Header& h) {
       mesh.uvs[i] = {narrow[i][0], narrow[i][1]};
     }
   }
-  resize_for_overwrite(mesh.normals, h.normals);
+  mesh.normals.resize(h.normals);
   reader.read(mesh.normals.data(), h.normals * 12);
 }
 
-// The four large arrays: their pages mapped on the pool's threads first
-// (fresh pages fault in at a cost near that of filling them), then sized
-// without a first write and read in file order, one read each; the
-// triangles are read while another thread checks the vertex arrays.
+// The four large arrays: their pages mapped on the pool's threads first; then
+// the triangles (the largest) are sized on one thread while the arrays before
+// them are sized and read on another, and the triangles are read while the
+// other thread checks the vertex arrays. The file itself is read in its
+// order, one array at a time.
 void read_arrays(Reader& reader, Mesh& mesh, const Header& h, const WorkerPool& pool,
                  Failures& failures) {
   prefault_arrays(
       {reserve_array(mesh.positions, h.positions), reserve_array(mesh.uvs, h.uvs),
        reserve_array(mesh.normals, h.normals), reserve_array(mesh.triangles, h.triangles)},
       pool);
-  read_vertex_arrays(reader, mesh, h);
-  resize_for_overwrite(mesh.triangles, h.triangles);
+  pool.for_chunks(2, 1, [&](std::uint64_t task, std::uint64_t, std::uint64_t) {
+    if (task == 0) {
+      mesh.triangles.resize(h.triangles);
+    } else {
+      read_vertex_arrays(reader, mesh, h);
+    }
+  });
   pool.for_chunks(2, 1, [&](std::uint64_t task, std::uint64_t, std::uint64_t) {
     if (task == 0) {
       reader.read(mesh.triangles.data(), h.triangles * sizeof(Triangle));
