@@ -314,7 +314,8 @@ TEST(KvmFile, ValidationIsTheSameOnOneAndTwoThreads) {
   expect_first("triangle 40000 has an index out of range");
   m.triangles[66000].corners[1].normal = m.triangles[40000].corners[0].uv = 0;
 
-  // UVs stored as float32 are widened piece by piece, each to its own slot.
+  // UVs stored as float32 come back widened, each in its own slot, across many
+  // validation chunks.
   const Mesh narrow = read_bytes(layout(m, 0), 2);
   ASSERT_EQ(narrow.uvs.size(), m.uvs.size());
   for (std::size_t i = 0; i < m.uvs.size(); ++i) {
