@@ -15,16 +15,16 @@
 #include <string>
 #include <vector>
 
-#include "bake/embree_api.h"
-#include "bake/low_prep.h"
-#include "bake/normal_bake.h"
-#include "bake/padding.h"
-#include "bake/ray_setup.h"
 #include "common/bench_common.h"
 #include "core/parallel.h"
 #include "limit/plain_embree.h"
+#include "normal/normal_bake.h"
+#include "padding/padding.h"
 #include "platform/platform.h"
+#include "sampling/ray_setup.h"
 #include "scene/standard_scene.h"
+#include "texel/low_prep.h"
+#include "trace/embree_api.h"
 
 using kv::bench::Clock;
 using kv::bench::int_option;

@@ -11,12 +11,12 @@
 #include <filesystem>
 #include <string>
 
-#include "cli/bake_command.h"
 #include "common/bench_common.h"
 #include "core/parallel.h"
 #include "limit/plain_embree.h"
 #include "mesh/kvm_file.h"
 #include "platform/platform.h"
+#include "run/bake_command.h"
 #include "scene/standard_scene.h"
 
 using kv::bench::Clock;

@@ -13,13 +13,14 @@
 #include <string>
 #include <vector>
 
-#include "bake/embree_api.h"
-#include "bake/low_prep.h"
 #include "common/bench_common.h"
 #include "core/parallel.h"
 #include "limit/plain_embree.h"
+#include "normal/normal_bake.h"
 #include "platform/platform.h"
 #include "scene/standard_scene.h"
+#include "texel/low_prep.h"
+#include "trace/embree_api.h"
 
 namespace {
 
@@ -165,7 +166,7 @@ int main(int argc, char** argv) {
   std::uint64_t fingerprint = 0;
   for (int r = 0; r < repeats; ++r) {
     start = Clock::now();
-    const kv::LowPrep prep = kv::LowPrep::build(scene.low, {}, settings);
+    const kv::LowPrep prep = kv::LowPrep::build(scene.low, {}, low_prep_settings_of(settings));
     best_build = std::min(best_build, seconds_since(start));
     fingerprint = prep.fingerprint();
     start = Clock::now();

@@ -10,8 +10,8 @@
 #include <random>
 #include <vector>
 
-#include "bake/padding.h"
 #include "core/parallel.h"
+#include "padding/padding.h"
 
 namespace {
 

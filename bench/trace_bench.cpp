@@ -16,13 +16,13 @@
 #include <string>
 #include <vector>
 
-#include "bake/cpu_tracer.h"
-#include "bake/embree_api.h"
 #include "common/bench_common.h"
 #include "core/parallel.h"
 #include "limit/plain_embree.h"
 #include "platform/platform.h"
 #include "scene/standard_scene.h"
+#include "trace/cpu_tracer.h"
+#include "trace/embree_api.h"
 
 using kv::bench::Clock;
 using kv::bench::int_option;

@@ -1,7 +1,7 @@
 // korvane: wires the commands together and hands over to the process entry.
-#include "cli/bake_command.h"
 #include "cli/process_entry.h"
 #include "meshmaps/meshmaps_command.h"
+#include "run/bake_command.h"
 #include "service/serve_command.h"
 #include "transfer/transfer_command.h"
 

@@ -7,8 +7,9 @@
 #include <cstring>
 #include <string>
 
-#include "bake/low_prep.h"
-#include "bake/ray_setup.h"
+#include "normal/normal_bake.h"
+#include "sampling/ray_setup.h"
+#include "texel/low_prep.h"
 
 namespace kv::bench {
 
@@ -62,7 +63,7 @@ std::uint64_t PlainEmbree::trace(const std::vector<RayQuery>& queries,
 
 PlainRun plain_trace(const Mesh& low, const Mesh& high, const NormalBakeSettings& settings,
                      const PlainEmbree& plain, const WorkerPool& pool) {
-  const LowPrep prep = LowPrep::build(low, {}, settings);
+  const LowPrep prep = LowPrep::build(low, {}, low_prep_settings_of(settings));
   RaySetup setup;
   setup.low = &low;
   setup.averaged_normals = prep.averaged_normals();

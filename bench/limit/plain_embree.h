@@ -6,11 +6,11 @@
 #include <cstdint>
 #include <vector>
 
-#include "bake/embree_api.h"
-#include "bake/normal_bake_settings.h"
-#include "bake/tracer.h"
 #include "core/parallel.h"
 #include "mesh/mesh.h"
+#include "normal/normal_bake_settings.h"
+#include "trace/embree_api.h"
+#include "trace/tracer.h"
 
 namespace kv::bench {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "bake/normal_bake_settings.h"
+#include "normal/normal_bake_settings.h"
 
 namespace kv::cli {
 

@@ -1,0 +1,185 @@
+#include "normal/normal_bake.h"
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <new>
+
+#include "core/error.h"
+#include "core/parallel.h"
+#include "platform/platform.h"
+#include "sampling/ray_setup.h"
+#include "texel/low_prep.h"
+#include "trace/cpu_tracer.h"
+
+namespace kv {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double seconds_since(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+constexpr std::uint64_t kMiB = 1024 * 1024;
+
+std::string object_key(const Mesh& mesh, std::size_t object, bool by_block,
+                       const std::string& suffix) {
+  std::string key = mesh.objects[object];
+  if (by_block && !mesh.object_blocks.empty()) {
+    key = mesh.blocks[mesh.object_blocks[object]];
+  }
+  if (!suffix.empty() && key.size() >= suffix.size() &&
+      key.compare(key.size() - suffix.size(), suffix.size(), suffix) == 0) {
+    key.resize(key.size() - suffix.size());
+  }
+  return key;
+}
+
+// The memory the bake may use in bytes: the given budget, else half of the
+// memory free now; 0 when neither is known.
+std::uint64_t memory_budget_bytes(const NormalBakeSettings& settings) {
+  if (settings.memory_budget_mb > 0) {
+    return settings.memory_budget_mb * kMiB;
+  }
+  return platform::memory_available_bytes() / 2;
+}
+
+}  // namespace
+
+NameGroups match_name_groups(const Mesh& low, const Mesh& high,
+                             const NormalBakeSettings& settings) {
+  NameGroups groups;
+  std::map<std::string, std::uint32_t> ids;
+  std::vector<std::uint8_t> low_has_high;
+  auto id_of = [&](const std::string& key) {
+    const auto [it, added] = ids.emplace(key, static_cast<std::uint32_t>(ids.size()));
+    if (added) {
+      low_has_high.push_back(0);
+    }
+    return it->second;
+  };
+  for (std::size_t o = 0; o < low.objects.size(); ++o) {
+    groups.low_objects.push_back(
+        id_of(object_key(low, o, settings.match_objects, settings.low_suffix)));
+  }
+  std::vector<std::uint32_t> high_object_groups;
+  for (std::size_t o = 0; o < high.objects.size(); ++o) {
+    const std::uint32_t id =
+        id_of(object_key(high, o, settings.match_objects, settings.high_suffix));
+    high_object_groups.push_back(id);
+    low_has_high[id] = 1;
+  }
+  for (const std::uint32_t id : groups.low_objects) {
+    if (low_has_high[id] == 0) {
+      ++groups.unmatched_low_objects;
+    }
+  }
+  groups.high_triangles.reserve(high.triangles.size());
+  for (const Triangle& t : high.triangles) {
+    groups.high_triangles.push_back(t.object < high_object_groups.size()
+                                        ? high_object_groups[t.object]
+                                        : static_cast<std::uint32_t>(ids.size()));
+  }
+  return groups;
+}
+
+NormalBakeRun bake_normal_map(const Mesh& low, const Mesh& high, const NormalBakeSettings& settings,
+                              int threads, const NormalBakeCallbacks& callbacks) {
+  NormalBakeRun run;
+  run.low_triangles = low.triangles.size();
+  run.high_triangles = high.triangles.size();
+
+  Clock::time_point start = Clock::now();
+  check_bake_start(settings);
+  NameGroups groups;
+  if (settings.match_by_name) {
+    groups = match_name_groups(low, high, settings);
+    run.unmatched_low_objects = groups.unmatched_low_objects;
+  }
+  NormalBakeSettings prep_settings = settings;
+  prep_settings.threads = threads;
+  const LowPrepSettings low_settings = low_prep_settings_of(prep_settings);
+  const LowPrep prep = LowPrep::build(low, groups.low_objects, low_settings);
+  run.zero_uv_area_triangles = prep.raster().degenerate_count();
+  run.corners_without_normal = prep.tangent_normal_fallbacks();
+  run.seconds.setup = seconds_since(start);
+
+  if (callbacks.phase_started) {
+    callbacks.phase_started("bvh");
+  }
+  start = Clock::now();
+  auto notice = [&](BakeMemoryNotice n) {
+    if (callbacks.low_memory) {
+      callbacks.low_memory(n);
+    }
+    run.memory.notices.push_back(std::move(n));
+  };
+  const std::unique_ptr<CpuTracer> tracer = build_cpu_tracer_with_retry(
+      high, std::move(groups.high_triangles), threads, &run.retried_compact);
+  if (run.retried_compact) {
+    notice({"bvh", "out_of_memory", 0, 1});
+  }
+  check_low_prep_use(prep, low_settings, {}, tracer->has_name_groups());
+  run.backend = tracer->description();
+  run.seconds.bvh = seconds_since(start);
+
+  ResolveOptions options;
+  options.distances = ray_distances(high, settings.front, settings.rear, settings.relative_scale);
+  run.scale = static_cast<double>(options.distances.scale);
+  run.front = options.distances.front;
+  run.rear = options.distances.rear;
+
+  // Bands shrink until their working memory fits beside the tracer and the
+  // result; smaller bands give the same codes, only more slowly.
+  const std::int32_t aa = settings.aa;
+  const std::uint64_t row_bytes = static_cast<std::uint64_t>(settings.width) *
+                                  static_cast<std::uint64_t>(aa) * static_cast<std::uint64_t>(aa) *
+                                  band_bytes_per_sample();
+  std::int32_t rows = band_rows_for(settings.band_samples, settings.width, settings.height, aa);
+  const std::uint64_t budget = memory_budget_bytes(settings);
+  run.memory.budget_mb = budget / kMiB;
+  if (budget > 0) {
+    const std::uint64_t texels =
+        static_cast<std::uint64_t>(settings.width) * static_cast<std::uint64_t>(settings.height);
+    const std::uint64_t fixed = tracer->memory_bytes() + texels * 11;
+    const std::uint64_t room = budget > fixed ? budget - fixed : 0;
+    const std::int32_t wanted = rows;
+    while (rows > 1 && static_cast<std::uint64_t>(rows) * row_bytes > room) {
+      rows = (rows + 1) / 2;
+    }
+    if (rows != wanted) {
+      notice({"bake", "memory_budget", static_cast<std::uint64_t>(wanted),
+              static_cast<std::uint64_t>(rows)});
+    }
+  }
+  options.band_rows = rows;
+  run.memory.band_rows = static_cast<std::uint64_t>(rows);
+
+  if (callbacks.phase_started) {
+    callbacks.phase_started("bake");
+  }
+  if (callbacks.tracing_started) {
+    callbacks.tracing_started(run.backend);
+  }
+  const WorkerPool pool(threads);
+  ResolveSeconds resolve_seconds;
+  try {
+    run.result = resolve_normals(prep, high, *tracer, prep_settings, options, pool,
+                                 callbacks.region_finished, &resolve_seconds);
+  } catch (const std::bad_alloc&) {
+    throw OutOfMemory(
+        "out of memory while baking; a smaller --memory-budget-mb gives smaller bands");
+  }
+  start = Clock::now();
+  run.coverage = fill_normal_misses(run.result);
+  const double fill_seconds = seconds_since(start);
+  run.texels_valid = run.coverage.hits + run.coverage.filled;
+  run.seconds.trace = resolve_seconds.total + fill_seconds;
+  run.seconds.trace_rays = resolve_seconds.rays;
+  run.seconds.trace_wait = resolve_seconds.wait;
+  run.seconds.trace_resolve = resolve_seconds.resolve + fill_seconds;
+  return run;
+}
+
+}  // namespace kv
