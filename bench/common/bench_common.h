@@ -8,15 +8,13 @@
 #include <string>
 #include <vector>
 
+#include "core/stopwatch.h"
 #include "platform/platform.h"
 
 namespace kv::bench {
 
-using Clock = std::chrono::steady_clock;
-
-inline double seconds_since(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
+using kv::Clock;
+using kv::seconds_since;
 
 // Reads the file once in large blocks so that the readers timed next find it
 // in the page cache.

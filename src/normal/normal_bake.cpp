@@ -1,11 +1,11 @@
 #include "normal/normal_bake.h"
 
-#include <chrono>
 #include <map>
 #include <memory>
 #include <new>
 
 #include "core/error.h"
+#include "core/stopwatch.h"
 #include "core/parallel.h"
 #include "platform/platform.h"
 #include "sampling/ray_setup.h"
@@ -14,12 +14,6 @@
 
 namespace kv {
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-double seconds_since(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
 
 constexpr std::uint64_t kMiB = 1024 * 1024;
 

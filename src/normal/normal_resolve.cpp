@@ -1,12 +1,12 @@
 #include "normal/normal_resolve.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <utility>
 
 #include "core/error.h"
+#include "core/stopwatch.h"
 #include "core/prefetch.h"
 #include "image/unorm16.h"
 #include "sampling/ray_setup.h"
@@ -127,12 +127,6 @@ struct SubSample {
   double b1 = 0.0;
   double b2 = 0.0;
 };
-
-using Clock = std::chrono::steady_clock;
-
-double seconds_since(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
 
 // High triangles are met in no useful order, so their records and normals
 // miss the cache: while hit `ray` is resolved, the records of a later hit and

@@ -1,12 +1,12 @@
 #include "run/bake_command.h"
 
 #include <algorithm>
-#include <chrono>
 #include <memory>
 #include <mutex>
 #include <string>
 
 #include "core/error.h"
+#include "core/stopwatch.h"
 #include "gpu/gpu_probe.h"
 #include "image/exr.h"
 #include "image/png.h"
@@ -23,13 +23,6 @@
 namespace kv::cli {
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-double seconds_since(Clock::time_point start) {
-  const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - start);
-  return static_cast<double>(ns.count()) / 1e9;
-}
 
 constexpr std::uint64_t kBakeCacheCapBytes = 8192ull * 1048576ull;
 
