@@ -138,7 +138,7 @@ int main(int argc, char** argv) {
   for (int r = 0; r < repeats; ++r) {
     start = Clock::now();
     std::clock_t cpu = std::clock();
-    tracer.trace_batch(queries.data(), ours.data(), queries.size(), threads);
+    tracer.trace_batch(queries.data(), ours.data(), queries.size(), pool);
     best_ours = std::min(best_ours, seconds_since(start));
     cpu_ours = std::min(cpu_ours, cpu_seconds_since(cpu));
     start = Clock::now();

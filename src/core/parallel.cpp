@@ -23,6 +23,11 @@ WorkerPool::WorkerPool(int threads)
 
 WorkerPool::~WorkerPool() = default;
 
+const WorkerPool& WorkerPool::serial() {
+  static const WorkerPool pool(1);
+  return pool;
+}
+
 void WorkerPool::run(const std::function<void()>& fn) const {
   arena_->arena.execute(fn);
 }

@@ -47,6 +47,10 @@ class WorkerPool {
 
   int thread_count() const { return threads_; }
 
+  // A pool of one thread that runs every chunk on the calling thread, for
+  // work that is already inside a chunk of another pool.
+  static const WorkerPool& serial();
+
   // Calls fn once per chunk of [0, count). When chunks throw, the exception of
   // the lowest failing chunk is rethrown after all running chunks finished;
   // chunks above a known failure may be skipped.

@@ -5,8 +5,8 @@
 #include <new>
 
 #include "core/error.h"
-#include "core/stopwatch.h"
 #include "core/parallel.h"
+#include "core/stopwatch.h"
 #include "platform/platform.h"
 #include "sampling/ray_setup.h"
 #include "texel/low_prep.h"
@@ -28,15 +28,6 @@ std::string object_key(const Mesh& mesh, std::size_t object, bool by_block,
     key.resize(key.size() - suffix.size());
   }
   return key;
-}
-
-// The memory the bake may use in bytes: the given budget, else half of the
-// memory free now; 0 when neither is known.
-std::uint64_t memory_budget_bytes(const NormalBakeSettings& settings) {
-  if (settings.memory_budget_mb > 0) {
-    return settings.memory_budget_mb * kMiB;
-  }
-  return platform::memory_available_bytes() / 2;
 }
 
 }  // namespace
@@ -126,27 +117,18 @@ NormalBakeRun bake_normal_map(const Mesh& low, const Mesh& high, const NormalBak
 
   // Bands shrink until their working memory fits beside the tracer and the
   // result; smaller bands give the same codes, only more slowly.
-  const std::int32_t aa = settings.aa;
-  const std::uint64_t row_bytes = static_cast<std::uint64_t>(settings.width) *
-                                  static_cast<std::uint64_t>(aa) * static_cast<std::uint64_t>(aa) *
-                                  band_bytes_per_sample();
-  std::int32_t rows = band_rows_for(settings.band_samples, settings.width, settings.height, aa);
-  const std::uint64_t budget = memory_budget_bytes(settings);
+  const std::uint64_t budget = memory_budget_bytes(settings.memory_budget_mb);
   run.memory.budget_mb = budget / kMiB;
-  if (budget > 0) {
-    const std::uint64_t texels =
-        static_cast<std::uint64_t>(settings.width) * static_cast<std::uint64_t>(settings.height);
-    const std::uint64_t fixed = tracer->memory_bytes() + texels * 11;
-    const std::uint64_t room = budget > fixed ? budget - fixed : 0;
-    const std::int32_t wanted = rows;
-    while (rows > 1 && static_cast<std::uint64_t>(rows) * row_bytes > room) {
-      rows = (rows + 1) / 2;
-    }
-    if (rows != wanted) {
-      notice({"bake", "memory_budget", static_cast<std::uint64_t>(wanted),
-              static_cast<std::uint64_t>(rows)});
-    }
+  const std::uint64_t texels =
+      static_cast<std::uint64_t>(settings.width) * static_cast<std::uint64_t>(settings.height);
+  const BandPlan plan =
+      plan_bands(settings.band_samples, settings.width, settings.height, settings.aa, budget,
+                 tracer->memory_bytes() + texels * kNormalResultBytesPerTexel);
+  if (plan.rows != plan.wanted_rows) {
+    notice({"bake", "memory_budget", static_cast<std::uint64_t>(plan.wanted_rows),
+            static_cast<std::uint64_t>(plan.rows)});
   }
+  const std::int32_t rows = plan.rows;
   options.band_rows = rows;
   run.memory.band_rows = static_cast<std::uint64_t>(rows);
 

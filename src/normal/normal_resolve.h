@@ -15,6 +15,7 @@
 #include "core/parallel.h"
 #include "mesh/mesh.h"
 #include "normal/normal_bake_settings.h"
+#include "sampling/band_loop.h"
 #include "sampling/ray_setup.h"
 #include "texel/low_prep.h"
 #include "texel/tangent_frames.h"
@@ -52,43 +53,26 @@ struct NormalBakeResult {
   NormalBakeCounters counters;
 };
 
-// A finished rectangle of texels.
-struct TexelRegion {
-  std::int32_t x = 0;
-  std::int32_t y = 0;
-  std::int32_t w = 0;
-  std::int32_t h = 0;
-};
-
 // Called after every band with the band's rows and the result so far (the
 // rows above and the band itself are final). May throw Cancelled to end the
 // bake between bands.
 using BandFinished = std::function<void(const TexelRegion&, const NormalBakeResult&)>;
 
 // Where the resolve spent its time, in seconds.
-struct ResolveSeconds {
-  double total = 0.0;    // the whole band loop
-  double rays = 0.0;     // inside trace_batch
-  double wait = 0.0;     // inside the band callback
-  double resolve = 0.0;  // raster lookups, ray setup and the resolve itself
-};
+using ResolveSeconds = BandLoopSeconds;
 
-// Texel rows per band: as many whole rows as band_samples sub-samples allow,
-// at least one, at most the image height, and never more sub-samples than a
-// signed 32-bit index can count.
-std::int32_t band_rows_for(std::uint64_t band_samples, std::int32_t width, std::int32_t height,
-                           std::int32_t aa);
-
-// Upper bound of the memory one sub-sample of a band takes while it is baked.
-std::uint64_t band_bytes_per_sample();
+// Bytes of the result per texel: three Normal codes, an Opacity code and
+// three masks.
+inline constexpr std::uint64_t kNormalResultBytesPerTexel = 3 * 2 + 2 + 3;
 
 struct ResolveOptions {
   std::int32_t band_rows = 0;  // 0: band_rows_for(settings.band_samples, ...)
   RayDistances distances;
 };
 
-// Bakes every texel of the LowPrep's image. The settings must be those the
-// LowPrep was built for (see check_low_prep_use).
+// Bakes every texel of the LowPrep's image: the Normal/Opacity evaluator on
+// the band loop. The settings must be those the LowPrep was built for (see
+// check_low_prep_use), with tangent frames.
 NormalBakeResult resolve_normals(const LowPrep& prep, const Mesh& high, const Tracer& tracer,
                                  const NormalBakeSettings& settings, const ResolveOptions& options,
                                  const WorkerPool& pool, const BandFinished& band_finished = {},

@@ -36,27 +36,6 @@ RayDistances ray_distances(const Mesh& high, float front, float rear, bool relat
   return d;
 }
 
-namespace {
-
-// (w0 a0 + w1 a1) + w2 a2, in 32-bit float.
-inline float blend1(float w0, float w1, float w2, float a0, float a1, float a2) {
-  const float first = w0 * a0;
-  const float second = w1 * a1;
-  const float third = w2 * a2;
-  return (first + second) + third;
-}
-
-// The same per component. Built from three scalars at once: filling the
-// array one element at a time and reading it back whole stalls the CPU's
-// store forwarding on every sample.
-inline Vec3f blend3(float w0, float w1, float w2, const Vec3f& a0, const Vec3f& a1,
-                    const Vec3f& a2) {
-  return {blend1(w0, w1, w2, a0[0], a1[0], a2[0]), blend1(w0, w1, w2, a0[1], a1[1], a2[1]),
-          blend1(w0, w1, w2, a0[2], a1[2], a2[2])};
-}
-
-}  // namespace
-
 bool blended_normal(const Mesh& mesh, std::uint32_t triangle, float u, float v, Vec3f& out) {
   std::array<Vec3f, 3> n{};
   const Triangle& t = mesh.triangles[triangle];
@@ -74,7 +53,7 @@ bool blended_normal(const Mesh& mesh, std::uint32_t triangle, float u, float v, 
     n[c] = *corner;
   }
   const float w0 = (1.0f - u) - v;
-  Vec3f h = blend3(w0, u, v, n[0], n[1], n[2]);
+  Vec3f h = blend_012(w0, u, v, n[0], n[1], n[2]);
   if (!normalize_in_place(h)) {
     return false;
   }
@@ -91,8 +70,8 @@ bool build_ray_query(const RaySetup& setup, std::uint32_t triangle, double b1, d
   const float f0 = (1.0f - f1) - f2;
 
   const Vec3f point =
-      blend3(f0, f1, f2, low.positions[t.corners[0].position], low.positions[t.corners[1].position],
-             low.positions[t.corners[2].position]);
+      blend_012(f0, f1, f2, low.positions[t.corners[0].position],
+                low.positions[t.corners[1].position], low.positions[t.corners[2].position]);
   std::array<Vec3f, 3> own{};
   const Vec3f* a = own.data();
   if (!setup.averaged_normals.empty()) {
@@ -106,7 +85,7 @@ bool build_ray_query(const RaySetup& setup, std::uint32_t triangle, double b1, d
       own[static_cast<std::size_t>(c)] = *corner;
     }
   }
-  Vec3f axis = blend3(f0, f1, f2, a[0], a[1], a[2]);
+  Vec3f axis = blend_012(f0, f1, f2, a[0], a[1], a[2]);
   if (!normalize_in_place(axis)) {
     return false;
   }

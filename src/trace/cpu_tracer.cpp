@@ -36,7 +36,10 @@ void release_scene_and_device(void*& scene, void*& device) {
   }
 }
 
-constexpr std::uint64_t kBatchTask = 1024;  // rays per task of a batch
+// Rays per task of a batch: enough that a task's start-up (thread state,
+// floating-point state) vanishes beside its rays, few enough that the tasks
+// of a band balance over the threads. A multiple of the packet size.
+constexpr std::uint64_t kBatchTask = 1024;
 static_assert(embree::kPacketLanes == kTraceGroup, "a trace group is one Embree packet");
 static_assert(kBatchTask % kTraceGroup == 0, "packets never straddle two tasks");
 
@@ -581,11 +584,7 @@ RayHit CpuTracer::winner(const RayQuery& query, std::uint32_t primitive, float u
 }
 
 void CpuTracer::trace_batch(const RayQuery* queries, RayHit* hits, std::uint64_t count,
-                            std::int32_t threads) const {
-  if (count == 0) {
-    return;
-  }
-  WorkerPool pool(threads);
+                            const WorkerPool& pool) const {
   pool.for_chunks(
       count, kBatchTask, [&](std::uint64_t /*task*/, std::uint64_t begin, std::uint64_t end) {
         // Nothing a task runs changes the thread or the floating-point control state.
@@ -598,6 +597,21 @@ void CpuTracer::trace_batch(const RayQuery* queries, RayHit* hits, std::uint64_t
           trace_packet(queries + i, hits + i, lanes, thread, fp_state);
         }
       });
+}
+
+void CpuTracer::occluded_batch(const OcclusionQuery* queries, std::uint8_t* occluded,
+                               std::uint64_t count, const WorkerPool& pool) const {
+  // No filter runs for occlusion rays: any triangle along the segment counts.
+  const auto scene = static_cast<embree::Scene>(scene_);
+  pool.for_chunks(count, kBatchTask, [&](std::uint64_t, std::uint64_t begin, std::uint64_t end) {
+    for (std::uint64_t i = begin; i < end; ++i) {
+      const OcclusionQuery& q = queries[i];
+      const bool along =
+          q.t_near >= 0.0f && q.t_far >= q.t_near &&
+          embree::occluded1(scene, q.origin.data(), q.direction.data(), q.t_near, q.t_far);
+      occluded[i] = along ? 1 : 0;
+    }
+  });
 }
 
 bool CpuTracer::check_known_hit(const RayQuery& query, RayHit& hit) const {

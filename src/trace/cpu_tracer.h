@@ -71,7 +71,9 @@ class CpuTracer final : public Tracer {
   RayHit trace_excluding(const RayQuery& query, std::int32_t excluded) const override;
   bool runs_on_gpu() const override { return false; }
   void trace_batch(const RayQuery* queries, RayHit* hits, std::uint64_t count,
-                   std::int32_t threads) const override;
+                   const WorkerPool& pool) const override;
+  void occluded_batch(const OcclusionQuery* queries, std::uint8_t* occluded, std::uint64_t count,
+                      const WorkerPool& pool) const override;
   bool check_known_hit(const RayQuery& query, RayHit& hit) const override;
   bool has_name_groups() const override { return !name_groups_.empty(); }
   GpuTraceStatistics gpu_statistics() const override { return {0, 0, 0, 0, 0}; }

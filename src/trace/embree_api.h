@@ -178,6 +178,22 @@ inline void intersect1(Scene scene, RTCRayHit* rayhit) {
 #endif
 }
 
+// True when any geometry lies along the ray within [t_near, t_far].
+inline bool occluded1(Scene scene, const float origin[3], const float direction[3], float t_near,
+                      float t_far) {
+  RTCRay ray = make_ray(origin, direction, t_far).ray;
+  ray.tnear = t_near;
+#if RTC_VERSION_MAJOR >= 4
+  rtcOccluded1(scene, &ray, nullptr);
+#else
+  RTCIntersectContext context;
+  rtcInitIntersectContext(&context);
+  rtcOccluded1(scene, &context, &ray);
+#endif
+  // Embree marks an occluded ray by setting tfar to minus infinity.
+  return !(ray.tfar >= 0.0f);
+}
+
 // ---- packets of eight rays ---------------------------------------------------
 
 inline constexpr unsigned kPacketLanes = 8;

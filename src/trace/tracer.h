@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <string>
 
+#include "core/parallel.h"
+
 namespace kv {
 
 // One ray as the bakes build it: seventeen 32-bit words, packed in batches.
@@ -33,6 +35,18 @@ struct RayHit {
   float t = 0.0f;  // distance from the origin along the direction
 };
 static_assert(sizeof(RayHit) == 16, "a ray hit is 16 bytes");
+
+// A secondary ray that only asks whether any high triangle lies along it,
+// cast from a point of the high surface (occlusion, as mesh maps use).
+// Triangles count at distances t_near <= t <= t_far (a query with t_near
+// below 0 or t_far below t_near sees nothing); no window, name group or
+// backface rule applies.
+struct OcclusionQuery {
+  std::array<float, 3> origin{};
+  std::array<float, 3> direction{};  // unit length
+  float t_near = 0.0f;
+  float t_far = 0.0f;
+};
 
 // Counters a GPU tracer reports; a CPU tracer reports zeros.
 using GpuTraceStatistics = std::array<std::uint64_t, 5>;
@@ -61,11 +75,18 @@ class Tracer {
   // True for tracers that run on a GPU device.
   virtual bool runs_on_gpu() const = 0;
 
-  // Traces queries[i] into hits[i] for every i below count, on `threads`
-  // worker threads (0 or less: every hardware thread). Queries are traced in
-  // groups of kTraceGroup from the start of the batch; see there.
+  // Traces queries[i] into hits[i] for every i below count on the pool's
+  // threads (WorkerPool::serial() from inside another pool's chunk). Queries
+  // are traced in groups of kTraceGroup from the start of the batch; see
+  // there.
   virtual void trace_batch(const RayQuery* queries, RayHit* hits, std::uint64_t count,
-                           std::int32_t threads) const = 0;
+                           const WorkerPool& pool) const = 0;
+
+  // occluded[i] = 1 when any high triangle lies along queries[i], else 0,
+  // for every i below count, on the pool's threads. By default tracers
+  // cannot answer occlusion queries and raise an Error.
+  virtual void occluded_batch(const OcclusionQuery* queries, std::uint8_t* occluded,
+                              std::uint64_t count, const WorkerPool& pool) const;
 
   // Recomputes hit.triangle's hit of the query exactly as tracing does and
   // applies the same distance and group tests. On success writes the refined

@@ -361,7 +361,7 @@ class RecordingTracer final : public Tracer {
   RayHit trace(const RayQuery& query) const override { return inner_.trace(query); }
   bool runs_on_gpu() const override { return false; }
   void trace_batch(const RayQuery* queries, RayHit* hits, std::uint64_t count,
-                   std::int32_t threads) const override {
+                   const WorkerPool& pool) const override {
     std::vector<bool> real;
     for (std::uint64_t i = 0; i < count; ++i) {
       real.push_back(queries[i].t_max > 0.0f);
@@ -370,7 +370,7 @@ class RecordingTracer final : public Tracer {
       const std::lock_guard guard(mutex_);
       batches_.push_back(std::move(real));
     }
-    inner_.trace_batch(queries, hits, count, threads);
+    inner_.trace_batch(queries, hits, count, pool);
   }
   bool check_known_hit(const RayQuery& query, RayHit& hit) const override {
     return inner_.check_known_hit(query, hit);

@@ -304,7 +304,7 @@ bool same_bits(const std::vector<RayHit>& a, const std::vector<RayHit>& b) {
 std::vector<RayHit> trace_all(const CpuTracer& tracer, const std::vector<RayQuery>& queries,
                               int threads) {
   std::vector<RayHit> hits(queries.size(), RayHit{7, 1, 1, 1});
-  tracer.trace_batch(queries.data(), hits.data(), hits.size(), threads);
+  tracer.trace_batch(queries.data(), hits.data(), hits.size(), WorkerPool(threads));
   return hits;
 }
 
@@ -365,10 +365,10 @@ TEST(TracerBatch, SameBitsOnOneAndTwoThreadsAndAsSingleRays) {
 
   // A batch that starts inside the array writes only its own slots.
   std::vector<RayHit> part(kRays, RayHit{7, 1, 1, 1});
-  tracer.trace_batch(queries.data() + 1000, part.data() + 1000, 1500, 2);
+  tracer.trace_batch(queries.data() + 1000, part.data() + 1000, 1500, WorkerPool(2));
   EXPECT_EQ(std::pair(part[999].triangle, part[2500].triangle), std::pair(7, 7));
   EXPECT_EQ(std::memcmp(part.data() + 1000, one.data() + 1000, 1500 * sizeof(RayHit)), 0);
-  tracer.trace_batch(queries.data(), part.data(), 0, 2);  // nothing to do
+  tracer.trace_batch(queries.data(), part.data(), 0, WorkerPool(2));  // nothing to do
 }
 
 TEST(TracerRefineCache, SwitchAndIdenticalResults) {
@@ -414,7 +414,7 @@ class NoExclusionTracer final : public Tracer {
   std::string description() const override { return "none"; }
   RayHit trace(const RayQuery&) const override { return {}; }
   bool runs_on_gpu() const override { return true; }
-  void trace_batch(const RayQuery*, RayHit*, std::uint64_t, std::int32_t) const override {}
+  void trace_batch(const RayQuery*, RayHit*, std::uint64_t, const WorkerPool&) const override {}
   bool check_known_hit(const RayQuery&, RayHit&) const override { return false; }
   bool has_name_groups() const override { return false; }
   GpuTraceStatistics gpu_statistics() const override { return {}; }
