@@ -118,63 +118,6 @@ TEST(TexelCodes, ColourRoundTripAndEncoding) {
   EXPECT_EQ(codes, (Codes{13107, 32768, 58981}));  // untouched
 }
 
-TEST(BandRows, WholeRowsWithinTheSampleBudget) {
-  EXPECT_EQ(band_rows_for(1048576, 2048, 2048, 4), 32);
-  EXPECT_EQ(band_rows_for(1048576, 2048, 2048, 1), 512);
-  EXPECT_EQ(band_rows_for(1048575, 2048, 2048, 4), 31);
-  EXPECT_EQ(band_rows_for(1, 100, 50, 2), 1);          // at least one row
-  EXPECT_EQ(band_rows_for(1u << 30, 100, 50, 2), 50);  // at most the image
-  // A service may ask for huge bands; rays stay countable in 32 bits.
-  EXPECT_EQ(band_rows_for(UINT64_MAX, 16384, 16384, 8), 2047);
-}
-
-TEST(RaySetup, DistancesAndTheQueryFromTheLowSurface) {
-  Mesh high;
-  high.positions = {{-1.0f, 0.0f, 0.0f}, {2.0f, 0.5f, 0.25f}};
-  EXPECT_EQ(mesh_extent(high), 3.0);
-  using Distances = std::array<float, 4>;
-  const auto fields = [](const RayDistances& d) {
-    return Distances{d.scale, d.front, d.rear, d.t_max};
-  };
-  EXPECT_EQ(fields(ray_distances(high, 0.01f, 0.02f, true)),
-            (Distances{3.0f, 0.01f * 3.0f, 0.02f * 3.0f, 0.02f * 3.0f + 0.01f * 3.0f}));
-  EXPECT_EQ(fields(ray_distances(high, 0.01f, 0.02f, false)),
-            (Distances{1.0f, 0.01f, 0.02f, 0.02f + 0.01f}));
-  EXPECT_EQ(ray_distances(Mesh{}, 0.01f, 0.02f, true).t_max, 0.0f);
-
-  Mesh low;
-  PlaneSpec p;
-  p.z = 2.0f;
-  p.normal = std::array<float, 3>{0.0f, 0.0f, 1.0f};
-  p.object = 1;
-  add_plane(low, p);
-  const std::array<std::uint32_t, 2> groups = {5, 9};
-  RaySetup setup;
-  setup.low = &low;
-  setup.distances = {1.0f, 0.5f, 0.25f, 0.75f};
-  setup.object_groups = groups;
-  setup.ignore_backface = false;
-  RayQuery q;
-  // Triangle 0 runs (0,0) (1,0) (1,1): weights 0.5 and 0.25 on the last two.
-  ASSERT_TRUE(build_ray_query(setup, 0, 0.5, 0.25, q));
-  using V = std::array<float, 3>;
-  EXPECT_EQ(std::tuple(q.surface_point, q.surface_normal, q.origin, q.direction),
-            std::tuple(V{0.75f, 0.25f, 2.0f}, V{0, 0, 1}, V{0.75f, 0.25f, 2.5f}, V{0, 0, -1}));
-  EXPECT_EQ(std::tuple(q.t_max, q.front, q.rear, q.group, q.ignore_backface),
-            std::tuple(0.75f, 0.5f, 0.25f, 9, std::uint8_t{0}));
-
-  // Averaged normals, when given, decide the axis; a zero one casts no ray.
-  std::vector<std::array<float, 3>> averaged(6, {0.0f, 3.0f, 4.0f});
-  setup.averaged_normals = averaged;
-  setup.object_groups = {};
-  ASSERT_TRUE(build_ray_query(setup, 0, 0.5, 0.25, q));
-  EXPECT_FLOAT_EQ(q.surface_normal[1], 0.6f);
-  EXPECT_FLOAT_EQ(q.surface_normal[2], 0.8f);
-  EXPECT_EQ(q.group, -1);
-  averaged.assign(6, {0.0f, 0.0f, 0.0f});
-  EXPECT_FALSE(build_ray_query(setup, 0, 0.5, 0.25, q));
-}
-
 // ---- whole resolves over small scenes ------------------------------------------
 
 NormalBakeSettings small_settings(std::int32_t size, std::int32_t aa) {
