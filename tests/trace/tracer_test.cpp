@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -408,7 +409,54 @@ TEST(TracerRefineCache, SwitchAndIdenticalResults) {
   EXPECT_GE(a.filter_calls, hits);
 }
 
-// A tracer that keeps the interface's default for exclusion.
+OcclusionQuery segment(std::array<float, 3> origin, std::array<float, 3> direction, float t_near,
+                       float t_far) {
+  return {origin, direction, t_near, t_far};
+}
+
+std::vector<std::uint8_t> occluded_all(const Tracer& tracer,
+                                       const std::vector<OcclusionQuery>& queries, int threads) {
+  std::vector<std::uint8_t> occluded(queries.size(), 7);
+  tracer.occluded_batch(queries.data(), occluded.data(), queries.size(), WorkerPool(threads));
+  return occluded;
+}
+
+TEST(TracerOcclusion, AnyTriangleAlongTheSegmentWithoutTheBakesRules) {
+  Mesh mesh;
+  add_plane(mesh, square(-0.002f));
+  add_plane(mesh, square(0.003f, 1.0f, true, 1));
+  // Name groups and the backface rule belong to the primary rays only.
+  const CpuTracer tracer(mesh, {0, 0, 1, 1}, {}, 1);
+  const std::array<float, 3> down = {0, 0, -1}, up = {0, 0, 1};
+  const std::vector<OcclusionQuery> queries = {
+      segment({0.25f, -0.5f, 1.0f}, down, 0.0f, 2.0f),      // both planes
+      segment({0.25f, -0.5f, 1.0f}, down, 0.0f, 0.5f),      // ends above them
+      segment({0.25f, -0.5f, 1.0f}, down, 0.998f, 1.001f),  // between the planes
+      segment({0.25f, -0.5f, 1.0f}, down, 0.998f, 1.003f),  // reaches the lower one
+      segment({0.25f, -0.5f, -1.0f}, up, 0.0f, 2.0f),       // from below: back faces count
+      segment({1.5f, 0.0f, 1.0f}, down, 0.0f, 2.0f),        // beside the squares
+      segment({0.25f, -0.5f, 1.0f}, down, 1.5f, 0.5f),      // t_near beyond t_far
+      segment({0.25f, -0.5f, 1.0f}, down, -1.0f, 2.0f),     // t_near below 0
+  };
+  EXPECT_EQ(occluded_all(tracer, queries, 1), (std::vector<std::uint8_t>{1, 0, 0, 1, 1, 0, 0, 0}));
+
+  // Many segments over a bumpy field: the same answers on one and two
+  // threads, some blocked and some free.
+  const Mesh field = test::bumpy_field(60);
+  const CpuTracer bumps(field, {}, {}, 2);
+  std::vector<OcclusionQuery> many;
+  for (const RayQuery& q : test::field_queries(5 * 1024 + 11, 0.02f, 0.02f)) {
+    many.push_back(segment(q.origin, q.direction, 0.0f, q.front));
+  }
+  const std::vector<std::uint8_t> one = occluded_all(bumps, many, 1);
+  EXPECT_EQ(occluded_all(bumps, many, 2), one);
+  const auto blocked = static_cast<std::size_t>(std::count(one.begin(), one.end(), 1));
+  EXPECT_GT(blocked, 0u);
+  EXPECT_LT(blocked, many.size());
+  EXPECT_EQ(blocked + static_cast<std::size_t>(std::count(one.begin(), one.end(), 0)), many.size());
+}
+
+// A tracer that keeps the interface's defaults for exclusion and occlusion.
 class NoExclusionTracer final : public Tracer {
  public:
   std::string description() const override { return "none"; }
@@ -429,6 +477,12 @@ TEST(TracerErrors, MessagesByCase) {
   }
   EXPECT_EQ(message_of<Error>([] { NoExclusionTracer().trace_excluding(RayQuery{}, 3); }),
             "tracer does not support secondary self exclusion");
+  EXPECT_EQ(message_of<Error>([] {
+              const OcclusionQuery q;
+              std::uint8_t occluded = 0;
+              NoExclusionTracer().occluded_batch(&q, &occluded, 1, WorkerPool::serial());
+            }),
+            "tracer does not support occlusion queries");
   Mesh broken = mesh;
   broken.triangles[1].corners[2].position = 4;
   EXPECT_EQ(message_of<Error>([&] { CpuTracer(broken, {}, {}, 1); }),
