@@ -198,7 +198,8 @@ void run_band_per_chunk(const Loop& loop, std::int32_t y0, std::uint64_t rows,
     set_up_chunk(loop, y0, row_begin, row_end, work);
     work.setup_seconds = seconds_since(step);
     step = Clock::now();
-    work.hits.assign(work.queries.size(), RayHit{});
+    // trace_batch writes every slot: the hits need no clearing first.
+    work.hits.resize(work.queries.size());
     if (!work.queries.empty()) {
       loop.tracer.trace_batch(work.queries.data(), work.hits.data(), work.queries.size(),
                               WorkerPool::serial());
@@ -241,7 +242,7 @@ void run_band_whole(const Loop& loop, std::int32_t y0, std::uint64_t rows,
   }
   check_band_slots(offsets.back());
   queries.resize(static_cast<std::size_t>(offsets.back()));
-  hits.assign(queries.size(), RayHit{});
+  hits.resize(queries.size());
   loop.pool.for_chunks(chunks.size(), 1, [&](std::uint64_t c, std::uint64_t, std::uint64_t) {
     const ChunkWork& work = chunks[static_cast<std::size_t>(c)];
     std::copy(work.queries.begin(), work.queries.end(),
