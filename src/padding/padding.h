@@ -45,21 +45,9 @@
 
 #include "core/parallel.h"
 #include "image/image_view.h"
-#include "normal/normal_bake_settings.h"
+#include "padding/padding_settings.h"
 
 namespace kv {
-
-struct PaddingSettings {
-  PaddingMode mode = PaddingMode::ring;
-  std::int32_t width = 32;  // texels
-  bool srgb = false;        // integer colour codes: means in linear light
-  // Fill of the color mode, one value per channel in the component's own
-  // units (codes for integer images); missing channels get 0.
-  std::vector<double> color = {32768.0, 32768.0, 65535.0};
-};
-
-// The padding of a Normal bake: mode, dilation and colour of its settings.
-PaddingSettings padding_settings_of(const NormalBakeSettings& settings);
 
 // Pads the image in place by the settings' mode. `valid` holds one byte per
 // texel, non-zero where the texel holds a source value. Returns the mask of
