@@ -19,6 +19,7 @@
 #include "core/parallel.h"
 #include "limit/plain_embree.h"
 #include "normal/normal_bake.h"
+#include "normal/normal_padding.h"
 #include "padding/padding.h"
 #include "platform/platform.h"
 #include "sampling/ray_setup.h"

@@ -7,16 +7,9 @@
 #include <string>
 #include <vector>
 
-namespace kv {
+#include "padding/padding_mode.h"
 
-enum class PaddingMode : std::uint8_t {
-  ring = 0,
-  passthrough = 1,
-  infinite = 2,
-  transparent = 3,
-  color = 4,
-  diffusion = 5,
-};
+namespace kv {
 
 struct NormalBakeSettings {
   std::filesystem::path low;

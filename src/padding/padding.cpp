@@ -45,14 +45,6 @@ bool texel_count(std::int32_t width, std::int32_t height, std::uint64_t* count) 
 
 }  // namespace
 
-PaddingSettings padding_settings_of(const NormalBakeSettings& settings) {
-  PaddingSettings padding;
-  padding.mode = settings.padding;
-  padding.width = settings.dilation;
-  padding.color.assign(settings.padding_color.begin(), settings.padding_color.end());
-  return padding;
-}
-
 std::vector<std::uint8_t> pad_image(const ImageView& image, std::span<const std::uint8_t> valid,
                                     const PaddingSettings& settings, const WorkerPool& pool) {
   std::uint64_t texels = 0;

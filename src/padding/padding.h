@@ -39,48 +39,15 @@
 // nearest even; 32-bit floats take (float) m.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <vector>
 
 #include "core/parallel.h"
-#include "image/texel_image.h"
-#include "normal/normal_bake_settings.h"
+#include "image/image_view.h"
+#include "padding/padding_settings.h"
 
 namespace kv {
-
-// A mutable view of an image: width x height texels of `channels`
-// interleaved components, rows top first, `bytes` holding exactly
-// width * height * channels * component_bytes(type) bytes.
-struct ImageView {
-  std::int32_t width = 0;
-  std::int32_t height = 0;
-  std::int32_t channels = 0;
-  ComponentType type = ComponentType::kU16;
-  std::span<std::byte> bytes;
-};
-
-// A map of UNORM16 codes: width x height texels of `channels` codes each,
-// interleaved per texel, rows top first.
-struct MapU16 {
-  std::int32_t width = 0;
-  std::int32_t height = 0;
-  std::int32_t channels = 0;
-  std::vector<std::uint16_t> codes;
-};
-
-struct PaddingSettings {
-  PaddingMode mode = PaddingMode::ring;
-  std::int32_t width = 32;  // texels
-  bool srgb = false;        // integer colour codes: means in linear light
-  // Fill of the color mode, one value per channel in the component's own
-  // units (codes for integer images); missing channels get 0.
-  std::vector<double> color = {32768.0, 32768.0, 65535.0};
-};
-
-// The padding of a Normal bake: mode, dilation and colour of its settings.
-PaddingSettings padding_settings_of(const NormalBakeSettings& settings);
 
 // Pads the image in place by the settings' mode. `valid` holds one byte per
 // texel, non-zero where the texel holds a source value. Returns the mask of

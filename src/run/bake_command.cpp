@@ -14,6 +14,7 @@
 #include "mesh/mesh_format.h"
 #include "mesh/obj_reader.h"
 #include "normal/normal_bake.h"
+#include "normal/normal_padding.h"
 #include "padding/padding.h"
 #include "platform/platform.h"
 #include "run/preview_file.h"

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "padding/padding.h"
-#include "support/bake_test_meshes.h"
+#include "support/message_of.h"
 
 namespace kv {
 namespace {
@@ -456,16 +456,6 @@ TEST(PaddingModes, ColorIsStoredInTheComponentType) {
   s.color = {0.1};
   pad_image(floats.view(), Mask{1, 0}, s, 1);
   EXPECT_EQ(floats.get(1), static_cast<double>(0.1f));
-
-  // A bake pads by ring by default; its default colour is the flat Normal.
-  TestImage normal(2, 1, 3, ComponentType::kU16);
-  pad_image(normal.view(), Mask{1, 0}, padding_settings_of(NormalBakeSettings{}), 1);
-  EXPECT_EQ(normal.get(1, 0), 0);  // one valid texel of code 0 fills it
-  NormalBakeSettings bake;
-  bake.padding = PaddingMode::color;
-  bake.dilation = 0;
-  pad_image(normal.view(), Mask{1, 0}, padding_settings_of(bake), 1);
-  EXPECT_EQ(normal.texel(1), (Values{32768, 32768, 65535}));
 }
 
 TEST(PaddingModes, TransparentZeroesBeyondTheLimit) {

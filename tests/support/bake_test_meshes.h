@@ -9,24 +9,11 @@
 #include <string>
 #include <vector>
 
-#include "core/error.h"
 #include "mesh/mesh.h"
+#include "support/message_of.h"
 #include "trace/tracer.h"
 
 namespace kv::test {
-
-// The message of the `E` that `fn` throws; any other outcome is named.
-template <typename E = Error, typename F>
-std::string message_of(F&& fn) {
-  try {
-    fn();
-  } catch (const E& e) {
-    return e.what();
-  } catch (const std::exception& e) {
-    return std::string("wrong type: ") + e.what();
-  }
-  return "(no error)";
-}
 
 using Corners3 = std::array<std::array<float, 3>, 3>;
 using Uvs3 = std::array<std::array<double, 2>, 3>;
