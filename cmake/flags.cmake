@@ -41,7 +41,8 @@ function(kv_test_folder name)
   target_link_libraries(${name} PRIVATE ${ARG_DEPS} kv_test_support GTest::gtest GTest::gtest_main)
   target_compile_definitions(${name} PRIVATE
     KV_BINARY="$<TARGET_FILE:korvane>"
-    KV_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+    KV_SOURCE_DIR="${PROJECT_SOURCE_DIR}"
+    KV_PROJECT_VERSION="${PROJECT_VERSION}")
   if(ARG_NEEDS_BINARY)
     add_dependencies(${name} korvane)  # end-to-end tests run the built binary
   endif()

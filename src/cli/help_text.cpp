@@ -1,6 +1,7 @@
 #include <string>
 
 #include "cli/process_entry.h"
+#include "core/version.h"
 
 namespace kv::cli {
 
@@ -8,7 +9,8 @@ const std::string& bake_usage_text() {
   // One source line per output line keeps the text readable.
   // clang-format off
   static const std::string text =
-      "korvane 0.4.0: tangent-space Normal and Opacity maps matched to a fixed version of the "
+      std::string("korvane ") + version() +
+      ": tangent-space Normal and Opacity maps matched to a fixed version of the "
       "reference painting application's baker\n"
       "\n"
       "Usage: korvane --low <low.obj|.kvm> --high <high.obj|.kvm|.gltf|.glb|.fbx> --size <W> "

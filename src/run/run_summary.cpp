@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "core/json_line.h"
+#include "core/version.h"
 
 namespace kv::cli {
 
@@ -53,7 +54,7 @@ const char* padding_word(PaddingMode mode) {
 
 std::string run_summary_text(const NormalBakeSettings& s, const RunResult& r) {
   Json j = Json::object();
-  j["korvane"] = "0.4.0";
+  j["korvane"] = version();
   j["backend"] = r.backend;
   j["backend_request"] = s.backend;
   j["gpu_unavailable"] = r.gpu_unavailable;

@@ -73,6 +73,7 @@ TEST(BakeRun, FlatPlanesGiveTheFlatNormalAndOneSummaryLine) {
   ASSERT_EQ(lines.size(), 1u);  // the summary alone
   const Json summary = Json::parse(lines[0]);
   EXPECT_EQ(summary.begin().key(), "korvane");
+  EXPECT_EQ(summary["korvane"], KV_PROJECT_VERSION);
   EXPECT_EQ(summary["backend"], "cpu");
   EXPECT_EQ(summary["backend_request"], "auto");
   EXPECT_NE(summary["gpu_unavailable"], "");

@@ -23,7 +23,8 @@ TEST(Dispatch, VersionPrintsThreeLines) {
   const auto r = run_korvane({"--version"});
   EXPECT_EQ(r.exit_code, 0);
   EXPECT_EQ(r.err, "");
-  const std::string head = "Korvane Engine (korvane) 0.4.0\ncommit: ";
+  // The version is the one project() in CMakeLists.txt sets.
+  const std::string head = "Korvane Engine (korvane) " KV_PROJECT_VERSION "\ncommit: ";
   const std::string tail = "\nplatform: linux-x64\n";
   ASSERT_EQ(r.out.size(), head.size() + 12 + tail.size()) << r.out;
   EXPECT_EQ(r.out.substr(0, head.size()), head);
@@ -50,7 +51,7 @@ TEST(Dispatch, HelpPrintsTheUsageAndReadsNoFile) {
     const auto r = run_korvane(args);
     EXPECT_EQ(r.exit_code, 0);
     EXPECT_EQ(r.err, "");
-    EXPECT_EQ(r.out.rfind("korvane 0.4.0: ", 0), 0u) << r.out.substr(0, 80);
+    EXPECT_EQ(r.out.rfind("korvane " KV_PROJECT_VERSION ": ", 0), 0u) << r.out.substr(0, 80);
     // One banner line, then a blank line, then the usage lines.
     const std::size_t banner_end = r.out.find('\n');
     EXPECT_NE(r.out.substr(0, banner_end).find("reference painting application's baker"),

@@ -1,0 +1,11 @@
+#include "core/version.h"
+
+#include "kv_version.h"
+
+namespace kv {
+
+const char* version() {
+  return KV_VERSION;
+}
+
+}  // namespace kv
