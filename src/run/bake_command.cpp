@@ -40,9 +40,11 @@ MeshReadOptions read_options(const NormalBakeSettings& settings) {
 
 LoadedMesh load_input(const std::filesystem::path& path, const NormalBakeSettings& settings,
                       const MeshCacheSettings& cache) {
-  LoadedMesh loaded;
-  loaded.mesh = load_mesh_cached(path, read_options(settings), cache, &loaded.stats);
-  return loaded;
+  CachedMeshLoad load = load_mesh_cached(path, read_options(settings), cache);
+  for (const std::string& warning : load.warnings) {
+    platform::write_stderr(warning);
+  }
+  return {std::move(load.mesh), load.stats};
 }
 
 // The cache does not keep material names; the raster filter needs them, so
