@@ -25,7 +25,7 @@ namespace kv {
 // changes its number, so old entries simply stop matching.
 inline constexpr std::string_view kMeshCacheKeyHeader = "korvane .kvc 3\n";
 
-// The default size cap: 8192 MiB.
+// The size cap of a cache folder, the bake's included: 8192 MiB.
 inline constexpr std::uint64_t kMeshCacheDefaultCapBytes = 8192ull * 1048576ull;
 
 // Left-overs of a store that died are removed once they are this old.

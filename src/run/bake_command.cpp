@@ -24,8 +24,6 @@ namespace kv::cli {
 
 namespace {
 
-constexpr std::uint64_t kBakeCacheCapBytes = 8192ull * 1048576ull;
-
 struct LoadedMesh {
   Mesh mesh;
   MeshStats stats;
@@ -285,7 +283,6 @@ int bakeCommand(const NormalBakeSettings& settings) {
 
   MeshCacheSettings cache;
   cache.folder = settings.cache_dir;
-  cache.cap_bytes = kBakeCacheCapBytes;
   LoadedMesh low = load_input(settings.low, settings, cache);
   restore_obj_materials(low, settings);
   LoadedMesh high = load_input(settings.high, settings, cache);
