@@ -3,9 +3,9 @@
 #include <exception>
 #include <string_view>
 
-#include "cli/bake_options.h"
 #include "core/error.h"
 #include "platform/platform.h"
+#include "run/bake_options.h"
 
 namespace kv::cli {
 
