@@ -312,7 +312,7 @@ int bakeCommand(const NormalBakeSettings& settings) {
   summary.seconds.write = write_seconds;
   summary.seconds.total = seconds_since(start);
 
-  const std::string text = run_summary_text(settings, summary);
+  const std::string text = json_line(run_summary_json(settings, summary));
   if (!settings.report.empty()) {
     write_report(settings.report, text);
   }

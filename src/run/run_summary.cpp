@@ -3,8 +3,6 @@
 #include <charconv>
 #include <cstdlib>
 
-#include "core/json_line.h"
-
 namespace kv::cli {
 
 namespace {
@@ -51,7 +49,7 @@ const char* padding_word(PaddingMode mode) {
   return "ring";
 }
 
-std::string run_summary_text(const NormalBakeSettings& s, const RunResult& r) {
+Json run_summary_json(const NormalBakeSettings& s, const RunResult& r) {
   Json j = Json::object();
   j["korvane"] = "0.4.0";
   j["backend"] = r.backend;
@@ -162,7 +160,7 @@ std::string run_summary_text(const NormalBakeSettings& s, const RunResult& r) {
   if (r.stacked_skipped != 0) {
     j["stacked_skipped"] = r.stacked_skipped;
   }
-  return json_line(j);
+  return j;
 }
 
 }  // namespace kv::cli
