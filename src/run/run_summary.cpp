@@ -3,7 +3,7 @@
 #include <charconv>
 #include <cstdlib>
 
-namespace kv::cli {
+namespace kv::run {
 
 namespace {
 
@@ -163,4 +163,4 @@ Json run_summary_json(const NormalBakeSettings& s, const RunResult& r) {
   return j;
 }
 
-}  // namespace kv::cli
+}  // namespace kv::run

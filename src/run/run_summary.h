@@ -9,7 +9,7 @@
 #include "core/json_line.h"
 #include "normal/normal_bake_settings.h"
 
-namespace kv::cli {
+namespace kv::run {
 
 // Unsigned counts of a run, in the order the summary lists them.
 struct RunCounts {
@@ -84,4 +84,4 @@ Json run_summary_json(const NormalBakeSettings& settings, const RunResult& resul
 // The words the summary uses for enumerated settings.
 const char* padding_word(PaddingMode mode);
 
-}  // namespace kv::cli
+}  // namespace kv::run

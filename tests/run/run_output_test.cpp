@@ -8,7 +8,7 @@
 #include "run/run_summary.h"
 #include "support/test_support.h"
 
-namespace kv::cli {
+namespace kv::run {
 namespace {
 
 // The object's keys in order, each followed by a space.
@@ -125,4 +125,4 @@ TEST(Preview, FileHoldsTheFinishedRectangles) {
 }
 
 }  // namespace
-}  // namespace kv::cli
+}  // namespace kv::run
