@@ -11,7 +11,7 @@
 namespace kv::run {
 
 // Called from any thread, possibly at once; a sink orders its own output.
-// Whatever a call throws ends the run with that error.
+// A call may throw to end the run; the run passes the error on.
 class ProgressSink {
  public:
   virtual ~ProgressSink() = default;
