@@ -81,8 +81,8 @@ std::optional<Mesh> mesh_cache_lookup(const std::filesystem::path& folder, std::
                                       int threads, MeshStats* stats);
 
 // Writes the entry of the key (.kvc first, .key last), then trims the folder
-// to the cap. Throws kv::Error with the reason on any failure; the caller
-// prints it as a warning and goes on.
+// to the cap. Throws kv::Error with the reason on any failure; a cached load
+// turns it into a warning and goes on.
 void mesh_cache_store(const std::filesystem::path& folder, std::string_view key, const Mesh& mesh,
                       const MeshStats& stats, std::uint64_t cap_bytes);
 
