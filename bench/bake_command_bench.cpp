@@ -11,12 +11,12 @@
 #include <filesystem>
 #include <string>
 
+#include "cli/bake_command.h"
 #include "common/bench_common.h"
 #include "core/parallel.h"
 #include "limit/plain_embree.h"
 #include "mesh/kvm_file.h"
 #include "platform/platform.h"
-#include "run/bake_command.h"
 #include "scene/standard_scene.h"
 
 using kv::bench::Clock;
@@ -57,7 +57,7 @@ int main(int argc, char** argv) {
   const kv::bench::PlainRun limit = kv::bench::plain_trace(low, high, settings, plain, pool);
 
   start = Clock::now();
-  kv::cli::bakeCommand(settings);  // prints its summary line
+  kv::cli::bake_command(settings);  // prints its summary line
   const double bake_seconds = seconds_since(start);
 
   const double limit_seconds = limit.seconds + read_seconds;

@@ -129,14 +129,12 @@ int main(int argc, char** argv) {
       triangles = plain.triangles.size();
 
       start = std::chrono::steady_clock::now();
-      kv::MeshStats first_stats;
-      kv::Mesh first = kv::load_mesh_cached(obj, options, cache, &first_stats);
+      kv::Mesh first = kv::load_mesh_cached(obj, options, cache).mesh;
       first_s = std::min(first_s, seconds_since(start));
       first = kv::Mesh{};
 
       start = std::chrono::steady_clock::now();
-      kv::MeshStats second_stats;
-      const kv::Mesh second = kv::load_mesh_cached(obj, options, cache, &second_stats);
+      const kv::Mesh second = kv::load_mesh_cached(obj, options, cache).mesh;
       second_s = std::min(second_s, seconds_since(start));
 
       kvc_bytes = key ? std::filesystem::file_size(kv::mesh_cache_kvc_path(cache.folder, *key)) : 0;

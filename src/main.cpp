@@ -1,7 +1,6 @@
 // korvane: wires the commands together and hands over to the process entry.
 #include "cli/process_entry.h"
 #include "meshmaps/meshmaps_command.h"
-#include "run/bake_command.h"
 #include "service/serve_command.h"
 #include "transfer/transfer_command.h"
 
@@ -10,7 +9,6 @@ int main(int argc, char** argv) {
       kv::service::serve_command,
       kv::transfer::transfer_command,
       kv::meshmaps::meshmaps_command,
-      kv::cli::bakeCommand,
   };
   return kv::cli::process_entry(argc, argv, commands);
 }

@@ -3,9 +3,10 @@
 #include <exception>
 #include <string_view>
 
-#include "cli/bake_options.h"
+#include "cli/bake_command.h"
 #include "core/error.h"
 #include "platform/platform.h"
+#include "run/bake_options.h"
 
 namespace kv::cli {
 
@@ -53,7 +54,7 @@ int dispatch(const std::vector<std::string>& args, const Commands& commands) {
     }
     return 0;
   }
-  return commands.bake(settings);
+  return bake_command(settings);
 }
 
 int process_entry(int argc, char** argv, const Commands& commands) {

@@ -5,8 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "normal/normal_bake_settings.h"
-
 namespace kv::cli {
 
 using CommandFn = std::function<int(const std::vector<std::string>& args)>;
@@ -17,8 +15,6 @@ struct Commands {
   CommandFn serve;
   CommandFn transfer;
   CommandFn meshmaps;
-  // Runs a parsed bake; returns its exit code, throws on failure.
-  std::function<int(const NormalBakeSettings&)> bake;
 };
 
 // Picks the command from the argument list and runs it; returns its exit code.

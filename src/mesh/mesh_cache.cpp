@@ -324,34 +324,33 @@ void mesh_cache_trim(const std::filesystem::path& folder, const std::filesystem:
   }
 }
 
-Mesh load_mesh_cached(const std::filesystem::path& source, const MeshReadOptions& options,
-                      const MeshCacheSettings& cache, MeshStats* stats) {
+CachedMeshLoad load_mesh_cached(const std::filesystem::path& source, const MeshReadOptions& options,
+                                const MeshCacheSettings& cache) {
+  CachedMeshLoad load;
   std::optional<std::string> key;
   if (!cache.folder.empty()) {
     key = make_mesh_cache_key(source, options.quads);
   }
   if (key) {
-    if (std::optional<Mesh> hit = mesh_cache_lookup(cache.folder, *key, options.threads, stats)) {
-      return std::move(*hit);
+    if (std::optional<Mesh> hit =
+            mesh_cache_lookup(cache.folder, *key, options.threads, &load.stats)) {
+      load.mesh = std::move(*hit);
+      return load;
     }
   }
 
-  MeshStats fresh;
-  Mesh mesh = read_mesh(source, options, &fresh);
-  if (fresh.polygons_inexact != 0) {
-    platform::write_stderr(inexact_polygons_warning(fresh.polygons_inexact, source));
+  load.mesh = read_mesh(source, options, &load.stats);
+  if (load.stats.polygons_inexact != 0) {
+    load.warnings.push_back(inexact_polygons_warning(load.stats.polygons_inexact, source));
   }
   if (key) {
     try {
-      mesh_cache_store(cache.folder, *key, mesh, fresh, cache.cap_bytes);
+      mesh_cache_store(cache.folder, *key, load.mesh, load.stats, cache.cap_bytes);
     } catch (const std::exception& failure) {
-      platform::write_stderr(std::string(cache.store_warning) + failure.what() + "\n");
+      load.warnings.push_back(std::string(cache.store_warning) + failure.what() + "\n");
     }
   }
-  if (stats != nullptr) {
-    *stats = fresh;
-  }
-  return mesh;
+  return load;
 }
 
 }  // namespace kv

@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "mesh/mesh.h"
 #include "mesh/obj_reader.h"
@@ -24,7 +25,7 @@ namespace kv {
 // changes its number, so old entries simply stop matching.
 inline constexpr std::string_view kMeshCacheKeyHeader = "korvane .kvc 3\n";
 
-// The default size cap: 8192 MiB.
+// The size cap of a cache folder, the bake's included: 8192 MiB.
 inline constexpr std::uint64_t kMeshCacheDefaultCapBytes = 8192ull * 1048576ull;
 
 // Left-overs of a store that died are removed once they are this old.
@@ -35,8 +36,8 @@ inline constexpr std::int64_t kMeshCacheStaleTempNs = 3600ll * 1000000000ll;
 inline constexpr int kMeshCacheRenameAttempts = 20;
 inline constexpr int kMeshCacheRenameWaitMs = 10;
 
-// The start of the warning the bake prints when a store fails; the error's
-// text and a line break follow.
+// The start of the bake's warning when a store fails; the error's text and a
+// line break follow.
 inline constexpr std::string_view kMeshCacheBakeWarning =
     "korvane: warning: the mesh cache was not written: ";
 // The service's form of the same warning.
@@ -80,8 +81,8 @@ std::optional<Mesh> mesh_cache_lookup(const std::filesystem::path& folder, std::
                                       int threads, MeshStats* stats);
 
 // Writes the entry of the key (.kvc first, .key last), then trims the folder
-// to the cap. Throws kv::Error with the reason on any failure; the caller
-// prints it as a warning and goes on.
+// to the cap. Throws kv::Error with the reason on any failure; a cached load
+// turns it into a warning and goes on.
 void mesh_cache_store(const std::filesystem::path& folder, std::string_view key, const Mesh& mesh,
                       const MeshStats& stats, std::uint64_t cap_bytes);
 
@@ -96,16 +97,24 @@ void mesh_cache_trim(const std::filesystem::path& folder, const std::filesystem:
 struct MeshCacheSettings {
   std::filesystem::path folder;
   std::uint64_t cap_bytes = kMeshCacheDefaultCapBytes;
-  // Printed before the text of a failed store (the bake's or the service's).
+  // Put before the text of a failed store (the bake's or the service's).
   std::string_view store_warning = kMeshCacheBakeWarning;
+};
+
+// A loaded mesh input with its counters and the warnings the load met, each
+// a whole line with its line break, for the caller to show.
+struct CachedMeshLoad {
+  Mesh mesh;
+  MeshStats stats;
+  std::vector<std::string> warnings;
 };
 
 // The load path of a mesh input: make the key; on a hit return the cached
 // mesh and counters; otherwise read the source with read_mesh and, when there
-// was a key, store it (a failed store prints the warning and never fails the
-// load). The warning about polygons that could not be triangulated exactly is
-// printed only after a fresh read, never for a hit. `stats` may be null.
-Mesh load_mesh_cached(const std::filesystem::path& source, const MeshReadOptions& options,
-                      const MeshCacheSettings& cache, MeshStats* stats);
+// was a key, store it (a failed store adds a warning and never fails the
+// load). The warning about polygons that could not be triangulated exactly
+// comes only from a fresh read, never from a hit.
+CachedMeshLoad load_mesh_cached(const std::filesystem::path& source, const MeshReadOptions& options,
+                                const MeshCacheSettings& cache);
 
 }  // namespace kv

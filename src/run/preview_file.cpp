@@ -5,7 +5,7 @@
 
 #include "core/error.h"
 
-namespace kv::cli {
+namespace kv::run {
 
 namespace {
 
@@ -80,4 +80,4 @@ void PreviewFile::update(std::int32_t x, std::int32_t y, std::int32_t w, std::in
   }
 }
 
-}  // namespace kv::cli
+}  // namespace kv::run

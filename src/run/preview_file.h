@@ -9,7 +9,7 @@
 
 #include "platform/platform.h"
 
-namespace kv::cli {
+namespace kv::run {
 
 struct PreviewSize {
   std::int32_t width = 0;
@@ -54,4 +54,4 @@ class PreviewFile {
   std::mutex lock_;
 };
 
-}  // namespace kv::cli
+}  // namespace kv::run

@@ -3,10 +3,9 @@
 #include <charconv>
 #include <cstdlib>
 
-#include "core/json_line.h"
 #include "core/version.h"
 
-namespace kv::cli {
+namespace kv::run {
 
 namespace {
 
@@ -52,7 +51,7 @@ const char* padding_word(PaddingMode mode) {
   return "ring";
 }
 
-std::string run_summary_text(const NormalBakeSettings& s, const RunResult& r) {
+Json run_summary_json(const NormalBakeSettings& s, const RunResult& r) {
   Json j = Json::object();
   j["korvane"] = version();
   j["backend"] = r.backend;
@@ -163,7 +162,7 @@ std::string run_summary_text(const NormalBakeSettings& s, const RunResult& r) {
   if (r.stacked_skipped != 0) {
     j["stacked_skipped"] = r.stacked_skipped;
   }
-  return json_line(j);
+  return j;
 }
 
-}  // namespace kv::cli
+}  // namespace kv::run

@@ -1,13 +1,15 @@
-// The one-line JSON summary that ends stdout of a bake run.
+// The summary of a finished bake run, as a JSON object; its compact dump is
+// the line that ends the bake command's stdout.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include "core/json_line.h"
 #include "normal/normal_bake_settings.h"
 
-namespace kv::cli {
+namespace kv::run {
 
 // Unsigned counts of a run, in the order the summary lists them.
 struct RunCounts {
@@ -75,10 +77,11 @@ struct RunResult {
   std::uint64_t stacked_skipped = 0;
 };
 
-// The summary line's text, without the newline.
-std::string run_summary_text(const NormalBakeSettings& settings, const RunResult& result);
+// The summary object. Float settings and distances hold the shortest decimal
+// that reads back as the same float, so they dump as the user wrote them.
+Json run_summary_json(const NormalBakeSettings& settings, const RunResult& result);
 
 // The words the summary uses for enumerated settings.
 const char* padding_word(PaddingMode mode);
 
-}  // namespace kv::cli
+}  // namespace kv::run

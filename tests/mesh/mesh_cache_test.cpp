@@ -386,17 +386,26 @@ constexpr std::string_view kObjText =
     "v 0 0 1\nv 1 0 1\nv 1 1 1\nv 0 1 1\nvt 0.1 0.2\nvt 0.3 0.4\nvt 0.5 0.6\nvt 0.7 0.8\n"
     "vn 0 0 3\nf 6/1/1 7/2/1 8/3/1 9/4/1\nf 1 2 3 4 5\nl 1 2\n";
 
-// Loads the source; returns what was written to stderr.
+// Loads the source; returns the warnings the load handed back, joined, and
+// checks that the load printed nothing itself.
 std::string captured_load(const fs::path& source, const MeshReadOptions& options,
                           const MeshCacheSettings& cache, Mesh* mesh, MeshStats* stats) {
   testing::internal::CaptureStderr();
+  CachedMeshLoad load;
   try {
-    *mesh = load_mesh_cached(source, options, cache, stats);
+    load = load_mesh_cached(source, options, cache);
   } catch (...) {
     testing::internal::GetCapturedStderr();
     throw;
   }
-  return testing::internal::GetCapturedStderr();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  *mesh = std::move(load.mesh);
+  *stats = load.stats;
+  std::string warnings;
+  for (const std::string& warning : load.warnings) {
+    warnings += warning;
+  }
+  return warnings;
 }
 
 TEST(MeshCacheLoad, SecondLoadIsAHitWithTheSameMeshCountersAndNoWarning) {

@@ -8,7 +8,7 @@
 #include "run/run_summary.h"
 #include "support/test_support.h"
 
-namespace kv::cli {
+namespace kv::run {
 namespace {
 
 // The object's keys in order, each followed by a space.
@@ -28,7 +28,7 @@ TEST(RunSummary, KeysInOrderAndOptionalObjects) {
   RunResult r;
   r.backend = "cpu";
   r.front = 0.01f;
-  const Json plain = Json::parse(run_summary_text(s, r));
+  const Json plain = run_summary_json(s, r);
   EXPECT_EQ(keys_of(plain),
             "korvane backend backend_request gpu_unavailable gpu_pipeline gpu_pipeline_fallback "
             "gpu_precision gpu_bands low high out_normal out_opacity width height udim aa uv_snap "
@@ -48,7 +48,7 @@ TEST(RunSummary, KeysInOrderAndOptionalObjects) {
   EXPECT_EQ(plain["uv_snap"], "8 bits per sample");
   EXPECT_EQ(plain["match"], "always");
   // Distances print as given, not as the float's binary expansion.
-  const std::string text = run_summary_text(s, r);
+  const std::string text = json_line(run_summary_json(s, r));
   EXPECT_NE(text.find("\"front_setting\":0.01,"), std::string::npos) << text;
   EXPECT_NE(text.find("\"front\":0.01,"), std::string::npos) << text;
   EXPECT_NE(text.find("\"high\":\"h\xC3\xA9.obj\""), std::string::npos);  // not escaped
@@ -62,7 +62,7 @@ TEST(RunSummary, KeysInOrderAndOptionalObjects) {
   r.stacked_skipped = 3;
   r.memory.notices.push_back({"bake", "budget", 64, 32});
   r.memory.budget_mb = 100;
-  const Json full = Json::parse(run_summary_text(s, r));
+  const Json full = run_summary_json(s, r);
   EXPECT_EQ(full["match"], "name");
   EXPECT_EQ(full["uv_snap"], "off");
   EXPECT_EQ(full["normal_format"], "directx");
@@ -78,7 +78,7 @@ TEST(RunSummary, KeysInOrderAndOptionalObjects) {
 
   s.uv_snap_bits = 4;
   s.uv_snap_texel = true;
-  EXPECT_EQ(Json::parse(run_summary_text(s, r))["uv_snap"], "4 bits per texel");
+  EXPECT_EQ(run_summary_json(s, r)["uv_snap"], "4 bits per texel");
 }
 
 TEST(Preview, SizesAndCellMapping) {
@@ -125,4 +125,4 @@ TEST(Preview, FileHoldsTheFinishedRectangles) {
 }
 
 }  // namespace
-}  // namespace kv::cli
+}  // namespace kv::run

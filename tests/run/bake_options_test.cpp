@@ -4,8 +4,8 @@
 #include <tuple>
 #include <vector>
 
-#include "cli/bake_options.h"
 #include "core/error.h"
+#include "run/bake_options.h"
 
 namespace kv::pipeline {
 namespace {

@@ -1,4 +1,4 @@
-#include "run/run_events.h"
+#include "cli/console_sink.h"
 
 #include <string>
 
@@ -7,14 +7,8 @@
 
 namespace kv::cli {
 
-Json make_event(std::string_view name) {
-  Json event = Json::object();
-  event["event"] = name;
-  return event;
-}
-
-void EventWriter::write(const Json& event) {
-  if (!enabled_) {
+void ConsoleSink::event(const Json& event) {
+  if (!progress_) {
     return;
   }
   const std::string line = json_line(event.is_null() ? Json::object() : event) + "\n";
@@ -24,10 +18,8 @@ void EventWriter::write(const Json& event) {
   }
 }
 
-void EventWriter::phase(std::string_view name) {
-  Json event = make_event("phase");
-  event["phase"] = name;
-  write(event);
+void ConsoleSink::warning(std::string_view text) {
+  platform::write_stderr(text);
 }
 
 }  // namespace kv::cli

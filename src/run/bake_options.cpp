@@ -1,4 +1,4 @@
-#include "cli/bake_options.h"
+#include "run/bake_options.h"
 
 #include <array>
 #include <cmath>

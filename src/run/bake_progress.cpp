@@ -1,0 +1,75 @@
+#include "run/bake_progress.h"
+
+namespace kv::run {
+
+BakeProgress::BakeProgress(const NormalBakeSettings& settings, ProgressSink& sink)
+    : settings_(settings),
+      sink_(sink),
+      total_(static_cast<std::uint64_t>(settings.width) *
+             static_cast<std::uint64_t>(settings.height)) {
+  if (settings.preview.empty()) {
+    return;
+  }
+  preview_ = std::make_unique<PreviewFile>(
+      settings.preview, preview_size(settings.preview_size, settings.width, settings.height),
+      settings.width, settings.height);
+  Json event = make_event("preview");
+  event["path"] = settings.preview.string();
+  event["width"] = preview_->size().width;
+  event["height"] = preview_->size().height;
+  sink_.event(event);
+}
+
+NormalBakeCallbacks BakeProgress::callbacks() {
+  NormalBakeCallbacks c;
+  c.phase_started = [this](std::string_view phase) { sink_.event(phase_event(phase)); };
+  c.tracing_started = [this](std::string_view description) { tracing_started(description); };
+  c.region_finished = [this](const TexelRegion& region, const NormalBakeResult& partial) {
+    region_finished(region, partial);
+  };
+  c.low_memory = [this](const BakeMemoryNotice& notice) { low_memory(notice); };
+  return c;
+}
+
+void BakeProgress::tracing_started(std::string_view description) {
+  Json event = make_event("bake");
+  event["backend"] = description;
+  event["width"] = settings_.width;
+  event["height"] = settings_.height;
+  // A fixed tile edge, kept for clients that read one; the bake itself
+  // finishes whole row bands, which the region events report.
+  event["tile"] = 64;
+  sink_.event(event);
+}
+
+void BakeProgress::region_finished(const TexelRegion& region, const NormalBakeResult& partial) {
+  std::lock_guard guard(lock_);
+  done_ += static_cast<std::uint64_t>(region.w) * static_cast<std::uint64_t>(region.h);
+  if (sink_.wants_events()) {
+    Json event = make_event("region");
+    event["x"] = region.x;
+    event["y"] = region.y;
+    event["w"] = region.w;
+    event["h"] = region.h;
+    event["done"] = done_;
+    event["total"] = total_;
+    sink_.event(event);
+  }
+  if (preview_) {
+    preview_->update(region.x, region.y, region.w, region.h, partial.normal.data(),
+                     partial.outside.data());
+    sink_.preview_updated(region.x, region.y, region.w, region.h);
+  }
+}
+
+void BakeProgress::low_memory(const BakeMemoryNotice& notice) {
+  Json event = make_event("notice");
+  event["notice"] = "low_memory";
+  event["stage"] = notice.stage;
+  event["reason"] = notice.reason;
+  event["from"] = notice.from;
+  event["to"] = notice.to;
+  sink_.event(event);
+}
+
+}  // namespace kv::run

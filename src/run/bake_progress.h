@@ -1,0 +1,39 @@
+// Progress of one bake: turns the bake's callbacks into events, preview
+// updates and notices for a progress sink.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string_view>
+
+#include "normal/normal_bake.h"
+#include "run/preview_file.h"
+#include "run/progress_sink.h"
+
+namespace kv::run {
+
+// Callbacks may come from any thread. The finished count grows in the same
+// locked step that sends the region event and updates the preview.
+class BakeProgress {
+ public:
+  // Creates the preview file when one is set and sends its "preview" event.
+  BakeProgress(const NormalBakeSettings& settings, ProgressSink& sink);
+
+  // Callbacks for bake_normal_map; they refer to this object.
+  NormalBakeCallbacks callbacks();
+
+ private:
+  void tracing_started(std::string_view description);
+  void region_finished(const TexelRegion& region, const NormalBakeResult& partial);
+  void low_memory(const BakeMemoryNotice& notice);
+
+  const NormalBakeSettings& settings_;
+  ProgressSink& sink_;
+  std::uint64_t total_;
+  std::unique_ptr<PreviewFile> preview_;
+  std::mutex lock_;
+  std::uint64_t done_ = 0;
+};
+
+}  // namespace kv::run
