@@ -159,16 +159,15 @@ TEST(MeshCacheStore, HitReturnsTheStoredMeshBitForBitAndTheStoredCounters) {
                   std::to_string(kvc.size()) + "\n");
 
     MeshStats stats;
-    stats.reader_internal = 5;  // not the cache's to set
+    stats.polygons = 5;  // not the cache's to set
     const auto old = now_ns() - 3600 * kSecond;
     set_mtime(mesh_cache_key_path(folder, key), old);
     const std::optional<Mesh> hit = mesh_cache_lookup(folder, key, 2, &stats);
     ASSERT_TRUE(hit.has_value());
     test::expect_same_mesh(*hit, mesh, false);
     EXPECT_TRUE(hit->materials.empty() && hit->triangle_materials.empty());
-    EXPECT_EQ(
-        std::tuple(stats.lines, stats.quads_split, stats.polygons_inexact, stats.reader_internal),
-        std::tuple(7u, 3u, 2u, 5u));
+    EXPECT_EQ(std::tuple(stats.lines, stats.quads_split, stats.polygons_inexact, stats.polygons),
+              std::tuple(7u, 3u, 2u, 5u));
     // The hit is the entry's last use.
     EXPECT_GT(mtime_of(mesh_cache_key_path(folder, key)), old + 3000 * kSecond);
   }
