@@ -43,7 +43,7 @@ struct Mesh {
 struct MeshStats {
   std::uint64_t lines = 0;             // OBJ line elements, skipped
   std::uint64_t quads_split = 0;       // quads split into two triangles
-  std::uint64_t reader_internal = 0;   // the reader's own use; never cached
+  std::uint64_t polygons = 0;          // OBJ faces of five or more corners; not cached
   std::uint64_t polygons_inexact = 0;  // polygons left as their fan
 };
 

@@ -216,10 +216,13 @@ std::string mesh_cache_key_file_text(std::string_view key, const MeshStats& stat
 
 std::optional<Mesh> mesh_cache_lookup(const std::filesystem::path& folder, std::string_view key,
                                       int threads, MeshStats* stats) {
-  // Whatever goes wrong, the caller reads the source as if there were no cache.
+  // A damaged or unreadable entry is a miss: the caller reads the source as if
+  // there were no cache. Running out of memory is no fault of the entry.
   try {
     return lookup_or_throw(folder, key, threads, stats);
-  } catch (...) {
+  } catch (const OutOfMemory&) {
+    throw;
+  } catch (const Error&) {
     return std::nullopt;
   }
 }

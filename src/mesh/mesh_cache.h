@@ -73,10 +73,11 @@ std::filesystem::path mesh_cache_key_path(const std::filesystem::path& folder,
 std::string mesh_cache_key_file_text(std::string_view key, const MeshStats& stats,
                                      std::uint64_t kvc_size);
 
-// Reads the entry of the key. Any failure at all is a silent miss (nothing):
-// nothing is printed and nothing deleted. On a hit the .key file's last-write
-// time becomes now, and when `stats` is given its lines, quads_split and
-// polygons_inexact are set from the key file.
+// Reads the entry of the key. A damaged or unreadable entry is a silent miss
+// (nothing): nothing is printed and nothing deleted. Running out of memory
+// (std::bad_alloc, kv::OutOfMemory) is no miss and propagates. On a hit the
+// .key file's last-write time becomes now, and when `stats` is given its
+// lines, quads_split and polygons_inexact are set from the key file.
 std::optional<Mesh> mesh_cache_lookup(const std::filesystem::path& folder, std::string_view key,
                                       int threads, MeshStats* stats);
 

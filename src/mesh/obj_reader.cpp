@@ -1106,7 +1106,7 @@ ObjReadResult parse_text(std::string_view text, const std::filesystem::path& pat
     }
   }
   result.stats.quads_split = quad_total;
-  result.stats.reader_internal = polygon_total;
+  result.stats.polygons = polygon_total;
   result.stats.polygons_inexact = retriangulate_polygons(mesh, polygons, &pool);
   return result;
 }

@@ -35,9 +35,6 @@ struct NormalBakeSettings {
   std::vector<std::string> raster_materials;
   std::int32_t uv_tile = 0;  // 0: none
   std::uint64_t band_samples = 1048576;
-  bool band_internal_flag = true;     // the band logic's own switch
-  std::uint64_t band_internal_a = 0;  // the band logic's own counters
-  std::uint64_t band_internal_b = 0;
   std::int32_t dilation = 32;
   PaddingMode padding = PaddingMode::ring;
   std::array<double, 3> padding_color = {32768.0, 32768.0, 65535.0};

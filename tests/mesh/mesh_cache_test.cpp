@@ -1,12 +1,18 @@
 #include "mesh/mesh_cache.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
+#include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <new>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "core/large_array.h"
 #include "mesh/kvm_file.h"
 #include "mesh/mesh_test_util.h"
 #include "platform/platform.h"
@@ -159,16 +165,15 @@ TEST(MeshCacheStore, HitReturnsTheStoredMeshBitForBitAndTheStoredCounters) {
                   std::to_string(kvc.size()) + "\n");
 
     MeshStats stats;
-    stats.reader_internal = 5;  // not the cache's to set
+    stats.polygons = 5;  // not the cache's to set
     const auto old = now_ns() - 3600 * kSecond;
     set_mtime(mesh_cache_key_path(folder, key), old);
     const std::optional<Mesh> hit = mesh_cache_lookup(folder, key, 2, &stats);
     ASSERT_TRUE(hit.has_value());
     test::expect_same_mesh(*hit, mesh, false);
     EXPECT_TRUE(hit->materials.empty() && hit->triangle_materials.empty());
-    EXPECT_EQ(
-        std::tuple(stats.lines, stats.quads_split, stats.polygons_inexact, stats.reader_internal),
-        std::tuple(7u, 3u, 2u, 5u));
+    EXPECT_EQ(std::tuple(stats.lines, stats.quads_split, stats.polygons_inexact, stats.polygons),
+              std::tuple(7u, 3u, 2u, 5u));
     // The hit is the entry's last use.
     EXPECT_GT(mtime_of(mesh_cache_key_path(folder, key)), old + 3000 * kSecond);
   }
@@ -245,6 +250,67 @@ TEST(MeshCacheStore, DamagedEntriesAreMissesAndTheNextStoreReplacesBothFiles) {
   EXPECT_EQ(stats.lines, 1u);
   // Only the entry's two files: the key's temporary file is gone.
   EXPECT_EQ(names_in(dir.path()), entry_names(dir.path(), key));
+}
+
+// Lowers the process's address-space limit to what it maps now plus
+// `headroom` bytes; the old limit comes back on destruction.
+class AddressSpaceLimit {
+ public:
+  explicit AddressSpaceLimit(std::uint64_t headroom) {
+    saved_ok_ = getrlimit(RLIMIT_AS, &saved_) == 0;
+    std::uint64_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    rlimit lowered = saved_;
+    lowered.rlim_cur = pages * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE)) + headroom;
+    applied_ = saved_ok_ && pages > 0 && lowered.rlim_cur < saved_.rlim_cur &&
+               setrlimit(RLIMIT_AS, &lowered) == 0;
+  }
+  ~AddressSpaceLimit() {
+    if (applied_) {
+      setrlimit(RLIMIT_AS, &saved_);
+    }
+  }
+  AddressSpaceLimit(const AddressSpaceLimit&) = delete;
+  AddressSpaceLimit& operator=(const AddressSpaceLimit&) = delete;
+  bool applied() const { return applied_; }
+
+ private:
+  rlimit saved_{};
+  bool saved_ok_ = false;
+  bool applied_ = false;
+};
+
+TEST(MeshCacheStore, RunningOutOfMemoryReadingAnEntryIsNoMiss) {
+  // An intact entry of a mesh too large for the memory left: its header
+  // announces the most positions a .kvm may hold (24 GiB of them), and the
+  // .kvc is a sparse file of the length that header implies.
+  ScratchDir dir;
+  const std::string key = key_for("/huge.obj");
+  const std::uint64_t positions = 2147483647;
+  std::string header(kKvmHeaderBytes, '\0');
+  const std::uint32_t version = 1, flags = kKvmUvDouble | kKvmNormalsAsIs;
+  // Positions, UVs, normals, triangles and objects, as the header orders them.
+  const std::uint64_t counts[5] = {positions, 0, 0, 1, 1};
+  std::memcpy(header.data(), kKvmMagic, sizeof kKvmMagic);
+  std::memcpy(header.data() + 8, &version, 4);
+  std::memcpy(header.data() + 12, &flags, 4);
+  std::memcpy(header.data() + 16, counts, sizeof counts);
+  const auto kvc_path = mesh_cache_kvc_path(dir.path(), key);
+  write_text_file(kvc_path, header);
+  // The header, the positions, one triangle and one object name's length.
+  const std::uint64_t kvc_size = kKvmHeaderBytes + 12 * positions + 40 + 4;
+  fs::resize_file(kvc_path, kvc_size);
+  write_text_file(mesh_cache_key_path(dir.path(), key),
+                  mesh_cache_key_file_text(key, MeshStats{}, kvc_size));
+
+  // With 1 GiB of address space to spare, the positions cannot be mapped.
+  const AddressSpaceLimit limit(std::uint64_t{1} << 30);
+  ASSERT_TRUE(limit.applied());
+  ASSERT_THROW(LargeBuffer(12 * positions), std::bad_alloc);
+  // The failed allocation reaches the caller instead of reading as a miss.
+  MeshStats stats;
+  EXPECT_THROW(mesh_cache_lookup(dir.path(), key, 2, &stats), std::bad_alloc);
+  EXPECT_EQ(stats.lines, 0u);
 }
 
 TEST(MeshCacheStore, FailuresGiveTheirMessages) {

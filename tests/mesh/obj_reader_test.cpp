@@ -47,8 +47,9 @@ void expect_failures(const Failures& cases) {
 void expect_same_mesh(const ObjReadResult& a, const ObjReadResult& b) {
   test::expect_same_mesh(a.mesh, b.mesh);
   EXPECT_EQ(a.material_libraries, b.material_libraries);
-  EXPECT_EQ(std::tuple(a.stats.lines, a.stats.quads_split, a.stats.polygons_inexact),
-            std::tuple(b.stats.lines, b.stats.quads_split, b.stats.polygons_inexact));
+  EXPECT_EQ(
+      std::tuple(a.stats.lines, a.stats.quads_split, a.stats.polygons, a.stats.polygons_inexact),
+      std::tuple(b.stats.lines, b.stats.quads_split, b.stats.polygons, b.stats.polygons_inexact));
 }
 
 MeshReadOptions on_threads(int threads) {
@@ -136,7 +137,7 @@ TEST(ObjReader, FacesFollowTheTriangulationRule) {
   auto quad = parse(square + "f 1 2 3 4\n");
   EXPECT_EQ(positions_of(quad.mesh), (std::vector<Tri>{{0, 1, 3}, {1, 2, 3}}));
   EXPECT_EQ(quad.stats.quads_split, 1u);
-  EXPECT_EQ(quad.stats.polygons_inexact, 0u);
+  EXPECT_EQ(quad.stats.polygons + quad.stats.polygons_inexact, 0u);  // a quad is no polygon
 
   MeshReadOptions reject;
   reject.quads = QuadPolicy::reject;
@@ -152,6 +153,7 @@ TEST(ObjReader, FacesFollowTheTriangulationRule) {
   auto fan = parse(pentagon + "f 1 2 3 4 5\n");
   EXPECT_EQ(positions_of(fan.mesh), (std::vector<Tri>{{0, 1, 2}, {0, 2, 3}, {0, 3, 4}}));
   EXPECT_EQ(fan.stats.polygons_inexact + fan.stats.quads_split, 0u);
+  EXPECT_EQ(fan.stats.polygons, 1u);
   EXPECT_EQ(failure(pentagon + "f 1 2 3 4 5\n", reject),
             "face with 5 corners, but polygons are set to be rejected; triangulate the mesh "
             "before export");
@@ -171,6 +173,7 @@ TEST(ObjReader, FacesFollowTheTriangulationRule) {
                                                           {0, 2, 3},
                                                           {0, 3, 4}}));
   EXPECT_EQ(crossed.stats.polygons_inexact, 2u);
+  EXPECT_EQ(crossed.stats.polygons, 3u);
 }
 
 TEST(ObjReader, CornersAreCountedAlikeOnLongLines) {

@@ -5,6 +5,8 @@
 #include <cmath>
 #include <numbers>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "core/error.h"
 
@@ -172,6 +174,119 @@ TEST(MikkTSpaceWeighting, CornerAnglesWeighTheFaceTangents) {
   expect_tangent(t[5], {static_cast<float>(r), static_cast<float>(r), 0}, 1.0f, "d");
   // At b the angles are 45 (first) and 90 degrees (second): the weights swap.
   expect_tangent(t[2], blend(pi / 4, pi / 2), 1.0f, "b");
+}
+
+// A flat mesh (z = 0, normal +z everywhere) on which the order-dependent
+// paths decide the tangents. Edge P-Q is shared by three triangles: A runs
+// P to Q, the flaps B and C run Q to P, so A is paired with one flap only; D
+// shares A's edge Q-RA. UVs are the xy position (u along +x) except at RC,
+// which turns C's u direction to (1, 1) / sqrt(2). Every triangle's UVs run
+// clockwise, so every sign is -1.
+enum Point { P, Q, RA, RB, RC, RD };
+constexpr Vec kPoints[] = {{0, 0, 0},     {0, 1, 0},        {1, 0.5f, 0},
+                           {-1, 0.5f, 0}, {-0.5f, 0.3f, 0}, {1, 1.5f, 0}};
+constexpr Uv kUvs[] = {{0, 0}, {0, 1}, {1, 0.5f}, {-1, 0.5f}, {-0.4f, 0.8f}, {1, 1.5f}};
+
+struct NamedTriangle {
+  char name;
+  Point corners[3];
+};
+
+// The triangles' corners in input order.
+std::vector<MikkCorner> flat_corners(const std::vector<NamedTriangle>& triangles) {
+  std::vector<MikkCorner> c;
+  for (const NamedTriangle& t : triangles) {
+    for (Point p : t.corners) {
+      add(c, kPoints[p], kUp, kUvs[p]);
+    }
+  }
+  return c;
+}
+
+// The direction of growing u across a flat triangle, in double.
+std::array<double, 2> u_direction(const NamedTriangle& t) {
+  const auto d = [&](int k, int axis) {
+    return static_cast<double>(kPoints[t.corners[k]][axis]) - kPoints[t.corners[0]][axis];
+  };
+  const auto duv = [&](int k, int axis) {
+    return static_cast<double>(kUvs[t.corners[k]][axis]) - kUvs[t.corners[0]][axis];
+  };
+  // The edge combination a * e1 + b * e2 along which v stays and u grows.
+  const double a = duv(2, 1), b = -duv(1, 1);
+  const double x = a * d(1, 0) + b * d(2, 0), y = a * d(1, 1) + b * d(2, 1);
+  const double sign = duv(1, 0) * duv(2, 1) - duv(2, 0) * duv(1, 1) > 0 ? 1.0 : -1.0;
+  return {sign * x / std::hypot(x, y), sign * y / std::hypot(x, y)};
+}
+
+// The angle of the triangle at its corner k.
+double corner_angle(const NamedTriangle& t, int k) {
+  const Vec& o = kPoints[t.corners[k]];
+  const Vec& a = kPoints[t.corners[(k + 1) % 3]];
+  const Vec& b = kPoints[t.corners[(k + 2) % 3]];
+  const double ax = a[0] - o[0], ay = a[1] - o[1], bx = b[0] - o[0], by = b[1] - o[1];
+  return std::acos((ax * bx + ay * by) / (std::hypot(ax, ay) * std::hypot(bx, by)));
+}
+
+// Expects each corner's tangent to be the corner-angle weighted mean of the u
+// directions of the triangles in its group: `groups` names them per point
+// ("AC" at P), and a triangle missing there is alone at that point.
+void expect_groups(const std::vector<NamedTriangle>& triangles,
+                   const std::vector<std::pair<Point, std::string>>& groups,
+                   const std::string& what) {
+  const auto tangents = mikktspace_tangents(flat_corners(triangles));
+  ASSERT_EQ(tangents.size(), 3 * triangles.size());
+  for (std::size_t t = 0; t < triangles.size(); ++t) {
+    for (int k = 0; k < 3; ++k) {
+      const Point point = triangles[t].corners[k];
+      std::string members(1, triangles[t].name);
+      for (const auto& [at, names] : groups) {
+        if (at == point && names.find(triangles[t].name) != std::string::npos) {
+          members = names;
+        }
+      }
+      double x = 0, y = 0;
+      for (const NamedTriangle& m : triangles) {
+        if (members.find(m.name) == std::string::npos) {
+          continue;
+        }
+        const int corner = m.corners[0] == point ? 0 : (m.corners[1] == point ? 1 : 2);
+        const auto u = u_direction(m);
+        x += corner_angle(m, corner) * u[0];
+        y += corner_angle(m, corner) * u[1];
+      }
+      const Vec expected = {static_cast<float>(x / std::hypot(x, y)),
+                            static_cast<float>(y / std::hypot(x, y)), 0};
+      expect_tangent(tangents[3 * t + static_cast<std::size_t>(k)], expected, -1.0f,
+                     what + ", " + triangles[t].name + " at point " + std::to_string(point));
+    }
+  }
+}
+
+TEST(MikkTSpaceOrder, WeldAndEdgeSortDecideTheGroups) {
+  // Slots D, B, C, A: P is corner 4, 8 or 10, Q corner 1, 3, 7 or 11. The
+  // corners at x = 0 share one weld bucket, in corner order; the weld's split
+  // at y = 0.5 swaps them into 10, 8, 4 (P) and 7, 3, 1, 11 (Q), so P becomes
+  // vertex 10 and Q vertex 7, not 4 and 1. Edge P-Q has the largest first
+  // vertex, so its run comes last and keeps the order the seeded quicksort
+  // left: A, the slot 2 flap, the slot 1 flap. A pairs with the first flap
+  // after it, here C, and P and Q average A with C (Q with D as well). With a
+  // weld to the first corners, a full sort or another seed, A pairs with B.
+  const NamedTriangle a = {'A', {RA, P, Q}}, d = {'D', {RA, Q, RD}};
+  expect_groups({d, {'B', {Q, P, RB}}, {'C', {RC, Q, P}}, a}, {{P, "AC"}, {Q, "ACD"}, {RA, "AD"}},
+                "C in slot 2");
+  // The same input with the flaps traded: vertices and edge order are as
+  // above, so A now pairs with B, and C stays alone with its own direction.
+  expect_groups({d, {'C', {Q, P, RC}}, {'B', {RB, Q, P}}, a}, {{P, "AB"}, {Q, "ABD"}, {RA, "AD"}},
+                "B in slot 2");
+
+  // Slots C, D, B, A. The weld makes Q vertex 6 (not corner 2) and RA vertex
+  // 11 (not 5), so the edges starting at Q come last in the sort: Q-RA of A,
+  // Q-RB of B, Q-RA of D, in the quicksort's order, as the last run is not
+  // sorted by its second vertex. A's and D's edges Q-RA are not adjacent and
+  // are never paired: at RA, A and D stay apart, and at Q, A and C average
+  // without D. Edge P-Q is sorted by slot: C comes before B and pairs with A.
+  expect_groups({{'C', {P, RC, Q}}, {'D', {Q, RD, RA}}, {'B', {Q, P, RB}}, {'A', {P, Q, RA}}},
+                {{P, "AC"}, {Q, "AC"}}, "the last run unsorted");
 }
 
 TEST(MikkTSpaceDegenerate, DegenerateAndZeroUvTrianglesBorrowOrDefault) {
