@@ -91,8 +91,4 @@ NearestValid nearest_valid_texels(std::int32_t width, std::int32_t height,
 double srgb_to_linear(double encoded);
 double linear_to_srgb(double linear);
 
-// Half-float conversions: exact widening, and rounding to nearest even.
-double half_to_double(std::uint16_t bits);
-std::uint16_t double_to_half(double value);
-
 }  // namespace kv
