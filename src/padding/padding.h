@@ -35,8 +35,9 @@
 // the flag.
 //
 // Writing a mean m into an integer component: 0 when m <= 0 (or NaN), the
-// largest code when m >= it, otherwise floor(m + 0.5). Half floats round to
-// nearest even; 32-bit floats take (float) m.
+// largest code when m >= it, otherwise floor(m + 0.5). Half floats take m
+// rounded once to the nearest half, ties to even (not through a float);
+// 32-bit floats take (float) m.
 #pragma once
 
 #include <cstdint>

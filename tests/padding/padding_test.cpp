@@ -457,6 +457,14 @@ TEST(PaddingModes, ColorIsStoredInTheComponentType) {
   s.color = {0.1};
   pad_image(floats.view(), Mask{1, 0}, s, 1);
   EXPECT_EQ(floats.get(1), static_cast<double>(0.1f));
+
+  // Half floats take the colour rounded once: 1 + 2^-11 + 2^-40 is just past
+  // the tie and goes up, where a float step would have made a tie and gone
+  // down to 1.
+  TestImage halves(2, 1, 1, ComponentType::kF16);
+  s.color = {0x1.002p0 + 0x1p-40};
+  pad_image(halves.view(), Mask{1, 0}, s, 1);
+  EXPECT_EQ(halves.get(1), 0x1.004p0);
 }
 
 TEST(PaddingModes, TransparentZeroesBeyondTheLimit) {
