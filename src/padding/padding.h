@@ -35,8 +35,9 @@
 // the flag.
 //
 // Writing a mean m into an integer component: 0 when m <= 0 (or NaN), the
-// largest code when m >= it, otherwise floor(m + 0.5). Half floats round to
-// nearest even; 32-bit floats take (float) m.
+// largest code when m >= it, otherwise floor(m + 0.5). Half floats take m
+// rounded once to the nearest half, ties to even (not through a float);
+// 32-bit floats take (float) m.
 #pragma once
 
 #include <cstdint>
@@ -90,9 +91,5 @@ NearestValid nearest_valid_texels(std::int32_t width, std::int32_t height,
 // The sRGB transfer functions used by the linear-light means (values 0..1).
 double srgb_to_linear(double encoded);
 double linear_to_srgb(double linear);
-
-// Half-float conversions: exact widening, and rounding to nearest even.
-double half_to_double(std::uint16_t bits);
-std::uint16_t double_to_half(double value);
 
 }  // namespace kv

@@ -5,6 +5,8 @@
 #include <limits>
 #include <memory>
 
+#include "image/half.h"
+
 namespace kv {
 
 double srgb_to_linear(double encoded) {
@@ -25,51 +27,6 @@ double linear_to_srgb(double linear) {
     return linear * 12.92;
   }
   return 1.055 * std::pow(linear, 1.0 / 2.4) - 0.055;
-}
-
-double half_to_double(std::uint16_t bits) {
-  const bool negative = (bits & 0x8000u) != 0;
-  const int exponent = (bits >> 10) & 0x1f;
-  const int mantissa = bits & 0x3ff;
-  double magnitude;
-  if (exponent == 0) {
-    magnitude = std::ldexp(static_cast<double>(mantissa), -24);
-  } else if (exponent == 31) {
-    magnitude = mantissa == 0 ? std::numeric_limits<double>::infinity()
-                              : std::numeric_limits<double>::quiet_NaN();
-  } else {
-    magnitude = std::ldexp(static_cast<double>(mantissa + 1024), exponent - 25);
-  }
-  return negative ? -magnitude : magnitude;
-}
-
-std::uint16_t double_to_half(double value) {
-  const std::uint16_t sign = std::signbit(value) ? 0x8000u : 0u;
-  if (std::isnan(value)) {
-    return static_cast<std::uint16_t>(sign | 0x7e00u);
-  }
-  const double magnitude = std::fabs(value);
-  // 65520 lies halfway between the largest half (65504, odd mantissa) and
-  // 65536; round-to-even takes it to infinity.
-  if (magnitude >= 65520.0) {
-    return static_cast<std::uint16_t>(sign | 0x7c00u);
-  }
-  if (magnitude < std::ldexp(1.0, -14)) {
-    // Subnormal range: units of 2^-24, rounded to nearest even. A result of
-    // 1024 is exactly the smallest normal's encoding.
-    const double units = std::nearbyint(std::ldexp(magnitude, 24));
-    return static_cast<std::uint16_t>(sign | static_cast<std::uint16_t>(units));
-  }
-  int exponent = 0;
-  std::frexp(magnitude, &exponent);  // magnitude = f * 2^exponent, f in [0.5, 1)
-  int unbiased = exponent - 1;
-  double significand = std::nearbyint(std::ldexp(magnitude, 10 - unbiased));  // 1024 .. 2048
-  if (significand >= 2048.0) {
-    significand = 1024.0;
-    ++unbiased;
-  }
-  const auto fraction = static_cast<std::uint16_t>(significand - 1024.0);
-  return static_cast<std::uint16_t>(sign | ((unbiased + 15) << 10) | fraction);
 }
 
 namespace padding_detail {
@@ -154,7 +111,7 @@ double TexelCodec::read_component(std::uint64_t offset) const {
     case ComponentType::kF16: {
       std::uint16_t v;
       std::memcpy(&v, at, sizeof v);
-      return half_to_double(v);
+      return half_bits_to_double(v);
     }
     case ComponentType::kF32: {
       float v;
@@ -177,7 +134,7 @@ void TexelCodec::write_component(std::uint64_t offset, double value) const {
       return;
     }
     case ComponentType::kF16: {
-      const std::uint16_t v = double_to_half(value);
+      const std::uint16_t v = double_to_half_bits(value);
       std::memcpy(at, &v, sizeof v);
       return;
     }
