@@ -85,13 +85,7 @@ RunResult run_result(const NormalBakeRun& run, const BakeInputs& inputs, const P
   t.trace_rays = run.seconds.trace_rays;
   t.trace_wait = run.seconds.trace_wait;
   t.trace_resolve = run.seconds.trace_resolve;
-  summary.memory.budget_mb = run.memory.budget_mb;
-  summary.memory.band_rows = run.memory.band_rows;
-  summary.memory.band_retries = run.memory.band_retries;
-  summary.memory.bands_pipelined = run.memory.bands_pipelined;
-  for (const auto& n : run.memory.notices) {
-    summary.memory.notices.push_back({n.stage, n.reason, n.from, n.to});
-  }
+  summary.memory = run.memory;
   summary.coverage_texels = run.coverage.texels;
   summary.coverage_hits = run.coverage.hits;
   summary.coverage_filled = run.coverage.filled;

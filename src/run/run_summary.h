@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "core/json_line.h"
+#include "normal/normal_bake.h"
 #include "normal/normal_bake_settings.h"
 
 namespace kv::run {
@@ -43,21 +44,6 @@ struct RunSeconds {
          write = 0, total = 0;
 };
 
-struct LowMemoryNotice {
-  std::string stage;
-  std::string reason;
-  std::uint64_t from = 0;
-  std::uint64_t to = 0;
-};
-
-struct LowMemoryReport {
-  std::uint64_t budget_mb = 0;
-  std::uint64_t band_rows = 0;
-  std::uint64_t band_retries = 0;
-  bool bands_pipelined = false;
-  std::vector<LowMemoryNotice> notices;  // empty: memory use was never reduced
-};
-
 // What a finished bake run reports.
 struct RunResult {
   std::string backend;
@@ -70,7 +56,7 @@ struct RunResult {
   float rear = 0.0f;
   RunCounts counts;
   RunSeconds seconds;
-  LowMemoryReport memory;
+  BakeMemoryReport memory;  // notices empty: memory use was never reduced
   std::uint64_t coverage_texels = 0;
   std::uint64_t coverage_hits = 0;
   std::uint64_t coverage_filled = 0;
