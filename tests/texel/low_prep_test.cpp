@@ -386,6 +386,32 @@ TEST(LowPrepBuild, TangentFramesSnappedCornersAndOptionalParts) {
             "low mesh triangle 1 has no UV coordinates");
 }
 
+TEST(LowPrepBuild, TangentFramesOnlyWhenAsked) {
+  const Mesh mesh = two_material_mesh();
+  LowPrepSettings s = low_prep_settings_of(small_settings());
+  const LowPrep with = LowPrep::build(mesh, {}, s);
+  s.tangent_frames = false;
+  const LowPrep without = LowPrep::build(mesh, {}, s);
+  EXPECT_EQ(with.tangent_frames().size(), 9u);
+  EXPECT_TRUE(without.tangent_frames().empty());
+  EXPECT_EQ(without.tangent_normal_fallbacks(), 0u);
+  // Everything else is built the same; only the fingerprint tells them apart,
+  // and a prep without frames cannot serve a bake that needs them.
+  EXPECT_EQ(vec(without.averaged_normals()), vec(with.averaged_normals()));
+  EXPECT_EQ(without.raster().lookup(5, 5, 1).triangle, with.raster().lookup(5, 5, 1).triangle);
+  EXPECT_NE(without.fingerprint(), with.fingerprint());
+  EXPECT_EQ(message_of([&] {
+              check_low_prep_use(without, low_prep_settings_of(small_settings()), {}, false);
+            }),
+            "the bake settings do not match the LowPrep (size, UDIM, anti-aliasing, UV snap, "
+            "average normals or tangent space)");
+  EXPECT_EQ(message_of([&] { check_low_prep_use(without, s, {}, false); }), "(no error)");
+  // The prep checks its own settings, whoever fills them.
+  s.width = 0;
+  EXPECT_EQ(message_of([&] { (void)LowPrep::build(mesh, {}, s); }),
+            "output size must be 1 to 16384 texels per side");
+}
+
 TEST(LowPrepBuild, OneAndTwoThreadsGiveIdenticalPreparations) {
   // 4900 triangles without stored normals: averaging weighs face normals.
   const Mesh mesh = test::uv_sphere(50, 50, 1.0f, 0.05f);
