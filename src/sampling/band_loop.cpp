@@ -42,8 +42,10 @@ bool strictly_inside(const Mesh& low, std::uint32_t t, double u, double v) {
 
 // The sub-samples, queries and hits of one chunk of a band, kept between
 // bands so their memory is reused. A sample's ray indexes its own chunk's
-// queries. On cache lines of its own: neighbouring chunks run on different
-// threads and count into their chunk on every sample.
+// queries. While a band runs, the thread that runs a chunk owns its work;
+// the calling thread reads it after the band's pool call returns. On cache
+// lines of its own: neighbouring chunks run on different threads and count
+// into their chunk on every sample.
 struct alignas(64) ChunkWork {
   std::vector<SubSample> samples;
   std::vector<RayQuery> queries;
