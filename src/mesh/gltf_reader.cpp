@@ -641,6 +641,50 @@ bool refuse_write(std::string* err, const std::string&, const std::vector<unsign
   return false;
 }
 
+// Documents nesting deeper are refused before parsing: the parser turns
+// extras and extensions into values by recursion, one stack frame a level,
+// while real files nest a dozen levels or so.
+constexpr int kMaxJsonDepth = 512;
+
+// Whether the arrays and objects of `json` nest deeper than `limit`; brackets
+// inside strings do not count. Iterative, so any depth is measured safely.
+bool nests_deeper_than(std::string_view json, int limit) {
+  int depth = 0;
+  bool in_string = false;
+  for (std::size_t i = 0; i < json.size(); ++i) {
+    const char c = json[i];
+    if (in_string) {
+      if (c == '\\') {
+        ++i;  // the escaped character, a quote included
+      } else if (c == '"') {
+        in_string = false;
+      }
+    } else if (c == '"') {
+      in_string = true;
+    } else if (c == '[' || c == '{') {
+      if (++depth > limit) {
+        return true;
+      }
+    } else if ((c == ']' || c == '}') && depth > 0) {
+      --depth;
+    }
+  }
+  return false;
+}
+
+// The JSON chunk of a .glb, or nothing when the header frames none inside the
+// file (the parser then refuses the file itself).
+std::string_view glb_json_chunk(std::string_view bytes) {
+  if (bytes.size() < 20) {
+    return {};
+  }
+  std::uint64_t length = 0;
+  for (std::size_t k = 0; k < 4; ++k) {
+    length |= std::uint64_t{static_cast<unsigned char>(bytes[12 + k])} << (8 * k);
+  }
+  return length <= bytes.size() - 20 ? bytes.substr(20, length) : std::string_view{};
+}
+
 std::string one_line(std::string text) {
   while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' ')) {
     text.pop_back();
@@ -668,6 +712,13 @@ Mesh read_gltf(const std::filesystem::path& path, const MeshReadOptions& options
     throw Error(path.string() + ": the file is too large for a glTF file");
   }
 
+  const bool binary = bytes->size() >= 4 && bytes->compare(0, 4, "glTF") == 0;
+  if (nests_deeper_than(binary ? glb_json_chunk(*bytes) : std::string_view(*bytes),
+                        kMaxJsonDepth)) {
+    throw Error(path.string() + ": the file's JSON nests deeper than " +
+                std::to_string(kMaxJsonDepth) + " levels");
+  }
+
   tinygltf::TinyGLTF loader;
   loader.SetImageLoader(&skip_image, nullptr);
   loader.SetFsCallbacks({&file_exists, &expand_path, &read_whole_file, &refuse_write, nullptr});
@@ -676,7 +727,6 @@ Mesh read_gltf(const std::filesystem::path& path, const MeshReadOptions& options
   std::string warn;
   const std::string base_dir = path.parent_path().string();
   const auto size = static_cast<unsigned int>(bytes->size());
-  const bool binary = bytes->size() >= 4 && bytes->compare(0, 4, "glTF") == 0;
   const bool loaded =
       binary ? loader.LoadBinaryFromMemory(&model, &err, &warn,
                                            reinterpret_cast<const unsigned char*>(bytes->data()),

@@ -223,6 +223,37 @@ TEST(GltfReader, UnrollsStripsAndFansAndSkipsPointsAndLines) {
   EXPECT_EQ(m.objects, (std::vector<std::string>{"Strip", "Fan", "Joined"}));
 }
 
+// The JSON text with a raw `"name": value` member added to its top-level
+// object, so that it can hold more than nlohmann::json would.
+std::string with_member(const std::string& json_text, const std::string& member) {
+  return json_text.substr(0, json_text.size() - 1) + "," + member + "}";
+}
+
+TEST(GltfReader, RefusesJsonNestedDeeperThanItsLimitBeforeParsingIt) {
+  const GltfBuilder b = quad_scene({{"name", "Q"}});
+  // Extras of `levels` nested arrays, one level below the document's object.
+  auto nested = [](std::size_t levels) {
+    return std::string(levels, '[') + std::string(levels, ']');
+  };
+  const std::string too_deep = "the file's JSON nests deeper than 512 levels";
+  for (const std::size_t levels : {std::size_t{512}, std::size_t{100000}}) {
+    SCOPED_TRACE(levels);
+    const std::string member = "\"extras\":" + nested(levels);
+    EXPECT_EQ(refusal(with_member(b.gltf_text(), member)), too_deep);
+    EXPECT_EQ(refusal(GltfBuilder::glb(with_member(b.finished().dump(), member), b.bin), "m.glb"),
+              too_deep);
+  }
+  EXPECT_EQ(refusal(with_member(b.gltf_text(), "\"extras\":" + nested(511))), "");
+
+  // Brackets in strings do not nest; an escaped quote does not end a string,
+  // an escaped backslash before a quote does.
+  const std::string brackets(1000, '[');
+  EXPECT_EQ(refusal(with_member(b.gltf_text(), "\"extras\":\"" + brackets + "\"")), "");
+  EXPECT_EQ(refusal(with_member(b.gltf_text(), "\"extras\":\"\\\"" + brackets + "\"")), "");
+  EXPECT_EQ(refusal(with_member(b.gltf_text(), "\"extras\":[\"\\\\\"," + nested(600) + "]")),
+            too_deep);
+}
+
 TEST(GltfReader, RefusesFilesItCannotReadFaithfully) {
   const std::string needs = "the file needs the glTF extension ";
   const std::string unsupported = ", which this reader does not support";
