@@ -22,6 +22,14 @@ namespace kv {
 namespace {
 
 constexpr std::uint64_t kMaxElements = 2147483647;
+// Elements of an accessor without a buffer view are zeros that no byte of the
+// file backs: far more than any real file declares that way, far less than
+// the gigabytes a bare count could otherwise ask for.
+constexpr std::uint64_t kMaxZeroElements = std::uint64_t{1} << 24;
+
+std::string accessor_name(int index, const std::string& what) {
+  return "accessor " + std::to_string(index) + " (" + what + ")";
+}
 
 // Extensions a file may require: they change materials, textures or lights,
 // or (quantization) only widen the component types this reader handles anyway.
@@ -54,6 +62,8 @@ class GltfReader {
   void add_node(int node_index, const Mat4& world);
   void add_primitive(int mesh_index, std::size_t primitive_index, const Mat4& world,
                      std::uint32_t object);
+  const tinygltf::Accessor& checked_accessor(int index, int components,
+                                             const std::string& what) const;
   std::vector<double> read_accessor(int index, int components, const std::string& what) const;
   std::vector<std::uint32_t> read_indices(int index, std::uint64_t vertex_count,
                                           const std::string& what) const;
@@ -195,15 +205,16 @@ void GltfReader::check_view_range(const tinygltf::BufferView& bv, int index, std
   }
 }
 
-// Reads `components` values per element of accessor `index` as doubles,
-// sparse substitutions applied.
-std::vector<double> GltfReader::read_accessor(int index, int components,
-                                              const std::string& what) const {
+// The accessor, once its element type is the one asked for and every element
+// it declares is backed: by its buffer view, or, without one, by a count
+// small enough to be read as zeros. Nothing is allocated here.
+const tinygltf::Accessor& GltfReader::checked_accessor(int index, int components,
+                                                       const std::string& what) const {
   if (index < 0 || static_cast<std::size_t>(index) >= model_.accessors.size()) {
     fail(what + " refers to accessor " + std::to_string(index) + ", which does not exist");
   }
   const tinygltf::Accessor& acc = model_.accessors[static_cast<std::size_t>(index)];
-  const std::string name = "accessor " + std::to_string(index) + " (" + what + ")";
+  const std::string name = accessor_name(index, what);
   if (type_components(acc.type) != components) {
     fail(name + " must hold " + type_name(components) + " elements");
   }
@@ -214,12 +225,14 @@ std::vector<double> GltfReader::read_accessor(int index, int components,
   if (acc.count > kMaxElements) {
     fail(name + " has too many elements");
   }
-  const std::size_t element_bytes = size * static_cast<std::size_t>(components);
-  std::vector<double> values;
-
-  if (acc.bufferView < 0 || acc.count == 0) {
-    values.assign(acc.count * static_cast<std::size_t>(components), 0.0);
-  } else {
+  if (acc.bufferView < 0) {
+    if (acc.count > kMaxZeroElements) {
+      fail(name + " has " + std::to_string(acc.count) +
+           " elements without a buffer view; at most " + std::to_string(kMaxZeroElements) +
+           " are read that way");
+    }
+  } else if (acc.count != 0) {
+    const std::size_t element_bytes = size * static_cast<std::size_t>(components);
     const tinygltf::BufferView& bv = view(acc.bufferView, name);
     const std::size_t stride = bv.byteStride != 0 ? bv.byteStride : element_bytes;
     if (stride < element_bytes) {
@@ -228,8 +241,23 @@ std::vector<double> GltfReader::read_accessor(int index, int components,
     }
     check_view_range(bv, acc.bufferView, acc.byteOffset,
                      std::uint64_t{stride} * (acc.count - 1) + element_bytes, name);
-    // Sized only now that the buffer is known to hold every element.
-    values.resize(acc.count * static_cast<std::size_t>(components));
+  }
+  return acc;
+}
+
+// Reads `components` values per element of accessor `index` as doubles,
+// sparse substitutions applied.
+std::vector<double> GltfReader::read_accessor(int index, int components,
+                                              const std::string& what) const {
+  const tinygltf::Accessor& acc = checked_accessor(index, components, what);
+  const std::string name = accessor_name(index, what);
+  const std::size_t size = component_bytes(acc.componentType);
+  const std::size_t element_bytes = size * static_cast<std::size_t>(components);
+  // Sized only now that every element is known to be backed.
+  std::vector<double> values(acc.count * static_cast<std::size_t>(components), 0.0);
+  if (acc.bufferView >= 0 && acc.count != 0) {
+    const tinygltf::BufferView& bv = model_.bufferViews[static_cast<std::size_t>(acc.bufferView)];
+    const std::size_t stride = bv.byteStride != 0 ? bv.byteStride : element_bytes;
     const unsigned char* base = model_.buffers[static_cast<std::size_t>(bv.buffer)].data.data() +
                                 bv.byteOffset + acc.byteOffset;
     for (std::size_t i = 0; i < acc.count; ++i) {
@@ -296,8 +324,7 @@ std::vector<std::uint32_t> GltfReader::read_indices(int index, std::uint64_t ver
   const std::vector<double> raw = read_accessor(index, 1, what + " indices");
   const tinygltf::Accessor& acc = model_.accessors[static_cast<std::size_t>(index)];
   if (!is_integer_type(acc.componentType) || acc.normalized) {
-    fail("accessor " + std::to_string(index) + " (" + what +
-         " indices) must hold integers that are not normalized");
+    fail(accessor_name(index, what + " indices") + " must hold integers that are not normalized");
   }
   std::vector<std::uint32_t> indices(raw.size());
   for (std::size_t i = 0; i < raw.size(); ++i) {
@@ -400,21 +427,25 @@ void GltfReader::add_primitive(int mesh_index, std::size_t primitive_index, cons
   const std::vector<double> positions = read_accessor(position_it->second, 3, what + " POSITION");
   const std::uint64_t vertex_count = positions.size() / 3;
 
+  // Counts compared before reading, so a count unlike the positions' is
+  // never allocated for.
   std::vector<double> normals;
   if (const auto it = prim.attributes.find("NORMAL"); it != prim.attributes.end()) {
-    normals = read_accessor(it->second, 3, what + " NORMAL");
-    if (normals.size() / 3 != vertex_count) {
-      fail(what + " has " + std::to_string(normals.size() / 3) + " normals for " +
-           std::to_string(vertex_count) + " positions");
+    const std::uint64_t count = checked_accessor(it->second, 3, what + " NORMAL").count;
+    if (count != vertex_count) {
+      fail(what + " has " + std::to_string(count) + " normals for " + std::to_string(vertex_count) +
+           " positions");
     }
+    normals = read_accessor(it->second, 3, what + " NORMAL");
   }
   std::vector<double> uvs;
   if (const auto it = prim.attributes.find("TEXCOORD_0"); it != prim.attributes.end()) {
-    uvs = read_accessor(it->second, 2, what + " TEXCOORD_0");
-    if (uvs.size() / 2 != vertex_count) {
-      fail(what + " has " + std::to_string(uvs.size() / 2) + " texture coordinates for " +
+    const std::uint64_t count = checked_accessor(it->second, 2, what + " TEXCOORD_0").count;
+    if (count != vertex_count) {
+      fail(what + " has " + std::to_string(count) + " texture coordinates for " +
            std::to_string(vertex_count) + " positions");
     }
+    uvs = read_accessor(it->second, 2, what + " TEXCOORD_0");
   }
   std::vector<std::uint32_t> indices;
   if (prim.indices >= 0) {

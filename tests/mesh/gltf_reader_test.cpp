@@ -254,6 +254,55 @@ TEST(GltfReader, RefusesJsonNestedDeeperThanItsLimitBeforeParsingIt) {
             too_deep);
 }
 
+TEST(GltfReader, ChecksEveryAccessorCountAgainstItsBytesBeforeAllocating) {
+  const std::uint64_t peak_before = platform::peak_resident_bytes();
+  const std::string quad = "mesh 'QuadMesh' primitive 0 ";
+  const std::string positions = "accessor 0 (" + quad + "POSITION)";
+  auto without_view = [](GltfBuilder& b, int accessor, std::uint64_t count) {
+    b.doc["accessors"][accessor].erase("bufferView");
+    b.doc["accessors"][accessor]["count"] = count;
+  };
+  using Change = std::function<void(GltfBuilder&)>;
+  const std::vector<std::pair<Change, std::string>> cases = {
+      // Without a buffer view the elements are zeros no byte backs: a count
+      // of 2^31 - 1 would ask for 48 GiB of values.
+      {[&](GltfBuilder& b) { without_view(b, 0, 2147483647); },
+       positions + " has 2147483647 elements without a buffer view; at most 16777216 are read " +
+           "that way"},
+      {[&](GltfBuilder& b) { without_view(b, 0, 16777217); },
+       positions + " has 16777217 elements without a buffer view; at most 16777216 are read " +
+           "that way"},
+      {[&](GltfBuilder& b) { without_view(b, 0, 4294967296); },
+       positions + " has too many elements"},
+      // Counts unlike the positions' are refused before being read.
+      {[&](GltfBuilder& b) { without_view(b, 1, 16777216); },
+       quad + "has 16777216 normals for 4 positions"},
+      {[&](GltfBuilder& b) { without_view(b, 2, 16777216); },
+       quad + "has 16777216 texture coordinates for 4 positions"},
+      // With a view: the last element's end, by count, stride and offset.
+      {[](GltfBuilder& b) { b.doc["accessors"][0]["count"] = 2147483647; },
+       positions + " reads past the end of buffer view 0"},
+      {[](GltfBuilder& b) { b.doc["accessors"][0]["count"] = 5; },
+       positions + " reads past the end of buffer view 0"},
+      {[](GltfBuilder& b) { b.doc["bufferViews"][0]["byteStride"] = 16; },
+       positions + " reads past the end of buffer view 0"},
+      {[](GltfBuilder& b) { b.doc["accessors"][0]["byteOffset"] = 4; },
+       positions + " reads past the end of buffer view 0"},
+      {[](GltfBuilder& b) { b.doc["bufferViews"][3]["byteOffset"] = b.bin.size() - 20; },
+       "buffer view 3 lies past the end of buffer 0"},
+  };
+  for (const auto& [change, message] : cases) {
+    SCOPED_TRACE(message);
+    GltfBuilder b = quad_scene({{"name", "Q"}});
+    change(b);
+    EXPECT_EQ(refusal(b.gltf_text()), message);
+    EXPECT_EQ(refusal(b.glb_bytes(), "m.glb"), message);
+  }
+  // Nothing was sized by a count before the refusal (2^24 normals alone
+  // would have been 384 MiB).
+  EXPECT_LT(platform::peak_resident_bytes(), peak_before + (std::uint64_t{128} << 20));
+}
+
 TEST(GltfReader, RefusesFilesItCannotReadFaithfully) {
   const std::string needs = "the file needs the glTF extension ";
   const std::string unsupported = ", which this reader does not support";
