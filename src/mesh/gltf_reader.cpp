@@ -46,6 +46,24 @@ std::string unsupported_extension(std::string_view name) {
          ", which this reader does not support";
 }
 
+// Elements a reader would push, each capped at one past the limit so that
+// sums of any counts never wrap.
+struct ElementCounts {
+  std::uint64_t positions = 0;
+  std::uint64_t uvs = 0;
+  std::uint64_t normals = 0;
+  std::uint64_t triangles = 0;
+
+  static std::uint64_t capped(std::uint64_t n) { return std::min(n, kMaxElements + 1); }
+
+  void add(const ElementCounts& other) {
+    positions = capped(positions + other.positions);
+    uvs = capped(uvs + other.uvs);
+    normals = capped(normals + other.normals);
+    triangles = capped(triangles + other.triangles);
+  }
+};
+
 class GltfReader {
  public:
   GltfReader(const std::filesystem::path& path, const tinygltf::Model& model)
@@ -58,6 +76,9 @@ class GltfReader {
     throw Error(path_.string() + ": " + message);
   }
 
+  std::vector<int> scene_roots() const;
+  ElementCounts primitive_counts(const tinygltf::Primitive& prim) const;
+  void check_placed_counts(const std::vector<int>& roots) const;
   Mat4 local_transform(int node_index) const;
   void add_node(int node_index, const Mat4& world);
   void add_primitive(int mesh_index, std::size_t primitive_index, const Mat4& world,
@@ -567,13 +588,7 @@ void GltfReader::add_node(int node_index, const Mat4& world) {
   }
 }
 
-Mesh GltfReader::read() {
-  for (const std::string& name : model_.extensionsRequired) {
-    if (!extension_supported(name)) {
-      fail(unsupported_extension(name));
-    }
-  }
-
+std::vector<int> GltfReader::scene_roots() const {
   std::vector<int> roots;
   if (!model_.scenes.empty()) {
     const std::size_t scene =
@@ -581,23 +596,103 @@ Mesh GltfReader::read() {
     if (scene >= model_.scenes.size()) {
       fail("the default scene " + std::to_string(model_.defaultScene) + " does not exist");
     }
-    roots = model_.scenes[scene].nodes;
-  } else {
-    // No scene: every node that is nobody's child, in index order.
-    std::vector<bool> is_child(model_.nodes.size(), false);
-    for (const tinygltf::Node& node : model_.nodes) {
-      for (int child : node.children) {
-        if (child >= 0 && static_cast<std::size_t>(child) < is_child.size()) {
-          is_child[static_cast<std::size_t>(child)] = true;
-        }
-      }
-    }
-    for (std::size_t i = 0; i < model_.nodes.size(); ++i) {
-      if (!is_child[i]) {
-        roots.push_back(static_cast<int>(i));
+    return model_.scenes[scene].nodes;
+  }
+  // No scene: every node that is nobody's child, in index order.
+  std::vector<bool> is_child(model_.nodes.size(), false);
+  for (const tinygltf::Node& node : model_.nodes) {
+    for (int child : node.children) {
+      if (child >= 0 && static_cast<std::size_t>(child) < is_child.size()) {
+        is_child[static_cast<std::size_t>(child)] = true;
       }
     }
   }
+  for (std::size_t i = 0; i < model_.nodes.size(); ++i) {
+    if (!is_child[i]) {
+      roots.push_back(static_cast<int>(i));
+    }
+  }
+  return roots;
+}
+
+// At most the elements add_primitive pushes for the primitive, from the
+// accessors' counts alone (strips and fans may drop joining triangles).
+// References that do not resolve count nothing: the read refuses them.
+ElementCounts GltfReader::primitive_counts(const tinygltf::Primitive& prim) const {
+  auto count_of = [this](int accessor) -> std::uint64_t {
+    return accessor >= 0 && static_cast<std::size_t>(accessor) < model_.accessors.size()
+               ? ElementCounts::capped(model_.accessors[static_cast<std::size_t>(accessor)].count)
+               : 0;
+  };
+  const auto position_it = prim.attributes.find("POSITION");
+  if ((prim.mode != TINYGLTF_MODE_TRIANGLES && prim.mode != TINYGLTF_MODE_TRIANGLE_STRIP &&
+       prim.mode != TINYGLTF_MODE_TRIANGLE_FAN) ||
+      position_it == prim.attributes.end()) {
+    return {};
+  }
+  const std::uint64_t vertices = count_of(position_it->second);
+  const std::uint64_t corners = prim.indices >= 0 ? count_of(prim.indices) : vertices;
+  ElementCounts counts;
+  counts.triangles = prim.mode == TINYGLTF_MODE_TRIANGLES ? corners / 3
+                     : corners >= 3                       ? corners - 2
+                                                          : 0;
+  if (counts.triangles == 0) {
+    return {};  // no faces: nothing is pushed
+  }
+  counts.positions = vertices;
+  counts.normals = prim.attributes.count("NORMAL") != 0 ? vertices : 0;
+  counts.uvs = prim.attributes.count("TEXCOORD_0") != 0 ? vertices : 0;
+  return counts;
+}
+
+// Refuses a scene whose nodes, each placing its mesh's elements anew, would
+// exceed the mesh limits: counted from the accessors before anything is read,
+// since a few nodes can multiply a small file into billions of vertices.
+void GltfReader::check_placed_counts(const std::vector<int>& roots) const {
+  std::vector<ElementCounts> per_mesh(model_.meshes.size());
+  for (std::size_t m = 0; m < model_.meshes.size(); ++m) {
+    for (const tinygltf::Primitive& prim : model_.meshes[m].primitives) {
+      per_mesh[m].add(primitive_counts(prim));
+    }
+  }
+  // The walk of read(), without its checks: a node that does not exist or
+  // comes again is left to it to refuse.
+  ElementCounts total;
+  std::vector<bool> counted(model_.nodes.size(), false);
+  std::vector<int> stack(roots.rbegin(), roots.rend());
+  while (!stack.empty()) {
+    const int index = stack.back();
+    stack.pop_back();
+    if (index < 0 || static_cast<std::size_t>(index) >= model_.nodes.size() ||
+        counted[static_cast<std::size_t>(index)]) {
+      continue;
+    }
+    counted[static_cast<std::size_t>(index)] = true;
+    const tinygltf::Node& node = model_.nodes[static_cast<std::size_t>(index)];
+    if (node.mesh >= 0 && static_cast<std::size_t>(node.mesh) < per_mesh.size()) {
+      total.add(per_mesh[static_cast<std::size_t>(node.mesh)]);
+    }
+    stack.insert(stack.end(), node.children.rbegin(), node.children.rend());
+  }
+  const std::pair<std::uint64_t, const char*> totals[] = {{total.positions, "vertex positions"},
+                                                          {total.uvs, "texture coordinates"},
+                                                          {total.normals, "normals"},
+                                                          {total.triangles, "triangles"}};
+  for (const auto& [count, name] : totals) {
+    if (count > kMaxElements) {
+      fail("mesh has more than " + std::to_string(kMaxElements) + " " + name);
+    }
+  }
+}
+
+Mesh GltfReader::read() {
+  for (const std::string& name : model_.extensionsRequired) {
+    if (!extension_supported(name)) {
+      fail(unsupported_extension(name));
+    }
+  }
+  const std::vector<int> roots = scene_roots();
+  check_placed_counts(roots);
 
   // Depth first, children in their listed order, without recursion so a deep
   // hierarchy cannot exhaust the stack.

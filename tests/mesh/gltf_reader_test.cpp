@@ -272,8 +272,8 @@ TEST(GltfReader, ChecksEveryAccessorCountAgainstItsBytesBeforeAllocating) {
       {[&](GltfBuilder& b) { without_view(b, 0, 16777217); },
        positions + " has 16777217 elements without a buffer view; at most 16777216 are read " +
            "that way"},
-      {[&](GltfBuilder& b) { without_view(b, 0, 4294967296); },
-       positions + " has too many elements"},
+      {[](GltfBuilder& b) { b.doc["accessors"][3]["count"] = 4294967296; },
+       "accessor 3 (" + quad + "indices) has too many elements"},
       // Counts unlike the positions' are refused before being read.
       {[&](GltfBuilder& b) { without_view(b, 1, 16777216); },
        quad + "has 16777216 normals for 4 positions"},
@@ -300,6 +300,56 @@ TEST(GltfReader, ChecksEveryAccessorCountAgainstItsBytesBeforeAllocating) {
   }
   // Nothing was sized by a count before the refusal (2^24 normals alone
   // would have been 384 MiB).
+  EXPECT_LT(platform::peak_resident_bytes(), peak_before + (std::uint64_t{128} << 20));
+}
+
+TEST(GltfReader, CountsTheElementsOfEveryPlacedNodeBeforeReadingAny) {
+  const std::uint64_t peak_before = platform::peak_resident_bytes();
+  // 2^24 - 1 positions (a whole number of triangles), as zeros, placed by
+  // 128 roots and one child: one node more than the limit allows, found only
+  // by walking into the children.
+  GltfBuilder zeros;
+  zeros.bin = std::string(4, '\0');  // the parser wants a buffer, used or not
+  zeros.mesh("Zeros", zeros.accessor(-1, test::kFloat, "VEC3", (std::size_t{1} << 24) - 1));
+  std::vector<int> roots;
+  for (int i = 0; i < 128; ++i) {
+    roots.push_back(zeros.node({{"mesh", 0}}));
+  }
+  zeros.doc["nodes"][0]["children"] = {zeros.node({{"mesh", 0}})};
+  zeros.scene(roots);
+  const std::string too_many = "mesh has more than 2147483647 ";
+  EXPECT_EQ(refusal(zeros.gltf_text()), too_many + "vertex positions");
+  EXPECT_EQ(refusal(zeros.glb_bytes(), "m.glb"), too_many + "vertex positions");
+
+  // Counts that would wrap around when added up.
+  GltfBuilder wrap;
+  wrap.bin = zeros.bin;
+  wrap.mesh("Wrap", wrap.accessor(-1, test::kFloat, "VEC3", std::size_t{1} << 63));
+  wrap.scene({wrap.node({{"mesh", 0}}), wrap.node({{"mesh", 0}})});
+  EXPECT_EQ(refusal(wrap.gltf_text()), too_many + "vertex positions");
+
+  // Triangles: 1024 of them over three vertices in each of 256 primitives,
+  // the mesh placed by 8192 nodes.
+  GltfBuilder tris;
+  const int p = tris.vec3({0, 0, 0, 1, 0, 0, 0, 1, 0});
+  std::vector<std::uint8_t> corners(3072);
+  for (std::size_t i = 0; i < corners.size(); ++i) {
+    corners[i] = static_cast<std::uint8_t>(i % 3);
+  }
+  tris.mesh("Tris", p, -1, -1, tris.values(corners, test::kUByte, "SCALAR", 1));
+  for (int i = 1; i < 256; ++i) {
+    tris.doc["meshes"][0]["primitives"].push_back(tris.doc["meshes"][0]["primitives"][0]);
+  }
+  tris.scene(std::vector<int>(1, tris.node({{"mesh", 0}})));
+  for (int i = 1; i < 8192; ++i) {
+    tris.doc["scenes"][0]["nodes"].push_back(tris.node({{"mesh", 0}}));
+  }
+  EXPECT_EQ(refusal(tris.glb_bytes(), "m.glb"), too_many + "triangles");
+
+  // Points and lines place no elements, however many.
+  zeros.doc["meshes"][0]["primitives"][0]["mode"] = 1;
+  EXPECT_EQ(refusal(zeros.gltf_text()), "mesh has no faces");
+
   EXPECT_LT(platform::peak_resident_bytes(), peak_before + (std::uint64_t{128} << 20));
 }
 
