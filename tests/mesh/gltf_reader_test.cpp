@@ -353,6 +353,50 @@ TEST(GltfReader, CountsTheElementsOfEveryPlacedNodeBeforeReadingAny) {
   EXPECT_LT(platform::peak_resident_bytes(), peak_before + (std::uint64_t{128} << 20));
 }
 
+TEST(GltfReader, RefusesNodesThatAreTheirOwnAncestorsOrShared) {
+  const std::string twice = " appears twice in the node hierarchy";
+  using Change = std::function<void(GltfBuilder&)>;
+  const std::vector<std::pair<Change, std::string>> cases = {
+      {[](GltfBuilder& b) {
+         b.doc["nodes"][0]["children"] = {b.node({{"children", {0}}})};
+       },
+       "node 0" + twice},
+      {[](GltfBuilder& b) {
+         const int inner = b.node({{"mesh", 0}});
+         b.doc["nodes"][0]["children"] = {b.node({{"children", {inner}}})};
+         b.doc["nodes"][inner]["children"] = {1};
+       },
+       "node 1" + twice},
+      {[](GltfBuilder& b) {
+         const int shared = b.node({{"name", "Shared"}});
+         b.doc["nodes"][0]["children"] = {shared, shared};
+       },
+       "node 1" + twice},
+      // Without a scene the roots are the nodes nobody lists as a child: a
+      // cycle below a root is walked into, a cycle alone has no root.
+      {[](GltfBuilder& b) {
+         b.doc.erase("scenes");
+         b.doc.erase("scene");
+         const int first = b.node({{"mesh", 0}});
+         b.doc["nodes"][0]["children"] = {first};
+         b.doc["nodes"][first]["children"] = {b.node({{"children", {first}}})};
+       },
+       "node 1" + twice},
+      {[](GltfBuilder& b) {
+         b.doc.erase("scenes");
+         b.doc.erase("scene");
+         b.doc["nodes"][0]["children"] = {b.node({{"children", {0}}})};
+       },
+       "mesh has no faces"},
+  };
+  for (const auto& [change, message] : cases) {
+    SCOPED_TRACE(message);
+    GltfBuilder b = quad_scene({{"name", "Q"}});
+    change(b);
+    EXPECT_EQ(refusal(b.gltf_text()), message);
+  }
+}
+
 TEST(GltfReader, RefusesFilesItCannotReadFaithfully) {
   const std::string needs = "the file needs the glTF extension ";
   const std::string unsupported = ", which this reader does not support";
