@@ -615,9 +615,10 @@ std::vector<int> GltfReader::scene_roots() const {
   return roots;
 }
 
-// At most the elements add_primitive pushes for the primitive, from the
-// accessors' counts alone (strips and fans may drop joining triangles).
-// References that do not resolve count nothing: the read refuses them.
+// At most the elements add_primitive reads and pushes for the primitive, from
+// the accessors' counts alone: strips and fans may drop joining triangles,
+// and vertices are read even when no face is left, so they count all the
+// same. References that do not resolve count nothing: the read refuses them.
 ElementCounts GltfReader::primitive_counts(const tinygltf::Primitive& prim) const {
   auto count_of = [this](int accessor) -> std::uint64_t {
     return accessor >= 0 && static_cast<std::size_t>(accessor) < model_.accessors.size()
@@ -636,9 +637,6 @@ ElementCounts GltfReader::primitive_counts(const tinygltf::Primitive& prim) cons
   counts.triangles = prim.mode == TINYGLTF_MODE_TRIANGLES ? corners / 3
                      : corners >= 3                       ? corners - 2
                                                           : 0;
-  if (counts.triangles == 0) {
-    return {};  // no faces: nothing is pushed
-  }
   counts.positions = vertices;
   counts.normals = prim.attributes.count("NORMAL") != 0 ? vertices : 0;
   counts.uvs = prim.attributes.count("TEXCOORD_0") != 0 ? vertices : 0;

@@ -346,6 +346,11 @@ TEST(GltfReader, CountsTheElementsOfEveryPlacedNodeBeforeReadingAny) {
   }
   EXPECT_EQ(refusal(tris.glb_bytes(), "m.glb"), too_many + "triangles");
 
+  // Vertices are read, and counted, even when their faces come to nothing.
+  zeros.doc["meshes"][0]["primitives"][0]["indices"] =
+      zeros.values<std::uint8_t>({0, 1}, test::kUByte, "SCALAR", 1);
+  EXPECT_EQ(refusal(zeros.gltf_text()), too_many + "vertex positions");
+
   // Points and lines place no elements, however many.
   zeros.doc["meshes"][0]["primitives"][0]["mode"] = 1;
   EXPECT_EQ(refusal(zeros.gltf_text()), "mesh has no faces");
