@@ -86,6 +86,9 @@ class GltfReader {
   const tinygltf::Accessor& checked_accessor(int index, int components,
                                              const std::string& what) const;
   std::vector<double> read_accessor(int index, int components, const std::string& what) const;
+  std::vector<double> read_attribute(const tinygltf::Primitive& prim, const char* attribute,
+                                     int components, std::uint64_t vertex_count,
+                                     const std::string& what, const char* plural) const;
   std::vector<std::uint32_t> read_indices(int index, std::uint64_t vertex_count,
                                           const std::string& what) const;
   const tinygltf::BufferView& view(int index, const std::string& what) const;
@@ -422,6 +425,25 @@ std::uint32_t GltfReader::material_index(int material) {
   return materials_.index_of(name, mesh_.materials);
 }
 
+// The values of the primitive's `attribute`, none when it has none. The count
+// is compared with the positions' first, so an unlike one is never read.
+std::vector<double> GltfReader::read_attribute(const tinygltf::Primitive& prim,
+                                               const char* attribute, int components,
+                                               std::uint64_t vertex_count, const std::string& what,
+                                               const char* plural) const {
+  const auto it = prim.attributes.find(attribute);
+  if (it == prim.attributes.end()) {
+    return {};
+  }
+  const std::string name = what + " " + attribute;
+  const std::uint64_t count = checked_accessor(it->second, components, name).count;
+  if (count != vertex_count) {
+    fail(what + " has " + std::to_string(count) + " " + plural + " for " +
+         std::to_string(vertex_count) + " positions");
+  }
+  return read_accessor(it->second, components, name);
+}
+
 // Appends the triangles of one primitive, its vertices placed by `world`.
 void GltfReader::add_primitive(int mesh_index, std::size_t primitive_index, const Mat4& world,
                                std::uint32_t object) {
@@ -448,26 +470,10 @@ void GltfReader::add_primitive(int mesh_index, std::size_t primitive_index, cons
   const std::vector<double> positions = read_accessor(position_it->second, 3, what + " POSITION");
   const std::uint64_t vertex_count = positions.size() / 3;
 
-  // Counts compared before reading, so a count unlike the positions' is
-  // never allocated for.
-  std::vector<double> normals;
-  if (const auto it = prim.attributes.find("NORMAL"); it != prim.attributes.end()) {
-    const std::uint64_t count = checked_accessor(it->second, 3, what + " NORMAL").count;
-    if (count != vertex_count) {
-      fail(what + " has " + std::to_string(count) + " normals for " + std::to_string(vertex_count) +
-           " positions");
-    }
-    normals = read_accessor(it->second, 3, what + " NORMAL");
-  }
-  std::vector<double> uvs;
-  if (const auto it = prim.attributes.find("TEXCOORD_0"); it != prim.attributes.end()) {
-    const std::uint64_t count = checked_accessor(it->second, 2, what + " TEXCOORD_0").count;
-    if (count != vertex_count) {
-      fail(what + " has " + std::to_string(count) + " texture coordinates for " +
-           std::to_string(vertex_count) + " positions");
-    }
-    uvs = read_accessor(it->second, 2, what + " TEXCOORD_0");
-  }
+  const std::vector<double> normals =
+      read_attribute(prim, "NORMAL", 3, vertex_count, what, "normals");
+  const std::vector<double> uvs =
+      read_attribute(prim, "TEXCOORD_0", 2, vertex_count, what, "texture coordinates");
   std::vector<std::uint32_t> indices;
   if (prim.indices >= 0) {
     indices = read_indices(prim.indices, vertex_count, what);
