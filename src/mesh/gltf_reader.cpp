@@ -22,6 +22,14 @@ namespace kv {
 namespace {
 
 constexpr std::uint64_t kMaxElements = 2147483647;
+// Elements of an accessor without a buffer view are zeros that no byte of the
+// file backs: far more than any real file declares that way, far less than
+// the gigabytes a bare count could otherwise ask for.
+constexpr std::uint64_t kMaxZeroElements = std::uint64_t{1} << 24;
+
+std::string accessor_name(int index, const std::string& what) {
+  return "accessor " + std::to_string(index) + " (" + what + ")";
+}
 
 // Extensions a file may require: they change materials, textures or lights,
 // or (quantization) only widen the component types this reader handles anyway.
@@ -38,6 +46,24 @@ std::string unsupported_extension(std::string_view name) {
          ", which this reader does not support";
 }
 
+// Elements a reader would push, each capped at one past the limit so that
+// sums of any counts never wrap.
+struct ElementCounts {
+  std::uint64_t positions = 0;
+  std::uint64_t uvs = 0;
+  std::uint64_t normals = 0;
+  std::uint64_t triangles = 0;
+
+  static std::uint64_t capped(std::uint64_t n) { return std::min(n, kMaxElements + 1); }
+
+  void add(const ElementCounts& other) {
+    positions = capped(positions + other.positions);
+    uvs = capped(uvs + other.uvs);
+    normals = capped(normals + other.normals);
+    triangles = capped(triangles + other.triangles);
+  }
+};
+
 class GltfReader {
  public:
   GltfReader(const std::filesystem::path& path, const tinygltf::Model& model)
@@ -50,11 +76,19 @@ class GltfReader {
     throw Error(path_.string() + ": " + message);
   }
 
+  std::vector<int> scene_roots() const;
+  ElementCounts primitive_counts(const tinygltf::Primitive& prim) const;
+  void check_placed_counts(const std::vector<int>& roots) const;
   Mat4 local_transform(int node_index) const;
   void add_node(int node_index, const Mat4& world);
   void add_primitive(int mesh_index, std::size_t primitive_index, const Mat4& world,
                      std::uint32_t object);
+  const tinygltf::Accessor& checked_accessor(int index, int components,
+                                             const std::string& what) const;
   std::vector<double> read_accessor(int index, int components, const std::string& what) const;
+  std::vector<double> read_attribute(const tinygltf::Primitive& prim, const char* attribute,
+                                     int components, std::uint64_t vertex_count,
+                                     const std::string& what, const char* plural) const;
   std::vector<std::uint32_t> read_indices(int index, std::uint64_t vertex_count,
                                           const std::string& what) const;
   const tinygltf::BufferView& view(int index, const std::string& what) const;
@@ -195,15 +229,16 @@ void GltfReader::check_view_range(const tinygltf::BufferView& bv, int index, std
   }
 }
 
-// Reads `components` values per element of accessor `index` as doubles,
-// sparse substitutions applied.
-std::vector<double> GltfReader::read_accessor(int index, int components,
-                                              const std::string& what) const {
+// The accessor, once its element type is the one asked for and every element
+// it declares is backed: by its buffer view, or, without one, by a count
+// small enough to be read as zeros. Nothing is allocated here.
+const tinygltf::Accessor& GltfReader::checked_accessor(int index, int components,
+                                                       const std::string& what) const {
   if (index < 0 || static_cast<std::size_t>(index) >= model_.accessors.size()) {
     fail(what + " refers to accessor " + std::to_string(index) + ", which does not exist");
   }
   const tinygltf::Accessor& acc = model_.accessors[static_cast<std::size_t>(index)];
-  const std::string name = "accessor " + std::to_string(index) + " (" + what + ")";
+  const std::string name = accessor_name(index, what);
   if (type_components(acc.type) != components) {
     fail(name + " must hold " + type_name(components) + " elements");
   }
@@ -214,12 +249,14 @@ std::vector<double> GltfReader::read_accessor(int index, int components,
   if (acc.count > kMaxElements) {
     fail(name + " has too many elements");
   }
-  const std::size_t element_bytes = size * static_cast<std::size_t>(components);
-  std::vector<double> values;
-
-  if (acc.bufferView < 0 || acc.count == 0) {
-    values.assign(acc.count * static_cast<std::size_t>(components), 0.0);
-  } else {
+  if (acc.bufferView < 0) {
+    if (acc.count > kMaxZeroElements) {
+      fail(name + " has " + std::to_string(acc.count) +
+           " elements without a buffer view; at most " + std::to_string(kMaxZeroElements) +
+           " are read that way");
+    }
+  } else if (acc.count != 0) {
+    const std::size_t element_bytes = size * static_cast<std::size_t>(components);
     const tinygltf::BufferView& bv = view(acc.bufferView, name);
     const std::size_t stride = bv.byteStride != 0 ? bv.byteStride : element_bytes;
     if (stride < element_bytes) {
@@ -228,8 +265,23 @@ std::vector<double> GltfReader::read_accessor(int index, int components,
     }
     check_view_range(bv, acc.bufferView, acc.byteOffset,
                      std::uint64_t{stride} * (acc.count - 1) + element_bytes, name);
-    // Sized only now that the buffer is known to hold every element.
-    values.resize(acc.count * static_cast<std::size_t>(components));
+  }
+  return acc;
+}
+
+// Reads `components` values per element of accessor `index` as doubles,
+// sparse substitutions applied.
+std::vector<double> GltfReader::read_accessor(int index, int components,
+                                              const std::string& what) const {
+  const tinygltf::Accessor& acc = checked_accessor(index, components, what);
+  const std::string name = accessor_name(index, what);
+  const std::size_t size = component_bytes(acc.componentType);
+  const std::size_t element_bytes = size * static_cast<std::size_t>(components);
+  // Sized only now that every element is known to be backed.
+  std::vector<double> values(acc.count * static_cast<std::size_t>(components), 0.0);
+  if (acc.bufferView >= 0 && acc.count != 0) {
+    const tinygltf::BufferView& bv = model_.bufferViews[static_cast<std::size_t>(acc.bufferView)];
+    const std::size_t stride = bv.byteStride != 0 ? bv.byteStride : element_bytes;
     const unsigned char* base = model_.buffers[static_cast<std::size_t>(bv.buffer)].data.data() +
                                 bv.byteOffset + acc.byteOffset;
     for (std::size_t i = 0; i < acc.count; ++i) {
@@ -296,8 +348,7 @@ std::vector<std::uint32_t> GltfReader::read_indices(int index, std::uint64_t ver
   const std::vector<double> raw = read_accessor(index, 1, what + " indices");
   const tinygltf::Accessor& acc = model_.accessors[static_cast<std::size_t>(index)];
   if (!is_integer_type(acc.componentType) || acc.normalized) {
-    fail("accessor " + std::to_string(index) + " (" + what +
-         " indices) must hold integers that are not normalized");
+    fail(accessor_name(index, what + " indices") + " must hold integers that are not normalized");
   }
   std::vector<std::uint32_t> indices(raw.size());
   for (std::size_t i = 0; i < raw.size(); ++i) {
@@ -374,6 +425,25 @@ std::uint32_t GltfReader::material_index(int material) {
   return materials_.index_of(name, mesh_.materials);
 }
 
+// The values of the primitive's `attribute`, none when it has none. The count
+// is compared with the positions' first, so an unlike one is never read.
+std::vector<double> GltfReader::read_attribute(const tinygltf::Primitive& prim,
+                                               const char* attribute, int components,
+                                               std::uint64_t vertex_count, const std::string& what,
+                                               const char* plural) const {
+  const auto it = prim.attributes.find(attribute);
+  if (it == prim.attributes.end()) {
+    return {};
+  }
+  const std::string name = what + " " + attribute;
+  const std::uint64_t count = checked_accessor(it->second, components, name).count;
+  if (count != vertex_count) {
+    fail(what + " has " + std::to_string(count) + " " + plural + " for " +
+         std::to_string(vertex_count) + " positions");
+  }
+  return read_accessor(it->second, components, name);
+}
+
 // Appends the triangles of one primitive, its vertices placed by `world`.
 void GltfReader::add_primitive(int mesh_index, std::size_t primitive_index, const Mat4& world,
                                std::uint32_t object) {
@@ -400,22 +470,10 @@ void GltfReader::add_primitive(int mesh_index, std::size_t primitive_index, cons
   const std::vector<double> positions = read_accessor(position_it->second, 3, what + " POSITION");
   const std::uint64_t vertex_count = positions.size() / 3;
 
-  std::vector<double> normals;
-  if (const auto it = prim.attributes.find("NORMAL"); it != prim.attributes.end()) {
-    normals = read_accessor(it->second, 3, what + " NORMAL");
-    if (normals.size() / 3 != vertex_count) {
-      fail(what + " has " + std::to_string(normals.size() / 3) + " normals for " +
-           std::to_string(vertex_count) + " positions");
-    }
-  }
-  std::vector<double> uvs;
-  if (const auto it = prim.attributes.find("TEXCOORD_0"); it != prim.attributes.end()) {
-    uvs = read_accessor(it->second, 2, what + " TEXCOORD_0");
-    if (uvs.size() / 2 != vertex_count) {
-      fail(what + " has " + std::to_string(uvs.size() / 2) + " texture coordinates for " +
-           std::to_string(vertex_count) + " positions");
-    }
-  }
+  const std::vector<double> normals =
+      read_attribute(prim, "NORMAL", 3, vertex_count, what, "normals");
+  const std::vector<double> uvs =
+      read_attribute(prim, "TEXCOORD_0", 2, vertex_count, what, "texture coordinates");
   std::vector<std::uint32_t> indices;
   if (prim.indices >= 0) {
     indices = read_indices(prim.indices, vertex_count, what);
@@ -536,13 +594,7 @@ void GltfReader::add_node(int node_index, const Mat4& world) {
   }
 }
 
-Mesh GltfReader::read() {
-  for (const std::string& name : model_.extensionsRequired) {
-    if (!extension_supported(name)) {
-      fail(unsupported_extension(name));
-    }
-  }
-
+std::vector<int> GltfReader::scene_roots() const {
   std::vector<int> roots;
   if (!model_.scenes.empty()) {
     const std::size_t scene =
@@ -550,23 +602,101 @@ Mesh GltfReader::read() {
     if (scene >= model_.scenes.size()) {
       fail("the default scene " + std::to_string(model_.defaultScene) + " does not exist");
     }
-    roots = model_.scenes[scene].nodes;
-  } else {
-    // No scene: every node that is nobody's child, in index order.
-    std::vector<bool> is_child(model_.nodes.size(), false);
-    for (const tinygltf::Node& node : model_.nodes) {
-      for (int child : node.children) {
-        if (child >= 0 && static_cast<std::size_t>(child) < is_child.size()) {
-          is_child[static_cast<std::size_t>(child)] = true;
-        }
-      }
-    }
-    for (std::size_t i = 0; i < model_.nodes.size(); ++i) {
-      if (!is_child[i]) {
-        roots.push_back(static_cast<int>(i));
+    return model_.scenes[scene].nodes;
+  }
+  // No scene: every node that is nobody's child, in index order.
+  std::vector<bool> is_child(model_.nodes.size(), false);
+  for (const tinygltf::Node& node : model_.nodes) {
+    for (int child : node.children) {
+      if (child >= 0 && static_cast<std::size_t>(child) < is_child.size()) {
+        is_child[static_cast<std::size_t>(child)] = true;
       }
     }
   }
+  for (std::size_t i = 0; i < model_.nodes.size(); ++i) {
+    if (!is_child[i]) {
+      roots.push_back(static_cast<int>(i));
+    }
+  }
+  return roots;
+}
+
+// At most the elements add_primitive reads and pushes for the primitive, from
+// the accessors' counts alone: strips and fans may drop joining triangles,
+// and vertices are read even when no face is left, so they count all the
+// same. References that do not resolve count nothing: the read refuses them.
+ElementCounts GltfReader::primitive_counts(const tinygltf::Primitive& prim) const {
+  auto count_of = [this](int accessor) -> std::uint64_t {
+    return accessor >= 0 && static_cast<std::size_t>(accessor) < model_.accessors.size()
+               ? ElementCounts::capped(model_.accessors[static_cast<std::size_t>(accessor)].count)
+               : 0;
+  };
+  const auto position_it = prim.attributes.find("POSITION");
+  if ((prim.mode != TINYGLTF_MODE_TRIANGLES && prim.mode != TINYGLTF_MODE_TRIANGLE_STRIP &&
+       prim.mode != TINYGLTF_MODE_TRIANGLE_FAN) ||
+      position_it == prim.attributes.end()) {
+    return {};
+  }
+  const std::uint64_t vertices = count_of(position_it->second);
+  const std::uint64_t corners = prim.indices >= 0 ? count_of(prim.indices) : vertices;
+  ElementCounts counts;
+  counts.triangles = prim.mode == TINYGLTF_MODE_TRIANGLES ? corners / 3
+                     : corners >= 3                       ? corners - 2
+                                                          : 0;
+  counts.positions = vertices;
+  counts.normals = prim.attributes.count("NORMAL") != 0 ? vertices : 0;
+  counts.uvs = prim.attributes.count("TEXCOORD_0") != 0 ? vertices : 0;
+  return counts;
+}
+
+// Refuses a scene whose nodes, each placing its mesh's elements anew, would
+// exceed the mesh limits: counted from the accessors before anything is read,
+// since a few nodes can multiply a small file into billions of vertices.
+void GltfReader::check_placed_counts(const std::vector<int>& roots) const {
+  std::vector<ElementCounts> per_mesh(model_.meshes.size());
+  for (std::size_t m = 0; m < model_.meshes.size(); ++m) {
+    for (const tinygltf::Primitive& prim : model_.meshes[m].primitives) {
+      per_mesh[m].add(primitive_counts(prim));
+    }
+  }
+  // The walk of read(), without its checks: a node that does not exist or
+  // comes again is left to it to refuse.
+  ElementCounts total;
+  std::vector<bool> counted(model_.nodes.size(), false);
+  std::vector<int> stack(roots.rbegin(), roots.rend());
+  while (!stack.empty()) {
+    const int index = stack.back();
+    stack.pop_back();
+    if (index < 0 || static_cast<std::size_t>(index) >= model_.nodes.size() ||
+        counted[static_cast<std::size_t>(index)]) {
+      continue;
+    }
+    counted[static_cast<std::size_t>(index)] = true;
+    const tinygltf::Node& node = model_.nodes[static_cast<std::size_t>(index)];
+    if (node.mesh >= 0 && static_cast<std::size_t>(node.mesh) < per_mesh.size()) {
+      total.add(per_mesh[static_cast<std::size_t>(node.mesh)]);
+    }
+    stack.insert(stack.end(), node.children.rbegin(), node.children.rend());
+  }
+  const std::pair<std::uint64_t, const char*> totals[] = {{total.positions, "vertex positions"},
+                                                          {total.uvs, "texture coordinates"},
+                                                          {total.normals, "normals"},
+                                                          {total.triangles, "triangles"}};
+  for (const auto& [count, name] : totals) {
+    if (count > kMaxElements) {
+      fail("mesh has more than " + std::to_string(kMaxElements) + " " + name);
+    }
+  }
+}
+
+Mesh GltfReader::read() {
+  for (const std::string& name : model_.extensionsRequired) {
+    if (!extension_supported(name)) {
+      fail(unsupported_extension(name));
+    }
+  }
+  const std::vector<int> roots = scene_roots();
+  check_placed_counts(roots);
 
   // Depth first, children in their listed order, without recursion so a deep
   // hierarchy cannot exhaust the stack.
@@ -641,6 +771,50 @@ bool refuse_write(std::string* err, const std::string&, const std::vector<unsign
   return false;
 }
 
+// Documents nesting deeper are refused before parsing: the parser turns
+// extras and extensions into values by recursion, one stack frame a level,
+// while real files nest a dozen levels or so.
+constexpr int kMaxJsonDepth = 512;
+
+// Whether the arrays and objects of `json` nest deeper than `limit`; brackets
+// inside strings do not count. Iterative, so any depth is measured safely.
+bool nests_deeper_than(std::string_view json, int limit) {
+  int depth = 0;
+  bool in_string = false;
+  for (std::size_t i = 0; i < json.size(); ++i) {
+    const char c = json[i];
+    if (in_string) {
+      if (c == '\\') {
+        ++i;  // the escaped character, a quote included
+      } else if (c == '"') {
+        in_string = false;
+      }
+    } else if (c == '"') {
+      in_string = true;
+    } else if (c == '[' || c == '{') {
+      if (++depth > limit) {
+        return true;
+      }
+    } else if ((c == ']' || c == '}') && depth > 0) {
+      --depth;
+    }
+  }
+  return false;
+}
+
+// The JSON chunk of a .glb, or nothing when the header frames none inside the
+// file (the parser then refuses the file itself).
+std::string_view glb_json_chunk(std::string_view bytes) {
+  if (bytes.size() < 20) {
+    return {};
+  }
+  std::uint64_t length = 0;
+  for (std::size_t k = 0; k < 4; ++k) {
+    length |= std::uint64_t{static_cast<unsigned char>(bytes[12 + k])} << (8 * k);
+  }
+  return length <= bytes.size() - 20 ? bytes.substr(20, length) : std::string_view{};
+}
+
 std::string one_line(std::string text) {
   while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' ')) {
     text.pop_back();
@@ -668,6 +842,13 @@ Mesh read_gltf(const std::filesystem::path& path, const MeshReadOptions& options
     throw Error(path.string() + ": the file is too large for a glTF file");
   }
 
+  const bool binary = bytes->size() >= 4 && bytes->compare(0, 4, "glTF") == 0;
+  if (nests_deeper_than(binary ? glb_json_chunk(*bytes) : std::string_view(*bytes),
+                        kMaxJsonDepth)) {
+    throw Error(path.string() + ": the file's JSON nests deeper than " +
+                std::to_string(kMaxJsonDepth) + " levels");
+  }
+
   tinygltf::TinyGLTF loader;
   loader.SetImageLoader(&skip_image, nullptr);
   loader.SetFsCallbacks({&file_exists, &expand_path, &read_whole_file, &refuse_write, nullptr});
@@ -676,7 +857,6 @@ Mesh read_gltf(const std::filesystem::path& path, const MeshReadOptions& options
   std::string warn;
   const std::string base_dir = path.parent_path().string();
   const auto size = static_cast<unsigned int>(bytes->size());
-  const bool binary = bytes->size() >= 4 && bytes->compare(0, 4, "glTF") == 0;
   const bool loaded =
       binary ? loader.LoadBinaryFromMemory(&model, &err, &warn,
                                            reinterpret_cast<const unsigned char*>(bytes->data()),

@@ -223,6 +223,185 @@ TEST(GltfReader, UnrollsStripsAndFansAndSkipsPointsAndLines) {
   EXPECT_EQ(m.objects, (std::vector<std::string>{"Strip", "Fan", "Joined"}));
 }
 
+// The JSON text with a raw `"name": value` member added to its top-level
+// object, so that it can hold more than nlohmann::json would.
+std::string with_member(const std::string& json_text, const std::string& member) {
+  return json_text.substr(0, json_text.size() - 1) + "," + member + "}";
+}
+
+TEST(GltfReader, RefusesJsonNestedDeeperThanItsLimitBeforeParsingIt) {
+  const GltfBuilder b = quad_scene({{"name", "Q"}});
+  // Extras of `levels` nested arrays, one level below the document's object.
+  auto nested = [](std::size_t levels) {
+    return std::string(levels, '[') + std::string(levels, ']');
+  };
+  const std::string too_deep = "the file's JSON nests deeper than 512 levels";
+  for (const std::size_t levels : {std::size_t{512}, std::size_t{100000}}) {
+    SCOPED_TRACE(levels);
+    const std::string member = "\"extras\":" + nested(levels);
+    EXPECT_EQ(refusal(with_member(b.gltf_text(), member)), too_deep);
+    EXPECT_EQ(refusal(GltfBuilder::glb(with_member(b.finished().dump(), member), b.bin), "m.glb"),
+              too_deep);
+  }
+  EXPECT_EQ(refusal(with_member(b.gltf_text(), "\"extras\":" + nested(511))), "");
+
+  // Brackets in strings do not nest; an escaped quote does not end a string,
+  // an escaped backslash before a quote does.
+  const std::string brackets(1000, '[');
+  EXPECT_EQ(refusal(with_member(b.gltf_text(), "\"extras\":\"" + brackets + "\"")), "");
+  EXPECT_EQ(refusal(with_member(b.gltf_text(), "\"extras\":\"\\\"" + brackets + "\"")), "");
+  EXPECT_EQ(refusal(with_member(b.gltf_text(), "\"extras\":[\"\\\\\"," + nested(600) + "]")),
+            too_deep);
+}
+
+TEST(GltfReader, ChecksEveryAccessorCountAgainstItsBytesBeforeAllocating) {
+  const std::uint64_t peak_before = platform::peak_resident_bytes();
+  const std::string quad = "mesh 'QuadMesh' primitive 0 ";
+  const std::string positions = "accessor 0 (" + quad + "POSITION)";
+  auto without_view = [](GltfBuilder& b, int accessor, std::uint64_t count) {
+    b.doc["accessors"][accessor].erase("bufferView");
+    b.doc["accessors"][accessor]["count"] = count;
+  };
+  using Change = std::function<void(GltfBuilder&)>;
+  const std::vector<std::pair<Change, std::string>> cases = {
+      // Without a buffer view the elements are zeros no byte backs: a count
+      // of 2^31 - 1 would ask for 48 GiB of values.
+      {[&](GltfBuilder& b) { without_view(b, 0, 2147483647); },
+       positions + " has 2147483647 elements without a buffer view; at most 16777216 are read " +
+           "that way"},
+      {[&](GltfBuilder& b) { without_view(b, 0, 16777217); },
+       positions + " has 16777217 elements without a buffer view; at most 16777216 are read " +
+           "that way"},
+      {[](GltfBuilder& b) { b.doc["accessors"][3]["count"] = 4294967296; },
+       "accessor 3 (" + quad + "indices) has too many elements"},
+      // Counts unlike the positions' are refused before being read.
+      {[&](GltfBuilder& b) { without_view(b, 1, 16777216); },
+       quad + "has 16777216 normals for 4 positions"},
+      {[&](GltfBuilder& b) { without_view(b, 2, 16777216); },
+       quad + "has 16777216 texture coordinates for 4 positions"},
+      // With a view: the last element's end, by count, stride and offset.
+      {[](GltfBuilder& b) { b.doc["accessors"][0]["count"] = 2147483647; },
+       positions + " reads past the end of buffer view 0"},
+      {[](GltfBuilder& b) { b.doc["accessors"][0]["count"] = 5; },
+       positions + " reads past the end of buffer view 0"},
+      {[](GltfBuilder& b) { b.doc["bufferViews"][0]["byteStride"] = 16; },
+       positions + " reads past the end of buffer view 0"},
+      {[](GltfBuilder& b) { b.doc["accessors"][0]["byteOffset"] = 4; },
+       positions + " reads past the end of buffer view 0"},
+      {[](GltfBuilder& b) { b.doc["bufferViews"][3]["byteOffset"] = b.bin.size() - 20; },
+       "buffer view 3 lies past the end of buffer 0"},
+  };
+  for (const auto& [change, message] : cases) {
+    SCOPED_TRACE(message);
+    GltfBuilder b = quad_scene({{"name", "Q"}});
+    change(b);
+    EXPECT_EQ(refusal(b.gltf_text()), message);
+    EXPECT_EQ(refusal(b.glb_bytes(), "m.glb"), message);
+  }
+  // Nothing was sized by a count before the refusal (2^24 normals alone
+  // would have been 384 MiB).
+  EXPECT_LT(platform::peak_resident_bytes(), peak_before + (std::uint64_t{128} << 20));
+}
+
+TEST(GltfReader, CountsTheElementsOfEveryPlacedNodeBeforeReadingAny) {
+  const std::uint64_t peak_before = platform::peak_resident_bytes();
+  // 2^24 - 1 positions (a whole number of triangles), as zeros, placed by
+  // 128 roots and one child: one node more than the limit allows, found only
+  // by walking into the children.
+  GltfBuilder zeros;
+  zeros.bin = std::string(4, '\0');  // the parser wants a buffer, used or not
+  zeros.mesh("Zeros", zeros.accessor(-1, test::kFloat, "VEC3", (std::size_t{1} << 24) - 1));
+  std::vector<int> roots;
+  for (int i = 0; i < 128; ++i) {
+    roots.push_back(zeros.node({{"mesh", 0}}));
+  }
+  zeros.doc["nodes"][0]["children"] = {zeros.node({{"mesh", 0}})};
+  zeros.scene(roots);
+  const std::string too_many = "mesh has more than 2147483647 ";
+  EXPECT_EQ(refusal(zeros.gltf_text()), too_many + "vertex positions");
+  EXPECT_EQ(refusal(zeros.glb_bytes(), "m.glb"), too_many + "vertex positions");
+
+  // Counts that would wrap around when added up.
+  GltfBuilder wrap;
+  wrap.bin = zeros.bin;
+  wrap.mesh("Wrap", wrap.accessor(-1, test::kFloat, "VEC3", std::size_t{1} << 63));
+  wrap.scene({wrap.node({{"mesh", 0}}), wrap.node({{"mesh", 0}})});
+  EXPECT_EQ(refusal(wrap.gltf_text()), too_many + "vertex positions");
+
+  // Triangles: 1024 of them over three vertices in each of 256 primitives,
+  // the mesh placed by 8192 nodes.
+  GltfBuilder tris;
+  const int p = tris.vec3({0, 0, 0, 1, 0, 0, 0, 1, 0});
+  std::vector<std::uint8_t> corners(3072);
+  for (std::size_t i = 0; i < corners.size(); ++i) {
+    corners[i] = static_cast<std::uint8_t>(i % 3);
+  }
+  tris.mesh("Tris", p, -1, -1, tris.values(corners, test::kUByte, "SCALAR", 1));
+  for (int i = 1; i < 256; ++i) {
+    tris.doc["meshes"][0]["primitives"].push_back(tris.doc["meshes"][0]["primitives"][0]);
+  }
+  tris.scene(std::vector<int>(1, tris.node({{"mesh", 0}})));
+  for (int i = 1; i < 8192; ++i) {
+    tris.doc["scenes"][0]["nodes"].push_back(tris.node({{"mesh", 0}}));
+  }
+  EXPECT_EQ(refusal(tris.glb_bytes(), "m.glb"), too_many + "triangles");
+
+  // Vertices are read, and counted, even when their faces come to nothing.
+  zeros.doc["meshes"][0]["primitives"][0]["indices"] =
+      zeros.values<std::uint8_t>({0, 1}, test::kUByte, "SCALAR", 1);
+  EXPECT_EQ(refusal(zeros.gltf_text()), too_many + "vertex positions");
+
+  // Points and lines place no elements, however many.
+  zeros.doc["meshes"][0]["primitives"][0]["mode"] = 1;
+  EXPECT_EQ(refusal(zeros.gltf_text()), "mesh has no faces");
+
+  EXPECT_LT(platform::peak_resident_bytes(), peak_before + (std::uint64_t{128} << 20));
+}
+
+TEST(GltfReader, RefusesNodesThatAreTheirOwnAncestorsOrShared) {
+  const std::string twice = " appears twice in the node hierarchy";
+  using Change = std::function<void(GltfBuilder&)>;
+  const std::vector<std::pair<Change, std::string>> cases = {
+      {[](GltfBuilder& b) {
+         b.doc["nodes"][0]["children"] = {b.node({{"children", {0}}})};
+       },
+       "node 0" + twice},
+      {[](GltfBuilder& b) {
+         const int inner = b.node({{"mesh", 0}});
+         b.doc["nodes"][0]["children"] = {b.node({{"children", {inner}}})};
+         b.doc["nodes"][inner]["children"] = {1};
+       },
+       "node 1" + twice},
+      {[](GltfBuilder& b) {
+         const int shared = b.node({{"name", "Shared"}});
+         b.doc["nodes"][0]["children"] = {shared, shared};
+       },
+       "node 1" + twice},
+      // Without a scene the roots are the nodes nobody lists as a child: a
+      // cycle below a root is walked into, a cycle alone has no root.
+      {[](GltfBuilder& b) {
+         b.doc.erase("scenes");
+         b.doc.erase("scene");
+         const int first = b.node({{"mesh", 0}});
+         b.doc["nodes"][0]["children"] = {first};
+         b.doc["nodes"][first]["children"] = {b.node({{"children", {first}}})};
+       },
+       "node 1" + twice},
+      {[](GltfBuilder& b) {
+         b.doc.erase("scenes");
+         b.doc.erase("scene");
+         b.doc["nodes"][0]["children"] = {b.node({{"children", {0}}})};
+       },
+       "mesh has no faces"},
+  };
+  for (const auto& [change, message] : cases) {
+    SCOPED_TRACE(message);
+    GltfBuilder b = quad_scene({{"name", "Q"}});
+    change(b);
+    EXPECT_EQ(refusal(b.gltf_text()), message);
+  }
+}
+
 TEST(GltfReader, RefusesFilesItCannotReadFaithfully) {
   const std::string needs = "the file needs the glTF extension ";
   const std::string unsupported = ", which this reader does not support";

@@ -128,10 +128,12 @@ class GltfBuilder {
     return d.dump();
   }
 
-  std::string glb_bytes() const {
-    std::string json = finished().dump();
+  std::string glb_bytes() const { return glb(finished().dump(), bin); }
+
+  // A .glb of the JSON text as given (which may be more than nlohmann::json
+  // can hold) and the binary chunk.
+  static std::string glb(std::string json, std::string data) {
     json.resize((json.size() + 3) / 4 * 4, ' ');
-    std::string data = bin;
     data.resize((data.size() + 3) / 4 * 4, '\0');
     std::string out = "glTF";
     auto put32 = [&out](std::size_t v) {
