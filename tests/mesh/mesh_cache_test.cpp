@@ -1,12 +1,9 @@
 #include "mesh/mesh_cache.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <new>
 #include <set>
 #include <string>
@@ -16,6 +13,7 @@
 #include "mesh/kvm_file.h"
 #include "mesh/mesh_test_util.h"
 #include "platform/platform.h"
+#include "support/address_space_limit.h"
 #include "support/test_support.h"
 
 namespace kv {
@@ -252,34 +250,6 @@ TEST(MeshCacheStore, DamagedEntriesAreMissesAndTheNextStoreReplacesBothFiles) {
   EXPECT_EQ(names_in(dir.path()), entry_names(dir.path(), key));
 }
 
-// Lowers the process's address-space limit to what it maps now plus
-// `headroom` bytes; the old limit comes back on destruction.
-class AddressSpaceLimit {
- public:
-  explicit AddressSpaceLimit(std::uint64_t headroom) {
-    saved_ok_ = getrlimit(RLIMIT_AS, &saved_) == 0;
-    std::uint64_t pages = 0;
-    std::ifstream("/proc/self/statm") >> pages;
-    rlimit lowered = saved_;
-    lowered.rlim_cur = pages * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE)) + headroom;
-    applied_ = saved_ok_ && pages > 0 && lowered.rlim_cur < saved_.rlim_cur &&
-               setrlimit(RLIMIT_AS, &lowered) == 0;
-  }
-  ~AddressSpaceLimit() {
-    if (applied_) {
-      setrlimit(RLIMIT_AS, &saved_);
-    }
-  }
-  AddressSpaceLimit(const AddressSpaceLimit&) = delete;
-  AddressSpaceLimit& operator=(const AddressSpaceLimit&) = delete;
-  bool applied() const { return applied_; }
-
- private:
-  rlimit saved_{};
-  bool saved_ok_ = false;
-  bool applied_ = false;
-};
-
 TEST(MeshCacheStore, RunningOutOfMemoryReadingAnEntryIsNoMiss) {
   // An intact entry of a mesh too large for the memory left: its header
   // announces the most positions a .kvm may hold (24 GiB of them), and the
@@ -304,7 +274,7 @@ TEST(MeshCacheStore, RunningOutOfMemoryReadingAnEntryIsNoMiss) {
                   mesh_cache_key_file_text(key, MeshStats{}, kvc_size));
 
   // With 1 GiB of address space to spare, the positions cannot be mapped.
-  const AddressSpaceLimit limit(std::uint64_t{1} << 30);
+  const test::AddressSpaceLimit limit(std::uint64_t{1} << 30);
   ASSERT_TRUE(limit.applied());
   ASSERT_THROW(LargeBuffer(12 * positions), std::bad_alloc);
   // The failed allocation reaches the caller instead of reading as a miss.
