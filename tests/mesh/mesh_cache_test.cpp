@@ -14,6 +14,7 @@
 #include "mesh/mesh_test_util.h"
 #include "platform/platform.h"
 #include "support/address_space_limit.h"
+#include "support/message_of.h"
 #include "support/test_support.h"
 
 namespace kv {
@@ -251,25 +252,11 @@ TEST(MeshCacheStore, DamagedEntriesAreMissesAndTheNextStoreReplacesBothFiles) {
 }
 
 TEST(MeshCacheStore, RunningOutOfMemoryReadingAnEntryIsNoMiss) {
-  // An intact entry of a mesh too large for the memory left: its header
-  // announces the most positions a .kvm may hold (24 GiB of them), and the
-  // .kvc is a sparse file of the length that header implies.
+  // An intact entry of a mesh too large for the memory left.
   ScratchDir dir;
   const std::string key = key_for("/huge.obj");
-  const std::uint64_t positions = 2147483647;
-  std::string header(kKvmHeaderBytes, '\0');
-  const std::uint32_t version = 1, flags = kKvmUvDouble | kKvmNormalsAsIs;
-  // Positions, UVs, normals, triangles and objects, as the header orders them.
-  const std::uint64_t counts[5] = {positions, 0, 0, 1, 1};
-  std::memcpy(header.data(), kKvmMagic, sizeof kKvmMagic);
-  std::memcpy(header.data() + 8, &version, 4);
-  std::memcpy(header.data() + 12, &flags, 4);
-  std::memcpy(header.data() + 16, counts, sizeof counts);
-  const auto kvc_path = mesh_cache_kvc_path(dir.path(), key);
-  write_text_file(kvc_path, header);
-  // The header, the positions, one triangle and one object name's length.
-  const std::uint64_t kvc_size = kKvmHeaderBytes + 12 * positions + 40 + 4;
-  fs::resize_file(kvc_path, kvc_size);
+  const std::uint64_t positions = test::kMostKvmPositions;
+  const std::uint64_t kvc_size = test::write_oversized_kvm(mesh_cache_kvc_path(dir.path(), key));
   write_text_file(mesh_cache_key_path(dir.path(), key),
                   mesh_cache_key_file_text(key, MeshStats{}, kvc_size));
 
@@ -527,6 +514,29 @@ TEST(MeshCacheLoad, BypassesFailedStoresAndReaderErrors) {
   EXPECT_EQ(got.triangles.size(), 1u);
   cache.store_warning = kMeshCacheServiceWarning;
   EXPECT_EQ(captured_load(dir / "low.obj", {}, cache, &got, &stats), "korvane serve: " + why);
+}
+
+TEST(MeshCacheLoad, RunningOutOfMemoryOnAHitNamesTheSource) {
+  // The entry of a real source holds a mesh too large for the memory left.
+  ScratchDir dir;
+  const auto obj = dir / "huge.obj";
+  write_text_file(obj, kTriangle);
+  MeshCacheSettings cache;
+  cache.folder = dir / "cache";
+  fs::create_directory(cache.folder);
+  const std::string key = *key_of(obj);
+  const auto kvc_path = mesh_cache_kvc_path(cache.folder, key);
+  const std::uint64_t kvc_size = test::write_oversized_kvm(kvc_path);
+  write_text_file(mesh_cache_key_path(cache.folder, key),
+                  mesh_cache_key_file_text(key, MeshStats{}, kvc_size));
+  {
+    const test::AddressSpaceLimit limit(std::uint64_t{1} << 30);
+    ASSERT_TRUE(limit.applied());
+    EXPECT_EQ(test::message_of<OutOfMemory>([&] { load_mesh_cached(obj, {}, cache); }),
+              obj.string() + ": out of memory while reading the mesh");
+  }
+  // Not taken for a miss: the source was not read and stored over the entry.
+  EXPECT_EQ(fs::file_size(kvc_path), kvc_size);
 }
 
 }  // namespace
