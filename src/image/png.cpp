@@ -3,9 +3,10 @@
 #include <lodepng.h>
 
 #include <algorithm>
-#include <climits>
 #include <cstring>
 #include <memory>
+#include <new>
+#include <stdexcept>
 #include <string>
 
 #include "core/error.h"
@@ -268,7 +269,21 @@ std::vector<unsigned char> encodePng(const TexelImage& image, int threads) {
   return encode_samples(view, threads);
 }
 
-TexelImage readPng(const std::filesystem::path& path) {
+namespace {
+
+// The bake writes maps of at most 16384 texels on a side, and no PNG read here
+// is meant to be larger; bigger headers are refused before any decoding.
+constexpr unsigned kMaxPngSide = 16384;
+
+// Deflate spends at least 2 bits on a 258-byte match, so a zlib stream grows at
+// most 1032 times. The whole file, headers included, is taken as the stream:
+// that is the margin.
+constexpr std::uint64_t kMaxInflateRatio = 1032;
+
+// LodePNG's code for an allocation it could not make.
+constexpr unsigned kLodepngAllocationFailed = 83;
+
+std::vector<unsigned char> read_png_bytes(const std::filesystem::path& path) {
   int error = 0;
   platform::File file = platform::File::open_read(path, &error);
   if (!file.is_open()) {
@@ -282,14 +297,48 @@ TexelImage readPng(const std::filesystem::path& path) {
   if (file.read_full(bytes.data(), bytes.size(), &error) != size) {
     throw Error("cannot read " + path.string());
   }
-  file.close();
+  return bytes;
+}
 
+// Refuses, from the header alone, images larger than the program reads and
+// images whose samples a file this short cannot hold: decoding either would
+// ask for memory the file does not justify.
+void check_png_size(const std::filesystem::path& path, unsigned width, unsigned height,
+                    const LodePNGColorMode& stored, std::uint64_t file_bytes) {
+  const std::string size = std::to_string(width) + " x " + std::to_string(height) + " texels";
+  if (width > kMaxPngSide || height > kMaxPngSide) {
+    throw Error(path.string() + ": PNG: the image is " + size + ", more than " +
+                std::to_string(kMaxPngSide) + " on a side");
+  }
+  const unsigned bits = lodepng_get_bpp(&stored);
+  const std::uint64_t stored_bytes = std::uint64_t{width} * height * bits / 8;
+  if (stored_bytes > file_bytes * kMaxInflateRatio) {
+    throw Error(path.string() + ": PNG: a file of " + std::to_string(file_bytes) +
+                " bytes cannot hold " + size + " of " + std::to_string(bits) +
+                (bits == 1 ? " bit" : " bits"));
+  }
+}
+
+OutOfMemory png_out_of_memory(const std::filesystem::path& path) {
+  return OutOfMemory(path.string() + ": PNG: out of memory while reading the image");
+}
+
+// The decoder's failure; it reports an allocation it could not make as a code.
+[[noreturn]] void throw_decode_error(const std::filesystem::path& path, unsigned code) {
+  if (code == kLodepngAllocationFailed) {
+    throw png_out_of_memory(path);
+  }
+  throw Error(std::string("PNG: ") + lodepng_error_text(code));
+}
+
+TexelImage read_png(const std::filesystem::path& path) {
+  std::vector<unsigned char> bytes = read_png_bytes(path);
   lodepng::State state;
   unsigned width = 0;
   unsigned height = 0;
   unsigned code = lodepng_inspect(&width, &height, &state, bytes.data(), bytes.size());
   if (code != 0) {
-    throw Error(std::string("PNG: ") + lodepng_error_text(code));
+    throw_decode_error(path, code);
   }
   const LodePNGColorType stored = state.info_png.color.colortype;
   const unsigned depth = state.info_png.color.bitdepth;
@@ -313,14 +362,11 @@ TexelImage readPng(const std::filesystem::path& path) {
     default:
       throw Error("PNG: unsupported colour type");
   }
-  if (width > static_cast<unsigned>(INT_MAX) || height > static_cast<unsigned>(INT_MAX) ||
-      std::uint64_t{width} * height > (std::uint64_t{1} << 40)) {
-    throw Error("PNG: the image size is out of range");
-  }
+  check_png_size(path, width, height, state.info_png.color, bytes.size());
   std::vector<unsigned char> decoded;
   code = lodepng::decode(decoded, width, height, state, bytes.data(), bytes.size());
   if (code != 0) {
-    throw Error(std::string("PNG: ") + lodepng_error_text(code));
+    throw_decode_error(path, code);
   }
   bytes = std::vector<unsigned char>();
 
@@ -357,6 +403,18 @@ TexelImage readPng(const std::filesystem::path& path) {
   }
   image.data = std::move(decoded);
   return image;
+}
+
+}  // namespace
+
+TexelImage readPng(const std::filesystem::path& path) {
+  try {
+    return read_png(path);
+  } catch (const std::bad_alloc&) {
+    throw png_out_of_memory(path);
+  } catch (const std::length_error&) {
+    throw png_out_of_memory(path);
+  }
 }
 
 }  // namespace kv

@@ -335,8 +335,11 @@ CachedMeshLoad load_mesh_cached(const std::filesystem::path& source, const MeshR
     key = make_mesh_cache_key(source, options.quads);
   }
   if (key) {
-    if (std::optional<Mesh> hit =
-            mesh_cache_lookup(cache.folder, *key, options.threads, &load.stats)) {
+    // The cached copy stands in for the source, so the source is named.
+    std::optional<Mesh> hit = naming_memory_failures(source, [&] {
+      return mesh_cache_lookup(cache.folder, *key, options.threads, &load.stats);
+    });
+    if (hit) {
       load.mesh = std::move(*hit);
       return load;
     }

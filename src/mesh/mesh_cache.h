@@ -114,7 +114,8 @@ struct CachedMeshLoad {
 // mesh and counters; otherwise read the source with read_mesh and, when there
 // was a key, store it (a failed store adds a warning and never fails the
 // load). The warning about polygons that could not be triangulated exactly
-// comes only from a fresh read, never from a hit.
+// comes only from a fresh read, never from a hit. Running out of memory, on a
+// hit or a read, is kv::OutOfMemory naming the source.
 CachedMeshLoad load_mesh_cached(const std::filesystem::path& source, const MeshReadOptions& options,
                                 const MeshCacheSettings& cache);
 

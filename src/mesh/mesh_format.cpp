@@ -70,8 +70,10 @@ MeshFormat sniff_mesh_format(const std::filesystem::path& path) {
   return MeshFormat::Obj;
 }
 
-Mesh read_mesh(const std::filesystem::path& path, const MeshReadOptions& options,
-               MeshStats* stats) {
+namespace {
+
+Mesh read_by_format(const std::filesystem::path& path, const MeshReadOptions& options,
+                    MeshStats* stats) {
   switch (sniff_mesh_format(path)) {
     case MeshFormat::Kvm:
       if (stats != nullptr) {
@@ -90,6 +92,17 @@ Mesh read_mesh(const std::filesystem::path& path, const MeshReadOptions& options
     *stats = result.stats;
   }
   return std::move(result.mesh);
+}
+
+}  // namespace
+
+Mesh read_mesh(const std::filesystem::path& path, const MeshReadOptions& options,
+               MeshStats* stats) {
+  return naming_memory_failures(path, [&] { return read_by_format(path, options, stats); });
+}
+
+OutOfMemory mesh_out_of_memory(const std::filesystem::path& path) {
+  return OutOfMemory(path.string() + ": out of memory while reading the mesh");
 }
 
 std::string inexact_polygons_warning(std::uint64_t count, const std::filesystem::path& path) {

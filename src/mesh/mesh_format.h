@@ -4,11 +4,14 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <new>
+#include <stdexcept>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
+#include "core/error.h"
 #include "mesh/mesh.h"
 #include "mesh/obj_reader.h"
 
@@ -24,9 +27,26 @@ MeshFormat sniff_mesh_format(const std::filesystem::path& path);
 
 // Sniffs the format and reads the file with the matching reader. `stats`,
 // when given, receives the reader's counters (all 0 for .kvm). Throws the
-// reader's kv::Error.
+// reader's kv::Error, or kv::OutOfMemory naming the file.
 Mesh read_mesh(const std::filesystem::path& path, const MeshReadOptions& options,
                MeshStats* stats = nullptr);
+
+// "<path>: out of memory while reading the mesh".
+OutOfMemory mesh_out_of_memory(const std::filesystem::path& path);
+
+// Runs `read`, a read of the mesh file at `path`, with an allocation that
+// cannot be made (std::bad_alloc, or std::length_error from a container asked
+// for an impossible size) turned into kv::OutOfMemory naming the file.
+template <typename Read>
+auto naming_memory_failures(const std::filesystem::path& path, Read&& read) -> decltype(read()) {
+  try {
+    return read();
+  } catch (const std::bad_alloc&) {
+    throw mesh_out_of_memory(path);
+  } catch (const std::length_error&) {
+    throw mesh_out_of_memory(path);
+  }
+}
 
 // The warning line for polygons left as their fan after a read of `path`:
 // "korvane: warning: <count> faces of <path> could not be triangulated exactly\n".

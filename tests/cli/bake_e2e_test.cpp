@@ -12,7 +12,9 @@
 #include "core/json_line.h"
 #include "image/png.h"
 #include "mesh/kvm_file.h"
+#include "mesh/mesh_test_util.h"
 #include "mesh/obj_reader.h"
+#include "support/address_space_limit.h"
 #include "support/test_support.h"
 
 namespace kv {
@@ -181,6 +183,27 @@ TEST(BakeRun, FailuresExitWithOneAndNoSummary) {
   EXPECT_EQ(r.exit_code, 1);
   EXPECT_EQ(r.out, "");
   EXPECT_NE(r.err.find(p.high.string()), std::string::npos) << r.err;
+  EXPECT_FALSE(std::filesystem::exists(p.dir / "n.exr"));
+}
+
+TEST(BakeRun, RunningOutOfMemoryReadingAMeshNamesItAndExitsWithOne) {
+  // The high mesh announces more positions than the address space the run
+  // inherits can map; the low one reads first and is fine.
+  Planes p;
+  const auto huge = p.dir / "huge.kvm";
+  test::write_oversized_kvm(huge);
+  std::vector<std::string> args = p.args("n.exr", 8);
+  ASSERT_EQ(args[2], "--high");
+  args[3] = huge.string();
+  platform::ProcessResult r;
+  {
+    const test::AddressSpaceLimit limit(std::uint64_t{2} << 30);
+    ASSERT_TRUE(limit.applied());
+    r = run_korvane(args);
+  }
+  EXPECT_EQ(
+      std::tuple(r.exit_code, r.err),
+      std::tuple(1, "korvane: " + huge.string() + ": out of memory while reading the mesh\n"));
   EXPECT_FALSE(std::filesystem::exists(p.dir / "n.exr"));
 }
 

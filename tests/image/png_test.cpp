@@ -10,6 +10,8 @@
 #include "image/png.h"
 #include "image/temp_file.h"
 #include "image_test_util.h"
+#include "support/address_space_limit.h"
+#include "support/message_of.h"
 #include "support/test_support.h"
 
 namespace kv {
@@ -218,6 +220,92 @@ TEST(PngReader, ReadsEveryStoredKindAndNamesFailures) {
     EXPECT_NE(code, 0u);
     EXPECT_EQ(error_of([&] { readPng(in); }), "PNG: "s + lodepng_error_text(code));
   }
+}
+
+// A copy of the PNG with another IHDR (size, bit depth and colour type) and
+// that chunk's CRC made to match, so only the header's claim is wrong.
+std::vector<unsigned char> with_header(std::vector<unsigned char> png, unsigned width,
+                                       unsigned height, unsigned depth, LodePNGColorType colour) {
+  unsigned char* ihdr = png.data() + 8;  // after the signature: length, "IHDR", data, CRC
+  for (int i = 0; i < 4; ++i) {
+    ihdr[8 + i] = static_cast<unsigned char>(width >> (24 - 8 * i));
+    ihdr[12 + i] = static_cast<unsigned char>(height >> (24 - 8 * i));
+  }
+  ihdr[16] = static_cast<unsigned char>(depth);
+  ihdr[17] = static_cast<unsigned char>(colour);
+  lodepng_chunk_generate_crc(ihdr);
+  return png;
+}
+
+TEST(PngReader, HeadersBeyondTheLimitsAreRefusedBeforeDecoding) {
+  test::ScratchDir dir;
+  const fs::path in = dir / "in.png";
+  const std::vector<unsigned char> base = encodePng({2, 2, 1, ComponentType::kU8, {0, 1, 2, 3}});
+  const unsigned bytes = static_cast<unsigned>(base.size());
+  const auto write = [&](const std::vector<unsigned char>& png) {
+    test::write_text_file(in, std::string(png.begin(), png.end()));
+  };
+  // Wider or taller than the largest map, up to the most a header can say.
+  for (const auto& [width, height] : {std::pair{16385u, 1u}, {1u, 16385u}, {~0u >> 1, ~0u >> 1}}) {
+    write(with_header(base, width, height, 8, LCT_GREY));
+    EXPECT_EQ(error_of([&] { readPng(in); }),
+              in.string() + ": PNG: the image is " + std::to_string(width) + " x " +
+                  std::to_string(height) + " texels, more than 16384 on a side");
+  }
+  // A bomb's header: the largest map in 16-bit RGBA, 2 GiB of samples, over
+  // a few dozen bytes of data.
+  write(with_header(base, 16384, 16384, 16, LCT_RGBA));
+  const std::string file_of = in.string() + ": PNG: a file of " + std::to_string(bytes) + " bytes";
+  EXPECT_EQ(error_of([&] { readPng(in); }),
+            file_of + " cannot hold 16384 x 16384 texels of 64 bits");
+
+  // Up to 1032 bytes of stored samples per byte of file, at any bits per
+  // texel: that many go on to the decoder (which finds the data short), one
+  // row more is refused.
+  for (const auto& [depth, colour, bits] :
+       {std::tuple{1u, LCT_GREY, 1u}, {8u, LCT_GREY, 8u}, {16u, LCT_RGBA, 64u}}) {
+    const unsigned width = 1032 * 8 / bits;
+    const std::vector<unsigned char> at_limit = with_header(base, width, bytes, depth, colour);
+    write(at_limit);
+    std::vector<unsigned char> out;
+    unsigned w = 0, h = 0;
+    const unsigned code = lodepng::decode(out, w, h, at_limit);
+    EXPECT_NE(code, 0u);
+    EXPECT_EQ(error_of([&] { readPng(in); }), "PNG: "s + lodepng_error_text(code));
+    write(with_header(base, width, bytes + 1, depth, colour));
+    EXPECT_EQ(error_of([&] { readPng(in); }), file_of + " cannot hold " + std::to_string(width) +
+                                                  " x " + std::to_string(bytes + 1) +
+                                                  " texels of " + std::to_string(bits) +
+                                                  (bits == 1 ? " bit" : " bits"));
+  }
+
+  // The widest and the tallest map read back whole.
+  const std::vector<std::uint16_t> codes = random_codes(16384 * 2, 11);
+  for (const auto& [width, height] : {std::pair{16384, 1}, {1, 16384}}) {
+    writePngCodes(in, width, height, 2, codes);
+    const TexelImage image = readPng(in);
+    EXPECT_EQ(std::tuple(image.width, image.height, image.channels, image.data),
+              std::tuple(width, height, 2, u16_image(width, height, 2, codes).data));
+  }
+}
+
+TEST(PngReader, RunningOutOfMemoryNamesTheFile) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "the sanitizer's allocator ends the process instead of failing the allocation";
+#endif
+  // A flat 4096 x 4096 map: a small file whose samples take 32 MiB.
+  test::ScratchDir dir;
+  const fs::path in = dir / "flat.png";
+  const std::vector<std::uint16_t> flat(4096 * 4096, 7);
+  writePngCodes(in, 4096, 4096, 1, flat);
+  {
+    const test::AddressSpaceLimit limit(std::uint64_t{8} << 20);
+    ASSERT_TRUE(limit.applied());
+    EXPECT_EQ(test::message_of<OutOfMemory>([&] { readPng(in); }),
+              in.string() + ": PNG: out of memory while reading the image");
+  }
+  // With the memory back, the same file reads.
+  EXPECT_TRUE(readPng(in).data == u16_image(4096, 4096, 1, flat).data);
 }
 
 }  // namespace

@@ -1,12 +1,9 @@
 #include "mesh/mesh_cache.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <new>
 #include <set>
 #include <string>
@@ -16,6 +13,8 @@
 #include "mesh/kvm_file.h"
 #include "mesh/mesh_test_util.h"
 #include "platform/platform.h"
+#include "support/address_space_limit.h"
+#include "support/message_of.h"
 #include "support/test_support.h"
 
 namespace kv {
@@ -252,59 +251,17 @@ TEST(MeshCacheStore, DamagedEntriesAreMissesAndTheNextStoreReplacesBothFiles) {
   EXPECT_EQ(names_in(dir.path()), entry_names(dir.path(), key));
 }
 
-// Lowers the process's address-space limit to what it maps now plus
-// `headroom` bytes; the old limit comes back on destruction.
-class AddressSpaceLimit {
- public:
-  explicit AddressSpaceLimit(std::uint64_t headroom) {
-    saved_ok_ = getrlimit(RLIMIT_AS, &saved_) == 0;
-    std::uint64_t pages = 0;
-    std::ifstream("/proc/self/statm") >> pages;
-    rlimit lowered = saved_;
-    lowered.rlim_cur = pages * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE)) + headroom;
-    applied_ = saved_ok_ && pages > 0 && lowered.rlim_cur < saved_.rlim_cur &&
-               setrlimit(RLIMIT_AS, &lowered) == 0;
-  }
-  ~AddressSpaceLimit() {
-    if (applied_) {
-      setrlimit(RLIMIT_AS, &saved_);
-    }
-  }
-  AddressSpaceLimit(const AddressSpaceLimit&) = delete;
-  AddressSpaceLimit& operator=(const AddressSpaceLimit&) = delete;
-  bool applied() const { return applied_; }
-
- private:
-  rlimit saved_{};
-  bool saved_ok_ = false;
-  bool applied_ = false;
-};
-
 TEST(MeshCacheStore, RunningOutOfMemoryReadingAnEntryIsNoMiss) {
-  // An intact entry of a mesh too large for the memory left: its header
-  // announces the most positions a .kvm may hold (24 GiB of them), and the
-  // .kvc is a sparse file of the length that header implies.
+  // An intact entry of a mesh too large for the memory left.
   ScratchDir dir;
   const std::string key = key_for("/huge.obj");
-  const std::uint64_t positions = 2147483647;
-  std::string header(kKvmHeaderBytes, '\0');
-  const std::uint32_t version = 1, flags = kKvmUvDouble | kKvmNormalsAsIs;
-  // Positions, UVs, normals, triangles and objects, as the header orders them.
-  const std::uint64_t counts[5] = {positions, 0, 0, 1, 1};
-  std::memcpy(header.data(), kKvmMagic, sizeof kKvmMagic);
-  std::memcpy(header.data() + 8, &version, 4);
-  std::memcpy(header.data() + 12, &flags, 4);
-  std::memcpy(header.data() + 16, counts, sizeof counts);
-  const auto kvc_path = mesh_cache_kvc_path(dir.path(), key);
-  write_text_file(kvc_path, header);
-  // The header, the positions, one triangle and one object name's length.
-  const std::uint64_t kvc_size = kKvmHeaderBytes + 12 * positions + 40 + 4;
-  fs::resize_file(kvc_path, kvc_size);
+  const std::uint64_t positions = test::kMostKvmPositions;
+  const std::uint64_t kvc_size = test::write_oversized_kvm(mesh_cache_kvc_path(dir.path(), key));
   write_text_file(mesh_cache_key_path(dir.path(), key),
                   mesh_cache_key_file_text(key, MeshStats{}, kvc_size));
 
   // With 1 GiB of address space to spare, the positions cannot be mapped.
-  const AddressSpaceLimit limit(std::uint64_t{1} << 30);
+  const test::AddressSpaceLimit limit(std::uint64_t{1} << 30);
   ASSERT_TRUE(limit.applied());
   ASSERT_THROW(LargeBuffer(12 * positions), std::bad_alloc);
   // The failed allocation reaches the caller instead of reading as a miss.
@@ -557,6 +514,29 @@ TEST(MeshCacheLoad, BypassesFailedStoresAndReaderErrors) {
   EXPECT_EQ(got.triangles.size(), 1u);
   cache.store_warning = kMeshCacheServiceWarning;
   EXPECT_EQ(captured_load(dir / "low.obj", {}, cache, &got, &stats), "korvane serve: " + why);
+}
+
+TEST(MeshCacheLoad, RunningOutOfMemoryOnAHitNamesTheSource) {
+  // The entry of a real source holds a mesh too large for the memory left.
+  ScratchDir dir;
+  const auto obj = dir / "huge.obj";
+  write_text_file(obj, kTriangle);
+  MeshCacheSettings cache;
+  cache.folder = dir / "cache";
+  fs::create_directory(cache.folder);
+  const std::string key = *key_of(obj);
+  const auto kvc_path = mesh_cache_kvc_path(cache.folder, key);
+  const std::uint64_t kvc_size = test::write_oversized_kvm(kvc_path);
+  write_text_file(mesh_cache_key_path(cache.folder, key),
+                  mesh_cache_key_file_text(key, MeshStats{}, kvc_size));
+  {
+    const test::AddressSpaceLimit limit(std::uint64_t{1} << 30);
+    ASSERT_TRUE(limit.applied());
+    EXPECT_EQ(test::message_of<OutOfMemory>([&] { load_mesh_cached(obj, {}, cache); }),
+              obj.string() + ": out of memory while reading the mesh");
+  }
+  // Not taken for a miss: the source was not read and stored over the entry.
+  EXPECT_EQ(fs::file_size(kvc_path), kvc_size);
 }
 
 }  // namespace

@@ -2,12 +2,17 @@
 
 #include <gtest/gtest.h>
 
+#include <new>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "mesh/fbx_test_scene.h"
 #include "mesh/gltf_test_builder.h"
 #include "mesh/kvm_file.h"
 #include "mesh/mesh_test_util.h"
+#include "support/address_space_limit.h"
+#include "support/message_of.h"
 #include "support/test_support.h"
 
 namespace kv {
@@ -202,6 +207,32 @@ TEST(MeshFormat, WarningLineAndUniqueNames) {
   EXPECT_EQ(names.make_unique("a"), "a.3");
   EXPECT_EQ(names.make_unique(""), "");
   EXPECT_EQ(names.make_unique(""), ".1");
+}
+
+TEST(ReadMesh, RunningOutOfMemoryNamesTheFile) {
+  ScratchDir dir;
+  const auto path = dir / "huge.obj";  // the .kvm content decides the reader
+  test::write_oversized_kvm(path);
+  {
+    // With 1 GiB of address space to spare, the positions cannot be mapped.
+    const test::AddressSpaceLimit limit(std::uint64_t{1} << 30);
+    ASSERT_TRUE(limit.applied());
+    EXPECT_EQ(test::message_of<OutOfMemory>([&] { read_mesh(path, {}); }),
+              path.string() + ": out of memory while reading the mesh");
+  }
+
+  // A container asked for an impossible size is the same shortage; the
+  // reader's own errors, its own OutOfMemory included, keep their messages.
+  const std::string named = path.string() + ": out of memory while reading the mesh";
+  const auto through = [&](auto fail) {
+    return test::message_of<OutOfMemory>([&] { naming_memory_failures(path, fail); });
+  };
+  EXPECT_EQ(through([] { std::vector<double>().reserve(std::vector<double>().max_size() + 1); }),
+            named);
+  EXPECT_EQ(through([] { throw OutOfMemory("out of memory for the scene"); }),
+            "out of memory for the scene");
+  // A plain Error stays one.
+  EXPECT_EQ(through([] { throw Error("mesh has no faces"); }), "wrong type: mesh has no faces");
 }
 
 }  // namespace

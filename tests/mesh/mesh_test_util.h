@@ -4,14 +4,40 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "core/error.h"
+#include "mesh/kvm_file.h"
 #include "mesh/mesh.h"
+#include "support/test_support.h"
 
 namespace kv::test {
+
+// The most positions a .kvm file may hold.
+inline constexpr std::uint64_t kMostKvmPositions = 2147483647;
+
+// An intact .kvm file of a mesh too large for memory: its header announces
+// the most positions a .kvm may hold (24 GiB of them), and the file is a
+// sparse one of the length that header implies. Returns that length.
+inline std::uint64_t write_oversized_kvm(const std::filesystem::path& path) {
+  std::string header(kKvmHeaderBytes, '\0');
+  const std::uint32_t version = 1, flags = kKvmUvDouble | kKvmNormalsAsIs;
+  // Positions, UVs, normals, triangles and objects, as the header orders them.
+  const std::uint64_t counts[5] = {kMostKvmPositions, 0, 0, 1, 1};
+  std::memcpy(header.data(), kKvmMagic, sizeof kKvmMagic);
+  std::memcpy(header.data() + 8, &version, 4);
+  std::memcpy(header.data() + 12, &flags, 4);
+  std::memcpy(header.data() + 16, counts, sizeof counts);
+  write_text_file(path, header);
+  // The header, the positions, one triangle and one object name's length.
+  const std::uint64_t size = kKvmHeaderBytes + 12 * kMostKvmPositions + 40 + 4;
+  std::filesystem::resize_file(path, size);
+  return size;
+}
 
 // UVs float32 cannot hold, normals that are not unit length, corners without
 // UV or normal, objects in blocks.
