@@ -30,7 +30,8 @@ void restore_obj_materials(LoadedMesh& low, const NormalBakeSettings& settings) 
       sniff_mesh_format(settings.low) != MeshFormat::Obj) {
     return;
   }
-  ObjReadResult fresh = read_obj(settings.low, read_options(settings));
+  ObjReadResult fresh = naming_memory_failures(
+      settings.low, [&] { return read_obj(settings.low, read_options(settings)); });
   if (fresh.mesh.triangles.size() == low.mesh.triangles.size()) {
     low.mesh.materials = std::move(fresh.mesh.materials);
     low.mesh.triangle_materials = std::move(fresh.mesh.triangle_materials);
