@@ -7,7 +7,6 @@
 #include "core/error.h"
 #include "core/parallel.h"
 #include "core/stopwatch.h"
-#include "platform/platform.h"
 #include "sampling/ray_setup.h"
 #include "texel/low_prep.h"
 #include "trace/cpu_tracer.h"

@@ -3,11 +3,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <utility>
 
-#include "core/error.h"
 #include "core/prefetch.h"
-#include "core/stopwatch.h"
 #include "image/unorm16.h"
 #include "sampling/ray_setup.h"
 
