@@ -166,6 +166,40 @@ class MappedFile {
   std::size_t size_ = 0;
 };
 
+// ---- named shared-memory sections ------------------------------------------
+
+// A named shared-memory section that a client created, mapped into this
+// process. Clients (painting applications, Python's
+// multiprocessing.shared_memory) create the section; we only open it.
+class SharedSection {
+ public:
+  SharedSection() = default;
+  ~SharedSection();
+  SharedSection(SharedSection&& other) noexcept;
+  SharedSection& operator=(SharedSection&& other) noexcept;
+  SharedSection(const SharedSection&) = delete;
+  SharedSection& operator=(const SharedSection&) = delete;
+
+  // Opens the section by its name (without a leading slash) and maps its
+  // first `size` bytes, writable or read-only. nullopt with *error set when
+  // it cannot be opened or mapped, ERANGE when it holds fewer than `size`
+  // bytes; *section_bytes receives its real size whenever it was opened.
+  static std::optional<SharedSection> open(const std::string& name, std::uint64_t size,
+                                           bool writable, int* error, std::uint64_t* section_bytes);
+  unsigned char* data() const { return data_; }
+  std::size_t size() const { return size_; }
+
+ private:
+  unsigned char* data_ = nullptr;
+  std::size_t size_ = 0;
+};
+
+// Creates a section of `size` bytes (filled with zeros) for tests and tools
+// that play the client; false with *error set. The name must not exist yet.
+bool create_shared_section(const std::string& name, std::uint64_t size, int* error);
+// Removes a section's name; mappings stay valid until unmapped.
+void remove_shared_section(const std::string& name);
+
 // ---- child processes (tests and tools) ------------------------------------
 
 struct ProcessResult {

@@ -475,6 +475,99 @@ MappedFile& MappedFile::operator=(MappedFile&& other) noexcept {
   return *this;
 }
 
+SharedSection::~SharedSection() {
+  if (data_ != nullptr) {
+    ::munmap(data_, size_);
+  }
+}
+
+SharedSection::SharedSection(SharedSection&& other) noexcept
+    : data_(other.data_), size_(other.size_) {
+  other.data_ = nullptr;
+  other.size_ = 0;
+}
+
+SharedSection& SharedSection::operator=(SharedSection&& other) noexcept {
+  if (this != &other) {
+    if (data_ != nullptr) {
+      ::munmap(data_, size_);
+    }
+    data_ = other.data_;
+    size_ = other.size_;
+    other.data_ = nullptr;
+    other.size_ = 0;
+  }
+  return *this;
+}
+
+namespace {
+
+// POSIX names a section with one leading slash and no other.
+std::string section_path(const std::string& name) {
+  return "/" + name;
+}
+
+}  // namespace
+
+std::optional<SharedSection> SharedSection::open(const std::string& name, std::uint64_t size,
+                                                 bool writable, int* error,
+                                                 std::uint64_t* section_bytes) {
+  const int fd =
+      ::shm_open(section_path(name).c_str(), (writable ? O_RDWR : O_RDONLY) | O_CLOEXEC, 0);
+  if (fd < 0) {
+    *error = errno;
+    return std::nullopt;
+  }
+  struct stat st {};
+  if (::fstat(fd, &st) != 0) {
+    *error = errno;
+    ::close(fd);
+    return std::nullopt;
+  }
+  *section_bytes = static_cast<std::uint64_t>(st.st_size);
+  if (*section_bytes < size || size > SIZE_MAX) {
+    *error = ERANGE;
+    ::close(fd);
+    return std::nullopt;
+  }
+  SharedSection section;
+  if (size == 0) {
+    ::close(fd);
+    return section;
+  }
+  void* data = ::mmap(nullptr, static_cast<std::size_t>(size),
+                      writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
+  const int map_error = errno;
+  ::close(fd);
+  if (data == MAP_FAILED) {
+    *error = map_error;
+    return std::nullopt;
+  }
+  section.data_ = static_cast<unsigned char*>(data);
+  section.size_ = static_cast<std::size_t>(size);
+  return section;
+}
+
+bool create_shared_section(const std::string& name, std::uint64_t size, int* error) {
+  const int fd =
+      ::shm_open(section_path(name).c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    *error = errno;
+    return false;
+  }
+  const bool sized = ::ftruncate(fd, static_cast<off_t>(size)) == 0;
+  *error = sized ? 0 : errno;
+  ::close(fd);
+  if (!sized) {
+    ::shm_unlink(section_path(name).c_str());
+  }
+  return sized;
+}
+
+void remove_shared_section(const std::string& name) {
+  ::shm_unlink(section_path(name).c_str());
+}
+
 std::optional<MappedFile> MappedFile::open(const std::filesystem::path& path, int* error) {
   File file = File::open_read(path, error);
   if (!file.is_open()) {
