@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -32,6 +33,12 @@
 #endif
 #if defined(KV_ADDRESS_SANITIZER)
 #include <sanitizer/asan_interface.h>
+// The allocator's hooks, which not every compiler's headers declare.
+extern "C" {
+int __sanitizer_install_malloc_and_free_hooks(void (*on_malloc)(const volatile void*, std::size_t),
+                                              void (*on_free)(const volatile void*));
+std::size_t __sanitizer_get_allocated_size(const volatile void* p);
+}
 #endif
 
 extern char** environ;
@@ -746,6 +753,7 @@ ProcessResult run_process(const std::vector<std::string>& argv, std::string_view
 
 namespace {
 
+#if !defined(KV_ADDRESS_SANITIZER)
 // The address space this process maps now, from /proc/self/statm; 0 when
 // unknown. Plain system calls: this runs in a freshly forked child.
 std::uint64_t mapped_bytes() {
@@ -762,6 +770,7 @@ std::uint64_t mapped_bytes() {
   const std::uint64_t pages = std::strtoull(text, nullptr, 10);
   return pages * static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
 }
+#endif
 
 // Lowers the soft limit of a resource to `value` (never above the hard one).
 void lower_limit(int resource, std::uint64_t value) {
@@ -780,9 +789,28 @@ void lower_limit(int resource, std::uint64_t value) {
 }
 
 #if defined(KV_ADDRESS_SANITIZER)
-// Under AddressSanitizer a failed allocation does not throw: the sanitizer
-// reports it and ends the process. Its report is recognised here and ends the
-// child the way a std::bad_alloc would.
+// Under AddressSanitizer the address space is no measure: the sanitizer
+// reserves terabytes of shadow, maps most blocks inside ranges it reserved
+// at start, and needs memory of its own to report a failure. The child's
+// heap is counted through the allocator's hooks instead: bytes allocated less
+// bytes freed since the fork, ending the child once they pass the limit.
+std::atomic<std::int64_t> g_heap_bytes{0};
+std::int64_t g_heap_limit = 0;
+
+void count_allocation(const volatile void*, std::size_t size) {
+  if (g_heap_bytes.fetch_add(static_cast<std::int64_t>(size)) + static_cast<std::int64_t>(size) >
+      g_heap_limit) {
+    ::_exit(kChildOutOfMemoryExit);
+  }
+}
+
+void count_release(const volatile void* block) {
+  g_heap_bytes.fetch_sub(static_cast<std::int64_t>(__sanitizer_get_allocated_size(block)));
+}
+
+// A failed allocation does not throw there either: the sanitizer reports it
+// and ends the process. Its report is recognised and ends the child the way
+// a std::bad_alloc would.
 void exit_on_allocation_report(const char* report) {
   for (const char* kind : {"out of memory", "allocation-size-too-big", "calloc-overflow",
                            "malloc-limit", "rss-limit"}) {
@@ -807,15 +835,20 @@ void exit_on_allocation_report(const char* report) {
   if (limits.stack_bytes != 0) {
     lower_limit(RLIMIT_STACK, limits.stack_bytes);
   }
-  // The limit counts what the copy of the parent already maps (under
-  // AddressSanitizer, terabytes of reserved shadow) plus the headroom, so it
-  // bounds what the child maps itself in either build.
+#if defined(KV_ADDRESS_SANITIZER)
+  if (limits.memory_bytes != 0) {
+    g_heap_limit =
+        static_cast<std::int64_t>(std::min<std::uint64_t>(limits.memory_bytes, INT64_MAX));
+    __sanitizer_install_malloc_and_free_hooks(&count_allocation, &count_release);
+  }
+  __asan_set_error_report_callback(&exit_on_allocation_report);
+#else
+  // What the copy of the parent maps already, plus the headroom: the limit
+  // bounds what the child maps itself.
   const std::uint64_t mapped = mapped_bytes();
   if (limits.memory_bytes != 0 && mapped != 0) {
     lower_limit(RLIMIT_AS, mapped + limits.memory_bytes);
   }
-#if defined(KV_ADDRESS_SANITIZER)
-  __asan_set_error_report_callback(&exit_on_allocation_report);
 #endif
   int code = kChildUncaughtExit;
   try {
