@@ -872,7 +872,9 @@ bool wait_for_end(int process_fd, std::int64_t timeout_ms) {
     if (n > 0) {
       return true;
     }
-    if ((n == 0 || errno != EINTR) && left <= 0) {
+    // A wait that cannot be made ends like one that ran out: the child is
+    // killed rather than waited for without a bound.
+    if ((n < 0 && errno != EINTR) || (n == 0 && left <= 0)) {
       return false;
     }
   }
