@@ -80,8 +80,12 @@ class ProcessSource final : public ArraySource {
     scratch.resize(bytes);
     const int error = platform::read_process_memory(pid_, at, scratch.data(), bytes);
     if (error != 0) {
+      // A system that restricts reading another process's memory lets the
+      // client allow it (prctl PR_SET_PTRACER on Linux).
+      const char* hint =
+          error == EPERM ? " (the client must allow this process to read its memory)" : "";
       throw Error(prefix() + "cannot read " + std::to_string(bytes) + " bytes at address " +
-                  hex(at) + ": " + platform::system_error_text(error));
+                  hex(at) + ": " + platform::system_error_text(error) + hint);
     }
     return scratch.data();
   }

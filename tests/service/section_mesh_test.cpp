@@ -396,6 +396,9 @@ TEST(SectionMesh, SectionAndProcessFailures) {
   EXPECT_EQ(kv::test::error_of(
                 [&] { read_process_mesh(kv::platform::process_id(), unmapped, nullptr, 1); }),
             "process " + pid + ": cannot read 48 bytes at address 0x1000: Bad address");
+  // A process that does not exist (above any pid the system hands out).
+  EXPECT_EQ(kv::test::error_of([&] { read_process_mesh(2147483647, unmapped, nullptr, 1); }),
+            "process 2147483647: cannot read 48 bytes at address 0x1000: No such process");
 }
 
 TEST(SectionMesh, ASetCancelFlagStopsTheRead) {
