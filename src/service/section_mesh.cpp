@@ -226,18 +226,15 @@ class MeshBuilder {
   }
 
   // The arrays' pages are mapped on the pool's threads first, as the OBJ
-  // reader does, then the arrays are sized side by side.
+  // reader does, then the arrays are sized side by side. An allocation that
+  // fails becomes OutOfMemory in build_mesh.
   void allocate(Mesh& mesh, const Totals& totals) const {
-    try {
-      prefault_arrays(
-          {reserve_array(mesh.triangles, totals.triangles),
-           reserve_array(mesh.positions, totals.positions),
-           reserve_array(mesh.normals, totals.normals), reserve_array(mesh.uvs, totals.uvs),
-           reserve_array(mesh.triangle_materials, totals.triangles)},
-          pool_);
-    } catch (const std::bad_alloc&) {
-      throw OutOfMemory(source_.prefix() + "out of memory while reading the mesh");
-    }
+    prefault_arrays(
+        {reserve_array(mesh.triangles, totals.triangles),
+         reserve_array(mesh.positions, totals.positions),
+         reserve_array(mesh.normals, totals.normals), reserve_array(mesh.uvs, totals.uvs),
+         reserve_array(mesh.triangle_materials, totals.triangles)},
+        pool_);
     pool_.for_chunks(5, 1, [&](std::uint64_t array, std::uint64_t, std::uint64_t) {
       switch (array) {
         case 0:
