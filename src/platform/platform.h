@@ -207,6 +207,14 @@ bool create_shared_section(const std::string& name, std::uint64_t size, int* err
 // Removes a section's name; mappings stay valid until unmapped.
 void remove_shared_section(const std::string& name);
 
+// ---- another process's memory ----------------------------------------------
+
+// Copies `bytes` bytes at `address` in process `pid` into `out`; 0 or the
+// error number (EFAULT for an address range that is not mapped there,
+// ESRCH when the process is gone, EPERM when we may not read it). Callers
+// read in bounded chunks so that a cancel is seen between them.
+int read_process_memory(std::uint32_t pid, std::uint64_t address, void* out, std::size_t bytes);
+
 // ---- child processes (tests and tools) ------------------------------------
 
 struct ProcessResult {

@@ -8,6 +8,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -597,6 +598,30 @@ bool create_shared_section(const std::string& name, std::uint64_t size, int* err
 
 void remove_shared_section(const std::string& name) {
   ::shm_unlink(section_path(name).c_str());
+}
+
+int read_process_memory(std::uint32_t pid, std::uint64_t address, void* out, std::size_t bytes) {
+  auto* target = static_cast<unsigned char*>(out);
+  while (bytes > 0) {
+    iovec local{target, bytes};
+    iovec remote{reinterpret_cast<void*>(static_cast<std::uintptr_t>(address)), bytes};
+    const ssize_t got = ::process_vm_readv(static_cast<pid_t>(pid), &local, 1, &remote, 1, 0);
+    if (got < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      return errno;
+    }
+    // A short read stops at the first page that is not mapped; the next
+    // call then reports why.
+    if (got == 0) {
+      return EFAULT;
+    }
+    target += got;
+    address += static_cast<std::uint64_t>(got);
+    bytes -= static_cast<std::size_t>(got);
+  }
+  return 0;
 }
 
 std::optional<MappedFile> MappedFile::open(const std::filesystem::path& path, int* error) {
