@@ -1,0 +1,172 @@
+#include "transfer/texture_sampler.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "image/half.h"
+
+namespace kv::transfer {
+namespace {
+
+constexpr std::int32_t kFirstTile = 1001;
+constexpr std::int32_t kTileCount = 999;
+// Beyond this a UV cannot name a texel of any texture; such values are taken
+// as no value rather than overflow an index.
+constexpr double kLargestUv = 1e9;
+
+// The texel coordinate x (texel units, any real) of an axis of n texels as
+// an index under the address mode; repeat has already wrapped the UV.
+std::int64_t address_index(std::int64_t i, std::int64_t n, AddressMode mode) {
+  if (mode == AddressMode::repeat) {
+    const std::int64_t r = i % n;
+    return r < 0 ? r + n : r;
+  }
+  return std::clamp<std::int64_t>(i, 0, n - 1);
+}
+
+void read_texel(const TexelImage& image, std::int64_t texel, TexelSample& out) {
+  const auto first = static_cast<std::size_t>(texel) * static_cast<std::size_t>(image.channels);
+  for (int c = 0; c < image.channels; ++c) {
+    out.values[static_cast<std::size_t>(c)] = component_value(image, first + c);
+  }
+  out.image = &image;
+  out.texel = texel;
+}
+
+void sample_nearest(const TexelImage& image, double u, double v, AddressMode mode,
+                    TexelSample& out) {
+  const std::int64_t w = image.width;
+  const std::int64_t h = image.height;
+  const auto x = static_cast<std::int64_t>(std::floor(u * static_cast<double>(w)));
+  const auto y = static_cast<std::int64_t>(std::floor((1.0 - v) * static_cast<double>(h)));
+  // u - floor(u) may round up to 1: that texel is the last one, not the first.
+  const AddressMode edge = mode == AddressMode::repeat ? AddressMode::clamp : mode;
+  read_texel(image, address_index(y, h, edge) * w + address_index(x, w, edge), out);
+}
+
+void sample_bilinear(const TexelImage& image, double u, double v, const SamplerSettings& s,
+                     TexelSample& out) {
+  const std::int64_t w = image.width;
+  const std::int64_t h = image.height;
+  const double x = u * static_cast<double>(w) - 0.5;
+  const double y = (1.0 - v) * static_cast<double>(h) - 0.5;
+  const double x_floor = std::floor(x);
+  const double y_floor = std::floor(y);
+  const double fx = weight_fraction(x - x_floor, s.weights);
+  const double fy = weight_fraction(y - y_floor, s.weights);
+  const auto x0 = static_cast<std::int64_t>(x_floor);
+  const auto y0 = static_cast<std::int64_t>(y_floor);
+  const std::array<std::int64_t, 2> xs = {address_index(x0, w, s.address),
+                                          address_index(x0 + 1, w, s.address)};
+  const std::array<std::int64_t, 2> ys = {address_index(y0, h, s.address),
+                                          address_index(y0 + 1, h, s.address)};
+  const std::array<double, 4> weights = {(1.0 - fx) * (1.0 - fy), fx * (1.0 - fy), (1.0 - fx) * fy,
+                                         fx * fy};
+  // A weight of 1 is a texel read alone: its bytes, even NaN or infinity.
+  for (std::size_t k = 0; k < 4; ++k) {
+    if (weights[k] == 1.0) {
+      read_texel(image, ys[k / 2] * w + xs[k % 2], out);
+      return;
+    }
+  }
+  out.image = nullptr;
+  out.texel = -1;
+  out.values = {0.0, 0.0, 0.0, 0.0};
+  for (std::size_t k = 0; k < 4; ++k) {
+    if (weights[k] == 0.0) {
+      continue;  // 0 * infinity would spoil the neighbours' mean
+    }
+    const auto first = static_cast<std::size_t>(ys[k / 2] * w + xs[k % 2]) *
+                       static_cast<std::size_t>(image.channels);
+    for (int c = 0; c < image.channels; ++c) {
+      out.values[static_cast<std::size_t>(c)] += weights[k] * component_value(image, first + c);
+    }
+  }
+}
+
+}  // namespace
+
+void SourceTexture::add_tile(std::int32_t tile, const TexelImage* image) {
+  if (tiles_.empty()) {
+    tiles_.assign(kTileCount, nullptr);
+  }
+  tiles_[static_cast<std::size_t>(tile - kFirstTile)] = image;
+}
+
+const TexelImage& SourceTexture::image_for(double& u, double& v) const {
+  if (tiles_.empty()) {
+    return *image_;
+  }
+  const double column = std::floor(u);
+  const double row = std::floor(v);
+  if (column < 0.0 || column > 9.0 || row < 0.0 || row > 99.0) {
+    return *image_;
+  }
+  const auto index = static_cast<std::size_t>(row * 10.0 + column);
+  if (index >= tiles_.size() || tiles_[index] == nullptr) {
+    return *image_;
+  }
+  u -= column;
+  v -= row;
+  return *tiles_[index];
+}
+
+double weight_fraction(double f, BilinearWeights weights) {
+  if (weights == BilinearWeights::gpu8) {
+    return std::nearbyint(f * 256.0) / 256.0;  // the default rounding: half to even
+  }
+  constexpr double kWhole = 1e-9;
+  if (f <= kWhole) {
+    return 0.0;
+  }
+  return f >= 1.0 - kWhole ? 1.0 : f;
+}
+
+double component_value(const TexelImage& image, std::size_t index) {
+  const std::uint8_t* data = image.data.data();
+  switch (image.type) {
+    case ComponentType::kU8:
+      return static_cast<double>(data[index]);
+    case ComponentType::kU16: {
+      std::uint16_t value = 0;
+      std::memcpy(&value, data + index * 2, 2);
+      return static_cast<double>(value);
+    }
+    case ComponentType::kF16: {
+      std::uint16_t bits = 0;
+      std::memcpy(&bits, data + index * 2, 2);
+      return half_bits_to_double(bits);
+    }
+    case ComponentType::kF32: {
+      float value = 0.0f;
+      std::memcpy(&value, data + index * 4, 4);
+      return static_cast<double>(value);
+    }
+  }
+  return 0.0;
+}
+
+bool sample_texture(const SourceTexture& source, double u, double v,
+                    const SamplerSettings& settings, TexelSample& out) {
+  if (!(std::fabs(u) <= kLargestUv) || !(std::fabs(v) <= kLargestUv)) {
+    return false;
+  }
+  const TexelImage& image = source.image_for(u, v);
+  if (settings.address == AddressMode::window) {
+    if (u < 0.0 || u > 1.0 || v < 0.0 || v > 1.0) {
+      return false;
+    }
+  } else if (settings.address == AddressMode::repeat) {
+    u -= std::floor(u);
+    v -= std::floor(v);
+  }
+  if (settings.filter == SampleFilter::nearest) {
+    sample_nearest(image, u, v, settings.address, out);
+  } else {
+    sample_bilinear(image, u, v, settings, out);
+  }
+  return true;
+}
+
+}  // namespace kv::transfer
