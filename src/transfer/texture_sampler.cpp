@@ -15,34 +15,63 @@ constexpr std::int32_t kTileCount = 999;
 // as no value rather than overflow an index.
 constexpr double kLargestUv = 1e9;
 
-// The texel coordinate x (texel units, any real) of an axis of n texels as
-// an index under the address mode; repeat has already wrapped the UV.
+// A texel index of an axis of n texels under the address mode. Repeat has
+// already wrapped the UV, so an index is at most one texel outside.
 std::int64_t address_index(std::int64_t i, std::int64_t n, AddressMode mode) {
   if (mode == AddressMode::repeat) {
-    const std::int64_t r = i % n;
-    return r < 0 ? r + n : r;
+    if (i < 0) {
+      return i + n;
+    }
+    return i >= n ? i - n : i;
   }
   return std::clamp<std::int64_t>(i, 0, n - 1);
 }
 
-void read_texel(const TexelImage& image, std::int64_t texel, TexelSample& out) {
+// floor(x) for |x| below 2^62, without a library call.
+double floor_of(double x) {
+  const auto whole = static_cast<double>(static_cast<std::int64_t>(x));
+  return whole > x ? whole - 1.0 : whole;
+}
+
+}  // namespace
+
+void texel_values(const TexelImage& image, std::int64_t texel, double* out) {
   const auto first = static_cast<std::size_t>(texel) * static_cast<std::size_t>(image.channels);
-  for (int c = 0; c < image.channels; ++c) {
-    out.values[static_cast<std::size_t>(c)] = component_value(image, first + c);
+  const std::uint8_t* data = image.data.data();
+  switch (image.type) {
+    case ComponentType::kU8:
+      for (int c = 0; c < image.channels; ++c) {
+        out[c] = static_cast<double>(data[first + c]);
+      }
+      return;
+    case ComponentType::kU16:
+    case ComponentType::kF16:
+    case ComponentType::kF32:
+      for (int c = 0; c < image.channels; ++c) {
+        out[c] = component_value(image, first + c);
+      }
+      return;
   }
+}
+
+namespace {
+
+void read_texel(const TexelImage& image, std::int64_t texel, TexelSample& out) {
   out.image = &image;
   out.texel = texel;
 }
 
-void sample_nearest(const TexelImage& image, double u, double v, AddressMode mode,
-                    TexelSample& out) {
+// Every address mode has put the UV on the square (or beside it, for clamp):
+// clamping the index is all that is left.
+void sample_nearest(const TexelImage& image, double u, double v, TexelSample& out) {
   const std::int64_t w = image.width;
   const std::int64_t h = image.height;
-  const auto x = static_cast<std::int64_t>(std::floor(u * static_cast<double>(w)));
-  const auto y = static_cast<std::int64_t>(std::floor((1.0 - v) * static_cast<double>(h)));
+  const auto x = static_cast<std::int64_t>(floor_of(u * static_cast<double>(w)));
+  const auto y = static_cast<std::int64_t>(floor_of((1.0 - v) * static_cast<double>(h)));
   // u - floor(u) may round up to 1: that texel is the last one, not the first.
-  const AddressMode edge = mode == AddressMode::repeat ? AddressMode::clamp : mode;
-  read_texel(image, address_index(y, h, edge) * w + address_index(x, w, edge), out);
+  read_texel(image,
+             std::clamp<std::int64_t>(y, 0, h - 1) * w + std::clamp<std::int64_t>(x, 0, w - 1),
+             out);
 }
 
 void sample_bilinear(const TexelImage& image, double u, double v, const SamplerSettings& s,
@@ -51,8 +80,8 @@ void sample_bilinear(const TexelImage& image, double u, double v, const SamplerS
   const std::int64_t h = image.height;
   const double x = u * static_cast<double>(w) - 0.5;
   const double y = (1.0 - v) * static_cast<double>(h) - 0.5;
-  const double x_floor = std::floor(x);
-  const double y_floor = std::floor(y);
+  const double x_floor = floor_of(x);
+  const double y_floor = floor_of(y);
   const double fx = weight_fraction(x - x_floor, s.weights);
   const double fy = weight_fraction(y - y_floor, s.weights);
   const auto x0 = static_cast<std::int64_t>(x_floor);
@@ -73,14 +102,14 @@ void sample_bilinear(const TexelImage& image, double u, double v, const SamplerS
   out.image = nullptr;
   out.texel = -1;
   out.values = {0.0, 0.0, 0.0, 0.0};
+  std::array<double, 4> tap{};
   for (std::size_t k = 0; k < 4; ++k) {
     if (weights[k] == 0.0) {
       continue;  // 0 * infinity would spoil the neighbours' mean
     }
-    const auto first = static_cast<std::size_t>(ys[k / 2] * w + xs[k % 2]) *
-                       static_cast<std::size_t>(image.channels);
+    texel_values(image, ys[k / 2] * w + xs[k % 2], tap.data());
     for (int c = 0; c < image.channels; ++c) {
-      out.values[static_cast<std::size_t>(c)] += weights[k] * component_value(image, first + c);
+      out.values[static_cast<std::size_t>(c)] += weights[k] * tap[static_cast<std::size_t>(c)];
     }
   }
 }
@@ -98,8 +127,8 @@ const TexelImage& SourceTexture::image_for(double& u, double& v) const {
   if (tiles_.empty()) {
     return *image_;
   }
-  const double column = std::floor(u);
-  const double row = std::floor(v);
+  const double column = floor_of(u);
+  const double row = floor_of(v);
   if (column < 0.0 || column > 9.0 || row < 0.0 || row > 99.0) {
     return *image_;
   }
@@ -114,7 +143,7 @@ const TexelImage& SourceTexture::image_for(double& u, double& v) const {
 
 double weight_fraction(double f, BilinearWeights weights) {
   if (weights == BilinearWeights::gpu8) {
-    return std::nearbyint(f * 256.0) / 256.0;  // the default rounding: half to even
+    return round_half_even(f * 256.0) / 256.0;
   }
   constexpr double kWhole = 1e-9;
   if (f <= kWhole) {
@@ -158,11 +187,11 @@ bool sample_texture(const SourceTexture& source, double u, double v,
       return false;
     }
   } else if (settings.address == AddressMode::repeat) {
-    u -= std::floor(u);
-    v -= std::floor(v);
+    u -= floor_of(u);
+    v -= floor_of(v);
   }
   if (settings.filter == SampleFilter::nearest) {
-    sample_nearest(image, u, v, settings.address, out);
+    sample_nearest(image, u, v, out);
   } else {
     sample_bilinear(image, u, v, settings, out);
   }

@@ -38,7 +38,9 @@ class SourceTexture {
 
 // A value read from a texture. When a single texel gives it (nearest, or a
 // bilinear read at a texel centre), `image` and `texel` name that texel, so
-// that its bytes can be copied unchanged.
+// that its bytes can be copied unchanged, and `values` is left unset (read
+// them with texel_values when they are needed); otherwise texel is -1 and
+// `values` holds the filtered value.
 struct TexelSample {
   const TexelImage* image = nullptr;
   std::int64_t texel = -1;
@@ -52,6 +54,18 @@ bool sample_texture(const SourceTexture& source, double u, double v,
 
 // Component `index` (counted over the whole image) in its own units.
 double component_value(const TexelImage& image, std::size_t index);
+
+// The channels of one texel in their own units.
+void texel_values(const TexelImage& image, std::int64_t texel, double* out);
+
+// x rounded to a whole number, ties to even, for 0 <= x < 2^52: without the
+// library call that std::nearbyint costs on every texel.
+inline double round_half_even(double x) {
+  const auto whole = static_cast<std::int64_t>(x);
+  const double rest = x - static_cast<double>(whole);
+  const bool up = rest > 0.5 || (rest == 0.5 && (whole & 1) != 0);
+  return static_cast<double>(up ? whole + 1 : whole);
+}
 
 // The fraction a bilinear weight uses: with gpu8, f rounded to a multiple of
 // 1/256 (half to even); exact keeps f, except that a fraction within 1e-9 of

@@ -12,28 +12,51 @@ namespace {
 // Sub-samples of a texel at the largest anti-aliasing, 8 x 8.
 constexpr std::size_t kMaxTexelSamples = 64;
 
+// The values of a read, from its texel when one texel gave it.
+std::array<double, 4> values_of(const TexelSample& s) {
+  if (s.texel < 0) {
+    return s.values;
+  }
+  std::array<double, 4> values{};
+  texel_values(*s.image, s.texel, values.data());
+  return values;
+}
+
 // A texel's reads so far: their sum, and whether they all came from one
-// texel, whose bytes are then copied unchanged.
+// texel, whose bytes are then copied unchanged. Values are read only once a
+// second read makes a mean necessary.
 struct Accumulator {
+  TexelSample first;
   std::array<double, 4> sum{};
   std::uint32_t count = 0;
-  const TexelImage* image = nullptr;
-  std::int64_t texel = -1;
   bool one_texel = false;
 
   void add(const TexelSample& s, int channels) {
     if (count == 0) {
-      sum = s.values;  // not 0 + value: -0.0 stays -0.0
-      image = s.image;
-      texel = s.texel;
+      first = s;
       one_texel = s.texel >= 0;
     } else {
-      for (int c = 0; c < channels; ++c) {
-        sum[static_cast<std::size_t>(c)] += s.values[static_cast<std::size_t>(c)];
+      if (count == 1) {
+        sum = values_of(first);  // not 0 + value: -0.0 stays -0.0
       }
-      one_texel = one_texel && s.image == image && s.texel == texel;
+      const std::array<double, 4> values = values_of(s);
+      for (int c = 0; c < channels; ++c) {
+        sum[static_cast<std::size_t>(c)] += values[static_cast<std::size_t>(c)];
+      }
+      one_texel = one_texel && s.image == first.image && s.texel == first.texel;
     }
     ++count;
+  }
+
+  std::array<double, 4> mean() const {
+    if (count == 1) {
+      return values_of(first);
+    }
+    std::array<double, 4> m = sum;
+    for (double& v : m) {
+      v /= static_cast<double>(count);
+    }
+    return m;
   }
 };
 
@@ -44,7 +67,7 @@ double round_code(double mean, double top) {
   if (mean >= top) {
     return top;
   }
-  return std::nearbyint(mean);  // the default rounding: half to even
+  return round_half_even(mean);
 }
 
 }  // namespace
@@ -138,11 +161,12 @@ void TransferEvaluator::store_texel(std::size_t o, std::size_t texel, const Sour
   if (acc.one_texel) {
     const std::size_t bytes = component_bytes(out.image.type) * static_cast<std::size_t>(channels);
     std::memcpy(out.image.data.data() + first * component_bytes(out.image.type),
-                acc.image->data.data() + static_cast<std::size_t>(acc.texel) * bytes, bytes);
+                acc.first.image->data.data() + static_cast<std::size_t>(acc.first.texel) * bytes,
+                bytes);
   } else {
+    const std::array<double, 4> mean = acc.mean();
     for (int c = 0; c < channels; ++c) {
-      store_component(out.image, first + c,
-                      acc.sum[static_cast<std::size_t>(c)] / static_cast<double>(acc.count));
+      store_component(out.image, first + c, mean[static_cast<std::size_t>(c)]);
     }
   }
   out.valid[texel] = 1;
