@@ -63,8 +63,11 @@ void texel_values(const TexelImage& image, std::int64_t texel, double* out);
 inline double round_half_even(double x) {
   const auto whole = static_cast<std::int64_t>(x);
   const double rest = x - static_cast<double>(whole);
-  const bool up = rest > 0.5 || (rest == 0.5 && (whole & 1) != 0);
-  return static_cast<double>(up ? whole + 1 : whole);
+  // Bitwise, not logical: the halves fall either way at random, and a
+  // branch on them is mispredicted half the time.
+  const std::int64_t up = static_cast<std::int64_t>(rest > 0.5) |
+                          (static_cast<std::int64_t>(rest == 0.5) & (whole & 1));
+  return static_cast<double>(whole + up);
 }
 
 // The fraction a bilinear weight uses: with gpu8, f rounded to a multiple of

@@ -22,41 +22,25 @@ std::array<double, 4> values_of(const TexelSample& s) {
   return values;
 }
 
-// A texel's reads so far: their sum, and whether they all came from one
-// texel, whose bytes are then copied unchanged. Values are read only once a
-// second read makes a mean necessary.
-struct Accumulator {
-  TexelSample first;
+// A texel's reads after its first: their sum with the first's, and whether
+// they all came from the first's texel, whose bytes are then copied
+// unchanged. Values are read only once a second read makes a mean necessary.
+struct MoreReads {
   std::array<double, 4> sum{};
-  std::uint32_t count = 0;
-  bool one_texel = false;
+  std::uint32_t count = 1;
+  bool one_texel = true;
 
-  void add(const TexelSample& s, int channels) {
-    if (count == 0) {
-      first = s;
-      one_texel = s.texel >= 0;
-    } else {
-      if (count == 1) {
-        sum = values_of(first);  // not 0 + value: -0.0 stays -0.0
-      }
-      const std::array<double, 4> values = values_of(s);
-      for (int c = 0; c < channels; ++c) {
-        sum[static_cast<std::size_t>(c)] += values[static_cast<std::size_t>(c)];
-      }
-      one_texel = one_texel && s.image == first.image && s.texel == first.texel;
-    }
-    ++count;
-  }
-
-  std::array<double, 4> mean() const {
+  void add(const TexelSample& first, const TexelSample& s, int channels) {
     if (count == 1) {
-      return values_of(first);
+      sum = values_of(first);  // not 0 + value: -0.0 stays -0.0
+      one_texel = first.texel >= 0;
     }
-    std::array<double, 4> m = sum;
-    for (double& v : m) {
-      v /= static_cast<double>(count);
+    const std::array<double, 4> values = values_of(s);
+    for (int c = 0; c < channels; ++c) {
+      sum[static_cast<std::size_t>(c)] += values[static_cast<std::size_t>(c)];
     }
-    return m;
+    one_texel = one_texel && s.image == first.image && s.texel == first.texel;
+    ++count;
   }
 };
 
@@ -93,6 +77,19 @@ void store_component(TexelImage& image, std::size_t index, double mean) {
       std::memcpy(data + index * 4, &value, 4);
       return;
     }
+  }
+}
+
+void store_texel_values(TexelImage& image, std::size_t index, const double* means) {
+  const int channels = image.channels;
+  if (image.type == ComponentType::kU8) {  // the common case, without a switch per channel
+    for (int c = 0; c < channels; ++c) {
+      image.data[index + c] = static_cast<std::uint8_t>(round_code(means[c], 255.0));
+    }
+    return;
+  }
+  for (int c = 0; c < channels; ++c) {
+    store_component(image, index + c, means[c]);
   }
 }
 
@@ -144,30 +141,41 @@ void TransferEvaluator::store_texel(std::size_t o, std::size_t texel, const Sour
                                     std::size_t count, ChunkState& state) const {
   OutputBuffer& out = outputs_[o];
   const int channels = out.image.channels;
-  Accumulator acc;
+  // The first read goes straight into `first`: at anti-aliasing 1 it is the
+  // only one, and its texel is copied without ever being read as numbers.
+  TexelSample first;
   TexelSample sample;
+  MoreReads more;
+  bool found = false;
   for (std::size_t i = 0; i < count; ++i) {
     const std::int16_t k = out.texture_of.empty() ? 0 : out.texture_of[points[i].triangle];
-    if (k < 0 || !sample_texture(out.textures[static_cast<std::size_t>(k)], points[i].u,
-                                 points[i].v, sampler_, sample)) {
+    if (k < 0) {
       continue;
     }
-    acc.add(sample, channels);
+    const SourceTexture& texture = out.textures[static_cast<std::size_t>(k)];
+    if (!found) {
+      found = sample_texture(texture, points[i].u, points[i].v, sampler_, first);
+    } else if (sample_texture(texture, points[i].u, points[i].v, sampler_, sample)) {
+      more.add(first, sample, channels);
+    }
   }
-  if (acc.count == 0) {
+  if (!found) {
     return;
   }
-  const std::size_t first = texel * static_cast<std::size_t>(channels);
-  if (acc.one_texel) {
-    const std::size_t bytes = component_bytes(out.image.type) * static_cast<std::size_t>(channels);
-    std::memcpy(out.image.data.data() + first * component_bytes(out.image.type),
-                acc.first.image->data.data() + static_cast<std::size_t>(acc.first.texel) * bytes,
-                bytes);
+  const std::size_t type_bytes = component_bytes(out.image.type);
+  const std::size_t at = texel * static_cast<std::size_t>(channels);
+  if (more.count == 1 ? first.texel >= 0 : more.one_texel) {
+    const std::size_t bytes = type_bytes * static_cast<std::size_t>(channels);
+    std::memcpy(out.image.data.data() + at * type_bytes,
+                first.image->data.data() + static_cast<std::size_t>(first.texel) * bytes, bytes);
   } else {
-    const std::array<double, 4> mean = acc.mean();
-    for (int c = 0; c < channels; ++c) {
-      store_component(out.image, first + c, mean[static_cast<std::size_t>(c)]);
+    std::array<double, 4> mean = more.count == 1 ? first.values : more.sum;
+    if (more.count > 1) {
+      for (double& value : mean) {
+        value /= static_cast<double>(more.count);
+      }
     }
+    store_texel_values(out.image, at, mean.data());
   }
   out.valid[texel] = 1;
   ++state.counts.texels_valid[o];

@@ -76,4 +76,7 @@ class TransferEvaluator final : public TexelEvaluator {
 // takes the float nearest.
 void store_component(TexelImage& image, std::size_t index, double mean);
 
+// The same for every channel of the texel whose first component is `index`.
+void store_texel_values(TexelImage& image, std::size_t index, const double* means);
+
 }  // namespace kv::transfer
