@@ -52,6 +52,7 @@ Json run_transfer(const TransferSettings& settings) {
   const Mesh target = load_mesh(settings.target, settings.threads);
   const Mesh source = load_mesh(
       settings.mode == TransferMode::uv2uv ? settings.source_uvs : settings.high, settings.threads);
+  check_source_mesh(settings.mode, target, source);
   PreparedOutputs prepared = prepare_outputs(settings, source);
   result.seconds.load = seconds_since(step);
   result.target_triangles = target.triangles.size();

@@ -79,6 +79,14 @@ void check_same_surface(const Mesh& target, const Mesh& source) {
   }
 }
 
+void check_source_mesh(TransferMode mode, const Mesh& target, const Mesh& source) {
+  if (mode == TransferMode::uv2uv) {
+    check_same_surface(target, source);
+  } else if (source.triangles.empty()) {
+    throw Error("transfer: the high mesh has no triangles");
+  }
+}
+
 std::vector<std::int64_t> raster_object_skips(const Mesh& target,
                                               const std::vector<std::string>& objects) {
   if (objects.empty()) {
@@ -106,7 +114,6 @@ ModeRun run_uv2uv(const Mesh& target, const Mesh& source_uvs, const TransferSett
                   std::vector<OutputBuffer>& outputs, const WorkerPool& pool) {
   ModeRun run;
   Clock::time_point start = Clock::now();
-  check_same_surface(target, source_uvs);
   const LowPrep prep = LowPrep::build(target, {}, prep_settings(settings, false),
                                       raster_object_skips(target, settings.raster_objects));
   run.zero_uv_area_triangles = prep.raster().degenerate_count();

@@ -38,6 +38,12 @@ void check_same_surface(const Mesh& target, const Mesh& source);
 std::vector<std::int64_t> raster_object_skips(const Mesh& target,
                                               const std::vector<std::string>& objects);
 
+// The checks of the meshes before any texture is read: uv2uv needs the same
+// surface (check_same_surface), m2m a high mesh with triangles ("transfer:
+// the high mesh has no triangles").
+void check_source_mesh(TransferMode mode, const Mesh& target, const Mesh& source);
+
+// The source UV mesh must have passed check_same_surface.
 ModeRun run_uv2uv(const Mesh& target, const Mesh& source_uvs, const TransferSettings& settings,
                   std::vector<OutputBuffer>& outputs, const WorkerPool& pool);
 

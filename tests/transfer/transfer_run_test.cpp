@@ -212,6 +212,36 @@ TEST(TransferRun, MasksAndPaddingPerOutput) {
   EXPECT_EQ(ring["coverage"]["texels"], 32);
 }
 
+TEST(TransferRun, SrgbOutputsPadWithMeansInLinearLight) {
+  const test::ScratchDir dir;
+  Quad left_half;
+  left_half.su = 0.5;
+  const auto target = write_obj(dir, "target.obj", {left_half});
+  const auto source = write_obj(dir, "source.obj", {Quad{}});
+  TexelImage in = flat_image(8, 8, 0);
+  for (std::size_t i = 0; i < in.data.size(); ++i) {
+    in.data[i] = (i / 8) % 2 == 0 ? 0 : 255;  // rows alternate black and white
+  }
+  write_kvt(dir / "in.kvt", in);
+  const std::string tex = (dir / "in.kvt").string();
+  transfer({"--mode",       "uv2uv",
+            "--target",     target.string(),
+            "--source-uvs", source.string(),
+            "--size",       "8",
+            "--filter",     "nearest",
+            "--dilation",   "1",
+            "--texture",    tex,
+            "--out",        (dir / "codes.kvt").string(),
+            "--texture",    tex,
+            "--out",        (dir / "srgb.kvt").string(),
+            "--out-srgb",   "1"});
+  // Texel (4, 1) takes the mean of 0, 255 and 0 beside it: 85 as codes, and
+  // a third of white in linear light, 156 once encoded again.
+  EXPECT_EQ(read_kvt(dir / "codes.kvt").data[8 + 4], 85);
+  EXPECT_EQ(read_kvt(dir / "srgb.kvt").data[8 + 4], 156);
+  EXPECT_EQ(read_kvt(dir / "srgb.kvt").data[8 + 3], 255);  // transferred texels are untouched
+}
+
 TEST(TransferRun, PngSourcesAndOutputsRoundTripEightAndSixteenBits) {
   const test::ScratchDir dir;
   const auto plane = write_obj(dir, "plane.obj", {Quad{}});
