@@ -27,7 +27,7 @@ std::uint32_t index_of(const std::vector<std::string>& names, const std::string&
   return static_cast<std::uint32_t>(found - names.begin());
 }
 
-Coverage coverage_of(const Mesh& source, const TextureSpec& texture) {
+Coverage coverage_of(const Mesh& source, const TextureRequest& texture) {
   Coverage c;
   if (!texture.bind_objects.empty()) {
     c.objects.assign(source.objects.size(), 0);
@@ -95,17 +95,17 @@ bool covers(const Coverage& c, const Mesh& source, std::size_t t) {
 
 }  // namespace
 
-std::vector<std::int16_t> bind_textures(const Mesh& source, const OutputSpec& output,
+std::vector<std::int16_t> bind_textures(const Mesh& source, const OutputRequest& output,
                                         TransferMode mode) {
   const bool any_binding = std::any_of(output.textures.begin(), output.textures.end(),
-                                       [](const TextureSpec& t) { return t.bound(); });
+                                       [](const TextureRequest& t) { return t.bound(); });
   if (mode == TransferMode::uv2uv && (output.textures.size() > 1 || any_binding)) {
     throw Error("transfer: a UV-to-UV output reads one texture over every object");
   }
   if (output.textures.size() == 1 && !any_binding) {
     return {};
   }
-  for (const TextureSpec& texture : output.textures) {
+  for (const TextureRequest& texture : output.textures) {
     if (!texture.bound()) {
       throw Error(
           "transfer: a texture without bindings covers every object and must be its "
@@ -116,7 +116,7 @@ std::vector<std::int16_t> bind_textures(const Mesh& source, const OutputSpec& ou
     throw Error("transfer: an output reads at most " + std::to_string(kMaxTextures) + " textures");
   }
   std::vector<Coverage> coverage;
-  for (const TextureSpec& texture : output.textures) {
+  for (const TextureRequest& texture : output.textures) {
     coverage.push_back(coverage_of(source, texture));
     for (std::size_t j = 0; j + 1 < coverage.size(); ++j) {
       check_no_overlap(source, coverage[j], coverage.back());

@@ -14,7 +14,7 @@ namespace kv::transfer {
 // The texture index per source triangle, -1 where no texture of the output
 // binds the triangle; empty when the output's single texture covers every
 // triangle. Throws kv::Error "transfer: ..." for a binding the rules refuse.
-std::vector<std::int16_t> bind_textures(const Mesh& source, const OutputSpec& output,
+std::vector<std::int16_t> bind_textures(const Mesh& source, const OutputRequest& output,
                                         TransferMode mode);
 
 }  // namespace kv::transfer

@@ -10,9 +10,9 @@ namespace kv::transfer {
 namespace {
 
 bool has_source_tiles(const TransferSettings& settings) {
-  return std::any_of(settings.outputs.begin(), settings.outputs.end(), [](const OutputSpec& o) {
+  return std::any_of(settings.outputs.begin(), settings.outputs.end(), [](const OutputRequest& o) {
     return std::any_of(o.textures.begin(), o.textures.end(),
-                       [](const TextureSpec& t) { return !t.tiles.empty(); });
+                       [](const TextureRequest& t) { return !t.tiles.empty(); });
   });
 }
 

@@ -118,20 +118,20 @@ std::vector<std::string> split_names(std::string_view value) {
 // --out, and whether the last output can still take its own options.
 struct ParseState {
   TransferSettings settings;
-  std::vector<TextureSpec> pending;
+  std::vector<TextureRequest> pending;
   bool height_given = false;
   bool size_given = false;
   bool mode_given = false;
 };
 
-TextureSpec& last_texture(ParseState& p, std::string_view option) {
+TextureRequest& last_texture(ParseState& p, std::string_view option) {
   if (p.pending.empty()) {
     throw UsageError(std::string(option) + " needs a --texture before it");
   }
   return p.pending.back();
 }
 
-OutputSpec& last_output(ParseState& p, std::string_view option) {
+OutputRequest& last_output(ParseState& p, std::string_view option) {
   if (p.settings.outputs.empty() || !p.pending.empty()) {
     throw UsageError(std::string(option) + " needs an --out right after its textures");
   }
@@ -153,7 +153,7 @@ using Reader = std::function<void(ParseState&, std::string_view, std::string_vie
 
 void add_output_options(std::unordered_map<std::string_view, Reader>& t) {
   t["--texture"] = [](ParseState& p, std::string_view, std::string_view v) {
-    p.pending.push_back(TextureSpec{read_place(v), {}, {}, {}});
+    p.pending.push_back(TextureRequest{read_place(v), {}, {}, {}});
   };
   t["--bind"] = [](ParseState& p, std::string_view o, std::string_view v) {
     for (std::string& name : split_names(v)) {
@@ -167,14 +167,14 @@ void add_output_options(std::unordered_map<std::string_view, Reader>& t) {
     last_texture(p, o).bind_materials.emplace_back(v);
   };
   t["--source-tile"] = [](ParseState& p, std::string_view o, std::string_view v) {
-    TextureSpec& texture = last_texture(p, o);
+    TextureRequest& texture = last_texture(p, o);
     texture.tiles.push_back(read_source_tile(v));
   };
   t["--out"] = [](ParseState& p, std::string_view, std::string_view v) {
     if (p.pending.empty()) {
       throw UsageError("--out needs at least one --texture before it");
     }
-    OutputSpec out;
+    OutputRequest out;
     out.where = read_place(v);
     out.textures = std::move(p.pending);
     p.pending.clear();
@@ -397,8 +397,8 @@ void check_transfer_settings(const TransferSettings& s) {
   if (s.udim < 1001 || s.udim > 1999) {
     throw Error("transfer: the UDIM tile must be 1001 to 1999");
   }
-  for (const OutputSpec& out : s.outputs) {
-    for (const TextureSpec& texture : out.textures) {
+  for (const OutputRequest& out : s.outputs) {
+    for (const TextureRequest& texture : out.textures) {
       for (std::size_t i = 0; i < texture.tiles.size(); ++i) {
         const std::int32_t tile = texture.tiles[i].tile;
         if (tile < 1001 || tile > 1999) {

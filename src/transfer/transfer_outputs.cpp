@@ -55,9 +55,9 @@ TexelImage mask_image(const OutputBuffer& buffer) {
 
 PreparedOutputs prepare_outputs(const TransferSettings& settings, const Mesh& source) {
   PreparedOutputs prepared;
-  for (const OutputSpec& spec : settings.outputs) {
+  for (const OutputRequest& request : settings.outputs) {
     OutputBuffer buffer;
-    for (const TextureSpec& texture : spec.textures) {
+    for (const TextureRequest& texture : request.textures) {
       const TexelImage* image = keep(prepared, load_texture(texture.where));
       SourceTexture reader(image);
       for (const SourceTile& tile : texture.tiles) {
@@ -70,15 +70,15 @@ PreparedOutputs prepare_outputs(const TransferSettings& settings, const Mesh& so
       }
       buffer.textures.push_back(std::move(reader));
     }
-    buffer.texture_of = bind_textures(source, spec, settings.mode);
+    buffer.texture_of = bind_textures(source, request, settings.mode);
     buffer.image = empty_output(settings, buffer.textures.front().image());
-    check_output_place(spec.where, buffer.image);
-    if (!spec.mask.empty()) {
+    check_output_place(request.where, buffer.image);
+    if (!request.mask.empty()) {
       TexelImage mask_shape = buffer.image;
       mask_shape.channels = 1;
       mask_shape.type = ComponentType::kU8;
       mask_shape.data.clear();
-      check_output_place(spec.mask, mask_shape);
+      check_output_place(request.mask, mask_shape);
     }
     buffer.valid.assign(
         static_cast<std::size_t>(settings.width) * static_cast<std::size_t>(settings.height), 0);
@@ -92,12 +92,12 @@ std::vector<PaddedCount> pad_outputs(const TransferSettings& settings,
   std::vector<PaddedCount> counts;
   for (std::size_t o = 0; o < buffers.size(); ++o) {
     OutputBuffer& buffer = buffers[o];
-    const OutputSpec& spec = settings.outputs[o];
+    const OutputRequest& request = settings.outputs[o];
     PaddingSettings padding;
     padding.mode = settings.padding;
     padding.width = settings.dilation;
-    padding.srgb = spec.srgb;
-    padding.color = spec.padding_color ? *spec.padding_color : settings.padding_color;
+    padding.srgb = request.srgb;
+    padding.color = request.padding_color ? *request.padding_color : settings.padding_color;
     ImageView view;
     view.width = buffer.image.width;
     view.height = buffer.image.height;

@@ -27,7 +27,7 @@ struct SourceTile {
 };
 
 // One source texture and what it covers.
-struct TextureSpec {
+struct TextureRequest {
   std::string where;  // a .kvt or .png path, or shm:<section>:<size>
   std::vector<std::string> bind_objects;
   std::vector<std::string> bind_materials;
@@ -36,9 +36,9 @@ struct TextureSpec {
 };
 
 // One output and the textures it reads.
-struct OutputSpec {
+struct OutputRequest {
   std::string where;  // a .kvt or .png path, or shm:<section>:<size>
-  std::vector<TextureSpec> textures;
+  std::vector<TextureRequest> textures;
   std::string mask;  // empty: no mask
   bool srgb = false;
   std::optional<std::vector<double>> padding_color;  // unset: --padding-color
@@ -51,7 +51,7 @@ struct TransferSettings {
   std::filesystem::path high;        // m2m
   std::int32_t width = 0;
   std::int32_t height = 0;
-  std::vector<OutputSpec> outputs;
+  std::vector<OutputRequest> outputs;
   std::int32_t aa = 1;
   SampleFilter filter = SampleFilter::bilinear;
   AddressMode address = AddressMode::repeat;

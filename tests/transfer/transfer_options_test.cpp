@@ -56,7 +56,7 @@ TEST(TransferOptions, GroupsTexturesWithTheirBindingsAndOutputs) {
                                                              "--snap",
                                                              "off"}));
   ASSERT_EQ(s.outputs.size(), 2u);
-  const OutputSpec& first = s.outputs[0];
+  const OutputRequest& first = s.outputs[0];
   ASSERT_EQ(first.textures.size(), 2u);
   EXPECT_EQ(first.textures[0].bind_objects, (std::vector<std::string>{"x", "y", "z,w"}));
   EXPECT_EQ(first.textures[0].bind_materials, std::vector<std::string>{"m"});

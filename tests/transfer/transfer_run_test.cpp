@@ -351,8 +351,8 @@ TEST(TransferRun, BindingsRouteEachObjectsTexelsToItsOwnTexture) {
   Mesh bare;
   bare.objects = {"a"};
   bare.triangles.push_back(Triangle{});
-  transfer::OutputSpec by_material;
-  by_material.textures.push_back(transfer::TextureSpec{a, {}, {"wood"}, {}});
+  transfer::OutputRequest by_material;
+  by_material.textures.push_back(transfer::TextureRequest{a, {}, {"wood"}, {}});
   EXPECT_EQ(
       message_of([&] { transfer::bind_textures(bare, by_material, transfer::TransferMode::m2m); }),
       "transfer: a binding by material needs a source with material names");
