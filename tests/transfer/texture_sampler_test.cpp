@@ -55,6 +55,39 @@ TEST(TextureSampler, BilinearWeightsQuantisedToEightBitsOrExact) {
   EXPECT_EQ(read(image, 0.0, 0.5, s), 0.0);
 }
 
+TEST(TextureSampler, EightBitTexelsBlendInWholeNumbersExactlyAsInDoubles) {
+  // The same codes as u8 (whole-number blend) and as u16 (the general blend).
+  const TexelImage narrow = test::pattern_image(7, 5, 4, ComponentType::kU8);
+  TexelImage wide = narrow;
+  wide.type = ComponentType::kU16;
+  wide.data.resize(narrow.data.size() * 2);
+  for (std::size_t i = 0; i < narrow.data.size(); ++i) {
+    const std::uint16_t code = narrow.data[i];
+    std::memcpy(wide.data.data() + 2 * i, &code, 2);
+  }
+  const SourceTexture a(&narrow);
+  const SourceTexture b(&wide);
+  const SamplerSettings s{SampleFilter::bilinear, AddressMode::repeat, BilinearWeights::gpu8};
+  std::uint32_t state = 7;
+  int blended = 0;
+  for (int i = 0; i < 2000; ++i) {
+    state = state * 1664525u + 1013904223u;
+    const double u = static_cast<double>(state >> 8) / 16777216.0 * 3.0 - 1.0;
+    state = state * 1664525u + 1013904223u;
+    const double v = static_cast<double>(state >> 8) / 16777216.0 * 3.0 - 1.0;
+    TexelSample x;
+    TexelSample y;
+    ASSERT_TRUE(sample_texture(a, u, v, s, x));
+    ASSERT_TRUE(sample_texture(b, u, v, s, y));
+    ASSERT_EQ(x.texel, y.texel);
+    if (x.texel < 0) {
+      ++blended;
+      EXPECT_EQ(x.values, y.values) << u << ", " << v;
+    }
+  }
+  EXPECT_GT(blended, 1900);
+}
+
 TEST(TextureSampler, NearestAndTheAddressModes) {
   const TexelImage image = row_of({10, 20, 30, 40});
   SamplerSettings s{SampleFilter::nearest, AddressMode::repeat, BilinearWeights::gpu8};
