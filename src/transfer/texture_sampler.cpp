@@ -80,15 +80,16 @@ void sample_nearest(const TexelImage& image, double u, double v, TexelSample& ou
 void blend_u8(const TexelImage& image, const std::array<std::int64_t, 4>& texels,
               const std::array<std::uint32_t, 4>& weights, TexelSample& out) {
   const auto channels = static_cast<std::size_t>(image.channels);
-  std::array<std::uint32_t, 4> sum{};
+  std::array<const std::uint8_t*, 4> taps{};
   for (std::size_t k = 0; k < 4; ++k) {
-    const std::uint8_t* texel = image.data.data() + static_cast<std::size_t>(texels[k]) * channels;
-    for (std::size_t c = 0; c < channels; ++c) {
-      sum[c] += weights[k] * texel[c];
-    }
+    taps[k] = image.data.data() + static_cast<std::size_t>(texels[k]) * channels;
   }
-  for (std::size_t c = 0; c < 4; ++c) {
-    out.values[c] = static_cast<double>(sum[c]) * 0x1p-16;
+  out.values = {0.0, 0.0, 0.0, 0.0};
+  // Channel by channel, so that each sum stays in a register.
+  for (std::size_t c = 0; c < channels; ++c) {
+    const std::uint32_t sum = weights[0] * taps[0][c] + weights[1] * taps[1][c] +
+                              weights[2] * taps[2][c] + weights[3] * taps[3][c];
+    out.values[c] = static_cast<double>(sum) * 0x1p-16;
   }
 }
 
