@@ -83,8 +83,11 @@ void store_component(TexelImage& image, std::size_t index, double mean) {
 void store_texel_values(TexelImage& image, std::size_t index, const double* means) {
   const int channels = image.channels;
   if (image.type == ComponentType::kU8) {  // the common case, without a switch per channel
+    // Through a local pointer: a store through the vector's own would make
+    // the compiler reload it for every channel.
+    std::uint8_t* texel = image.data.data() + index;
     for (int c = 0; c < channels; ++c) {
-      image.data[index + c] = static_cast<std::uint8_t>(round_code(means[c], 255.0));
+      texel[c] = static_cast<std::uint8_t>(round_code(means[c], 255.0));
     }
     return;
   }
