@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "core/prefetch.h"
 #include "image/half.h"
 
 namespace kv::transfer {
@@ -11,6 +12,27 @@ namespace {
 
 // Sub-samples of a texel at the largest anti-aliasing, 8 x 8.
 constexpr std::size_t kMaxTexelSamples = 64;
+
+// High triangles are met in no useful order, so their records and UVs miss
+// the cache: while hit `ray` is read, the record of a later hit and the UVs
+// of a nearer one (whose record has arrived by then) are fetched.
+constexpr std::size_t kRecordAhead = 16;
+constexpr std::size_t kUvsAhead = 8;
+
+void prefetch_hit_uvs(const Mesh& source, const SampleRows& rows, std::size_t ray) {
+  if (ray + kRecordAhead < rows.hit_count && rows.hits[ray + kRecordAhead].triangle >= 0) {
+    prefetch(&source.triangles[static_cast<std::size_t>(rows.hits[ray + kRecordAhead].triangle)]);
+  }
+  if (ray + kUvsAhead < rows.hit_count && rows.hits[ray + kUvsAhead].triangle >= 0) {
+    const Triangle& t =
+        source.triangles[static_cast<std::size_t>(rows.hits[ray + kUvsAhead].triangle)];
+    for (const Corner& c : t.corners) {
+      if (c.uv >= 0 && static_cast<std::size_t>(c.uv) < source.uvs.size()) {
+        prefetch(&source.uvs[static_cast<std::size_t>(c.uv)]);
+      }
+    }
+  }
+}
 
 // The values of a read, from its texel when one texel gave it.
 std::array<double, 4> values_of(const TexelSample& s) {
@@ -117,7 +139,11 @@ bool TransferEvaluator::source_point(const SampleRows& rows, const SubSample& sa
   double b2 = sample.b2;
   std::int64_t triangle = sample.triangle;
   if (from_rays_) {
-    if (sample.ray < 0 || rows.hits[sample.ray].triangle < 0) {
+    if (sample.ray < 0) {
+      return false;
+    }
+    prefetch_hit_uvs(source_, rows, static_cast<std::size_t>(sample.ray));
+    if (rows.hits[sample.ray].triangle < 0) {
       return false;
     }
     const RayHit& hit = rows.hits[sample.ray];
