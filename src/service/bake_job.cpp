@@ -106,8 +106,15 @@ void Service::bake(const Request& request, const FieldReader& fields) {
     if (job.cancel.load()) {
       throw Cancelled(job.op + ": cancelled");
     }
-    // The meshes are looked up when the job starts, so a bake may follow
-    // its loads without waiting for their replies.
+    // The meshes are looked up when the job starts, after any load into
+    // their keys, so a bake may follow its loads without waiting for their
+    // replies.
+    std::vector<std::string> keys = high;
+    keys.push_back(low);
+    meshes_.wait_for_loads(keys, job.cancel);
+    if (job.cancel.load()) {
+      throw Cancelled(job.op + ": cancelled");
+    }
     const StoredMesh low_mesh = stored_mesh(meshes_, job, low);
     std::vector<std::pair<std::string, std::uint64_t>> used = {{low, low_mesh.generation}};
     std::vector<StoredMesh> highs;

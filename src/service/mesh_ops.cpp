@@ -50,6 +50,21 @@ void drop_uvs(Mesh& mesh) {
   }
 }
 
+// A load's mark in the store, taken back when the load fails.
+class PendingLoad {
+ public:
+  PendingLoad(MeshStore& store, std::string key, std::uint64_t generation)
+      : store_(store), key_(std::move(key)), generation_(generation) {}
+  ~PendingLoad() { store_.abandon_load(key_, generation_); }
+  PendingLoad(const PendingLoad&) = delete;
+  PendingLoad& operator=(const PendingLoad&) = delete;
+
+ private:
+  MeshStore& store_;
+  std::string key_;
+  std::uint64_t generation_;
+};
+
 bool has_uvs(const Mesh& mesh) {
   return !mesh.uvs.empty();
 }
@@ -111,6 +126,7 @@ void Service::load_file(const Request& request, const FieldReader& fields) {
   }
   const std::uint64_t generation = meshes_.begin_load(key);
   queue(request, JobLane::load, [=, this](Job& job) {
+    const PendingLoad pending(meshes_, key, generation);
     check_cancel(job);
     if (progress) {
       send_load_progress(output_, job, "read", 0);
@@ -181,6 +197,7 @@ void Service::load_section(const Request& request, const FieldReader& fields) {
   }
   const std::uint64_t generation = meshes_.begin_load(key);
   queue(request, JobLane::load, [=, this](Job& job) {
+    const PendingLoad pending(meshes_, key, generation);
     check_cancel(job);
     Mesh mesh;
     try {

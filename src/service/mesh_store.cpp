@@ -1,5 +1,7 @@
 #include "service/mesh_store.h"
 
+#include <chrono>
+
 namespace kv::service {
 
 std::uint64_t MeshStore::begin_load(const std::string& key) {
@@ -18,6 +20,7 @@ bool MeshStore::finish_load(const std::string& key, std::uint64_t load_generatio
     return false;
   }
   loads_.erase(load);
+  loads_changed_.notify_all();
   StoredMesh stored;
   stored.mesh = std::make_shared<const Mesh>(std::move(mesh));
   stored.stats = stats;
@@ -26,6 +29,32 @@ bool MeshStore::finish_load(const std::string& key, std::uint64_t load_generatio
   stored.generation = load_generation;
   meshes_[key] = std::move(stored);
   return true;
+}
+
+void MeshStore::abandon_load(const std::string& key, std::uint64_t load_generation) {
+  std::lock_guard guard(lock_);
+  const auto load = loads_.find(key);
+  if (load != loads_.end() && load->second == load_generation) {
+    loads_.erase(load);
+    loads_changed_.notify_all();
+  }
+}
+
+void MeshStore::wait_for_loads(const std::vector<std::string>& keys,
+                               const std::atomic<bool>& cancel) const {
+  std::unique_lock guard(lock_);
+  const auto loading = [&] {
+    for (const std::string& key : keys) {
+      if (loads_.count(key) != 0) {
+        return true;
+      }
+    }
+    return false;
+  };
+  // A cancel sets only a flag, so the wait looks at it now and then.
+  while (loading() && !cancel.load()) {
+    loads_changed_.wait_for(guard, std::chrono::milliseconds(20));
+  }
 }
 
 std::optional<StoredMesh> MeshStore::find(const std::string& key) const {
@@ -50,6 +79,7 @@ std::vector<std::string> MeshStore::release(const std::vector<std::string>& keys
     std::lock_guard guard(lock_);
     for (const std::string& key : keys) {
       bool held = loads_.erase(key) > 0;
+      loads_changed_.notify_all();
       if (const auto it = meshes_.find(key); it != meshes_.end()) {
         dropped.push_back(std::move(it->second.mesh));
         meshes_.erase(it);

@@ -3,6 +3,8 @@
 // store's hold, and the mesh goes when its last job ends.
 #pragma once
 
+#include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -34,6 +36,14 @@ class MeshStore {
   bool finish_load(const std::string& key, std::uint64_t load_generation, Mesh&& mesh,
                    const MeshStats& stats, const std::string& token, const std::string& hash);
 
+  // Waits while a load into any of the keys is still running, so that a job
+  // sent right after its loads finds their meshes; returns early once
+  // `cancel` is set.
+  void wait_for_loads(const std::vector<std::string>& keys, const std::atomic<bool>& cancel) const;
+
+  // Forgets a load that failed (nothing when the key moved on since).
+  void abandon_load(const std::string& key, std::uint64_t load_generation);
+
   std::optional<StoredMesh> find(const std::string& key) const;
   // Whether the key still holds the mesh of that generation.
   bool holds(const std::string& key, std::uint64_t generation) const;
@@ -47,6 +57,7 @@ class MeshStore {
 
  private:
   mutable std::mutex lock_;
+  mutable std::condition_variable loads_changed_;
   std::map<std::string, StoredMesh> meshes_;
   std::map<std::string, std::uint64_t> loads_;  // key: generation of its running load
   std::uint64_t next_generation_ = 1;
