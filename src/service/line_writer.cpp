@@ -82,7 +82,7 @@ std::string success_reply(std::int64_t id, const Json& fields) {
   return serialise_line(std::move(line));
 }
 
-std::string success_reply(std::int64_t id, std::string_view fields_text) {
+std::string success_reply_text(std::int64_t id, std::string_view fields_text) {
   return success_reply(id, parse_fields(fields_text));
 }
 

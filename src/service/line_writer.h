@@ -23,7 +23,7 @@ inline constexpr std::size_t kReplyLimit = 1048576;
 // Text that is not a JSON object, and a field that would overwrite one of
 // the line's fixed fields, are errors (kv::Error).
 std::string success_reply(std::int64_t id, const Json& fields);
-std::string success_reply(std::int64_t id, std::string_view fields_text);
+std::string success_reply_text(std::int64_t id, std::string_view fields_text);
 std::string error_reply(std::optional<std::int64_t> id, std::string_view message,
                         const Json& extra = nullptr);
 std::string event_line(std::string_view name, std::int64_t job, const Json& fields);
