@@ -214,7 +214,6 @@ ProcessResult run_process(const std::vector<std::string>& argv, std::string_view
                           const std::vector<std::string>& env_set = {},
                           const std::vector<std::string>& env_unset = {});
 
-
 // ---- the resident service ------------------------------------------------
 
 // The service's watch on the process that started it: the process opened for

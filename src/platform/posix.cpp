@@ -20,8 +20,8 @@
 #include <cstring>
 #include <fstream>
 #include <limits>
-#include <utility>
 #include <thread>
+#include <utility>
 
 #include "platform/platform.h"
 
@@ -720,7 +720,6 @@ ProcessResult run_process(const std::vector<std::string>& argv, std::string_view
   result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return result;
 }
-
 
 // ---- the resident service ------------------------------------------------
 

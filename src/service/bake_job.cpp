@@ -100,6 +100,9 @@ void Service::bake(const Request& request, const FieldReader& fields) {
   const std::vector<std::string> release_after =
       fields.has("release_after") ? fields.strings(fields.at("release_after"), "release_after")
                                   : std::vector<std::string>();
+  // The early reply goes out before the job can write anything of its own.
+  refuse_running_id(request);
+  output_.write_line(success_reply(request.id, Json{{"queued", true}}));
   queue(request, JobLane::bake, [=, this](Job& job) {
     ReleaseAfter release(meshes_, release_after);
     const Clock::time_point start = Clock::now();
@@ -136,8 +139,7 @@ void Service::bake(const Request& request, const FieldReader& fields) {
       high_quads += h.stats.quads_split;
     }
     JobSink sink(job, output_, meshes_, std::move(used));
-    const run::BakeMeshes meshes{*low_mesh.mesh, high_mesh, low_mesh.stats.quads_split,
-                                 high_quads};
+    const run::BakeMeshes meshes{*low_mesh.mesh, high_mesh, low_mesh.stats.quads_split, high_quads};
     Json reply = Json::object();
     reply["summary"] = run::bake_loaded_meshes(settings, meshes, sink, start, 0.0);
     return success_reply(job.id, reply);

@@ -55,7 +55,7 @@ inline constexpr std::array<std::string_view, 42> kFixes = {
 };
 
 inline constexpr std::array<std::string_view, 9> kMeshmapsOutputs = {
-    "opacity", "ao", "thickness", "curvature", "height", "world_normal", "id", "position",
-    "bent_normals"};
+    "opacity",      "ao", "thickness", "curvature",   "height",
+    "world_normal", "id", "position",  "bent_normals"};
 
 }  // namespace kv::service

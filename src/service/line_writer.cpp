@@ -57,8 +57,8 @@ Json oversized_replacement(const Json& line) {
   if (line.contains("ok")) {
     short_line["ok"] = false;
   }
-  short_line["error"] = "the engine's reply was longer than " + std::to_string(kReplyLimit) +
-                        " bytes";
+  short_line["error"] =
+      "the engine's reply was longer than " + std::to_string(kReplyLimit) + " bytes";
   return short_line;
 }
 

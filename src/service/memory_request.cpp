@@ -43,8 +43,7 @@ std::vector<std::uint64_t> read_sizes(const FieldReader& fields) {
 
 }  // namespace
 
-std::string Service::out_of_memory_message(const std::string& op,
-                                           std::uint64_t need_bytes) const {
+std::string Service::out_of_memory_message(const std::string& op, std::uint64_t need_bytes) const {
   return op + ": not enough memory: the job needs " + std::to_string(whole_mib_up(need_bytes)) +
          " MiB and the memory budget is " + std::to_string(budget_bytes_ / kMiB) + " MiB";
 }

@@ -71,8 +71,8 @@ bool has_uvs(const Mesh& mesh) {
 
 }  // namespace
 
-bool Service::reuse_loaded(const Request& request, const std::string& key,
-                           const std::string& token, const std::string& hash) {
+bool Service::reuse_loaded(const Request& request, const std::string& key, const std::string& token,
+                           const std::string& hash) {
   const auto stored = meshes_.find(key);
   const bool same = stored && ((!hash.empty() && stored->hash == hash) ||
                                (hash.empty() && !token.empty() && stored->token == token));

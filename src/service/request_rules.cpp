@@ -138,8 +138,8 @@ bool read_backend_is_gpu(const FieldReader& fields) {
 
 std::vector<std::string> read_maps(const FieldReader& fields) {
   static const std::set<std::string> known = {
-      "normal",       "opacity", "ao",       "thickness",   "curvature", "height",
-      "world_normal", "id",      "position", "bent_normals"};
+      "normal", "opacity",      "ao", "thickness", "curvature",
+      "height", "world_normal", "id", "position",  "bent_normals"};
   std::vector<std::string> maps = fields.strings(fields.at("maps"), "maps");
   if (maps.empty()) {
     fields.fail("maps", "needs at least one map");

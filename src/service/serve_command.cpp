@@ -15,8 +15,7 @@ namespace {
 constexpr int kDrainMs = 1000;
 
 void read_loop(Service& service, Output& output) {
-  LineReader reader(
-      [](char* data, std::size_t size) { return platform::read_stdin(data, size); });
+  LineReader reader([](char* data, std::size_t size) { return platform::read_stdin(data, size); });
   std::string line;
   while (!service.shutdown_requested() && !output.failed()) {
     const LineStatus status = reader.next(line);
@@ -24,8 +23,8 @@ void read_loop(Service& service, Output& output) {
       return;
     }
     if (status == LineStatus::too_long) {
-      output.write_line(error_reply(std::nullopt, "request: line longer than " +
-                                                      std::to_string(kLineLimit) + " bytes"));
+      output.write_line(error_reply(
+          std::nullopt, "request: line longer than " + std::to_string(kLineLimit) + " bytes"));
       continue;
     }
     if (!is_blank(line)) {

@@ -20,8 +20,7 @@ constexpr std::uint32_t kMaxMiB = 1073741824;
 std::uint32_t read_count(std::string_view option, std::string_view value, std::uint64_t max) {
   const auto parsed = parse_uint64(value);
   if (!parsed || *parsed > max) {
-    throw UsageError("invalid value for " + std::string(option) + ": '" + std::string(value) +
-                     "'");
+    throw UsageError("invalid value for " + std::string(option) + ": '" + std::string(value) + "'");
   }
   return static_cast<std::uint32_t>(*parsed);
 }
@@ -118,8 +117,8 @@ ResolvedCounts resolve_counts(const ServeOptions& options, int hardware_threads)
   } else if (const auto folder = default_mesh_cache_folder()) {
     r.cache_dir = *folder;
   }
-  r.cache_max_bytes = options.cache_max_mb >= 1 ? options.cache_max_mb * kMiB
-                                                 : kMeshCacheDefaultCapBytes;
+  r.cache_max_bytes =
+      options.cache_max_mb >= 1 ? options.cache_max_mb * kMiB : kMeshCacheDefaultCapBytes;
   return r;
 }
 

@@ -11,10 +11,10 @@ namespace kv::service {
 
 struct ServeOptions {
   std::uint32_t parent_pid = 0;
-  std::uint32_t threads = 0;       // 0: automatic
-  std::uint32_t load_threads = 0;  // 0: automatic
-  std::filesystem::path cache_dir;  // empty: the default folder
-  std::uint32_t cache_max_mb = 0;   // 0: 8192 MiB
+  std::uint32_t threads = 0;           // 0: automatic
+  std::uint32_t load_threads = 0;      // 0: automatic
+  std::filesystem::path cache_dir;     // empty: the default folder
+  std::uint32_t cache_max_mb = 0;      // 0: 8192 MiB
   std::uint32_t memory_budget_mb = 0;  // 0: automatic
 };
 

@@ -10,8 +10,7 @@ namespace kv::service {
 namespace {
 
 // Lines of `input`, read `step` bytes at a time with a line limit.
-std::vector<std::string> lines_of(const std::string& input, std::size_t step,
-                                  std::size_t limit) {
+std::vector<std::string> lines_of(const std::string& input, std::size_t step, std::size_t limit) {
   std::size_t at = 0;
   LineReader reader(
       [&](char* data, std::size_t size) -> std::int64_t {

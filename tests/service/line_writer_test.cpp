@@ -28,9 +28,13 @@ TEST(LineWriter, ReplyFieldsThatAreNotAnObjectOrReuseAFixedKeyAreRefused) {
             "reply fields must be a JSON object");
   EXPECT_EQ(test::message_of([] { success_reply_text(1, "{\"ok\":false}"); }),
             "reply field \"ok\" is reserved");
-  EXPECT_EQ(test::message_of([] { error_reply(1, "x", Json{{"error", 1}}); }),
+  EXPECT_EQ(test::message_of([] {
+              error_reply(1, "x", Json{{"error", 1}});
+            }),
             "reply field \"error\" is reserved");
-  EXPECT_EQ(test::message_of([] { event_line("e", 1, Json{{"job", 2}}); }),
+  EXPECT_EQ(test::message_of([] {
+              event_line("e", 1, Json{{"job", 2}});
+            }),
             "reply field \"job\" is reserved");
   const std::string bad = test::message_of([] { success_reply_text(1, "{nope"); });
   EXPECT_EQ(bad.rfind("reply fields are not valid JSON: ", 0), 0u) << bad;
@@ -63,8 +67,11 @@ TEST(LineWriter, LongMessagesAreCutOnACharacterBoundary) {
 }
 
 TEST(LineWriter, InvalidUtf8IsReplacedAndNothingIsEscaped) {
-  const std::string text = success_reply(1, Json{{"name", std::string("a\xff" "b")}});
-  EXPECT_EQ(text, "{\"id\":1,\"ok\":true,\"name\":\"a\xEF\xBF\xBD" "b\"}");
+  const std::string text = success_reply(1, Json{{"name", std::string("a\xff"
+                                                                      "b")}});
+  EXPECT_EQ(text,
+            "{\"id\":1,\"ok\":true,\"name\":\"a\xEF\xBF\xBD"
+            "b\"}");
   EXPECT_EQ(success_reply(1, Json{{"n", "ü"}}), "{\"id\":1,\"ok\":true,\"n\":\"ü\"}");
 }
 

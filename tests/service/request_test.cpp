@@ -74,8 +74,7 @@ TEST(Request, EachReaderNamesTheFieldAndTheRule) {
   EXPECT_EQ(field_error("1", str), "x: f: expected a string, got number");
   EXPECT_EQ(field_error("\"\"", str), "x: f: must not be empty");
   EXPECT_EQ(field_error("\"a\\u0000b\"", str), "x: f: must not hold a NUL character");
-  EXPECT_EQ(field_error("\"" + std::string(8193, 'a') + "\"", str),
-            "x: f: longer than 8192 bytes");
+  EXPECT_EQ(field_error("\"" + std::string(8193, 'a') + "\"", str), "x: f: longer than 8192 bytes");
   EXPECT_EQ(field_error("\"" + std::string(8192, 'a') + "\"", str), "(no error)");
 
   const auto strs = [](const FieldReader& r, const Json& v) { r.strings(v, "f"); };
@@ -99,7 +98,8 @@ TEST(Request, EachReaderNamesTheFieldAndTheRule) {
   EXPECT_EQ(field_error("[]", int_), "x: f: expected an integer, got array");
 
   const auto nn = [](const FieldReader& r, const Json& v) { r.non_negative(v, "f"); };
-  EXPECT_EQ(field_error("0.5", nn), "x: f: expected a non-negative integer, got a non-integer number");
+  EXPECT_EQ(field_error("0.5", nn),
+            "x: f: expected a non-negative integer, got a non-integer number");
   EXPECT_EQ(field_error("-1", nn), "x: f: expected a non-negative integer, got a negative integer");
   EXPECT_EQ(field_error("null", nn), "x: f: expected a non-negative integer, got null");
   EXPECT_EQ(field_error("18446744073709551615", nn), "(no error)");
@@ -117,8 +117,7 @@ TEST(Request, EachReaderNamesTheFieldAndTheRule) {
 }
 
 // The fixed rules, read from a whole request body.
-std::string rule_error(const std::string& fields_text,
-                       void (*read)(const FieldReader&)) {
+std::string rule_error(const std::string& fields_text, void (*read)(const FieldReader&)) {
   const Json body = Json::parse("{\"id\":8,\"op\":\"mesh.load_file\"" + fields_text + "}");
   const FieldReader fields(body, "mesh.load_file", 8);
   try {

@@ -15,8 +15,9 @@ std::string usage_error(std::vector<std::string> args) {
 }
 
 TEST(ServeOptions, EveryMessage) {
-  EXPECT_EQ(test::message_of<pipeline::UsageError>(
-                [] { parse_serve_options({"korvane", "--parent-pid", "1", "serve"}); }),
+  EXPECT_EQ(test::message_of<pipeline::UsageError>([] {
+              parse_serve_options({"korvane", "--parent-pid", "1", "serve"});
+            }),
             "serve must be the first argument");
   EXPECT_EQ(usage_error({}), "korvane serve needs --parent-pid <pid>");
   EXPECT_EQ(usage_error({"--threads", "2"}), "korvane serve needs --parent-pid <pid>");

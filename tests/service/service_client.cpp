@@ -50,7 +50,7 @@ Json ServiceClient::reply(std::int64_t id, std::vector<Json>* others) {
     if (line.empty()) {
       return line;  // the failure is already reported
     }
-    if (line.contains("ok") && line["id"] == id) {
+    if (line.contains("ok") && line["id"] == id && !line.contains("queued")) {
       return line;
     }
     if (others != nullptr) {

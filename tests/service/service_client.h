@@ -30,8 +30,8 @@ class ServiceClient {
   // The next line as text; fails the test on a time-out or the end of output.
   std::string next_text(int timeout_ms = kLineTimeoutMs);
   Json next(int timeout_ms = kLineTimeoutMs);
-  // Reads lines until the reply of `id`; the events and other replies met on
-  // the way are appended to `others` when given.
+  // Reads lines until the final reply of `id` (not its "queued" reply); the
+  // events and other replies met on the way are appended to `others`.
   Json reply(std::int64_t id, std::vector<Json>* others = nullptr);
   // Sends the request (which holds "id") and returns its reply.
   Json request(const Json& request, std::vector<Json>* others = nullptr);
