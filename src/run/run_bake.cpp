@@ -106,12 +106,13 @@ Json run_bake(const NormalBakeSettings& settings, ProgressSink& sink) {
 }
 
 Json bake_loaded_meshes(const NormalBakeSettings& settings, const BakeMeshes& meshes,
-                        ProgressSink& sink, Clock::time_point start, double load_seconds) {
+                        ProgressSink& sink, Clock::time_point start, double load_seconds,
+                        NormalBakeScene* scene) {
   check_bake_start(settings);
   const BackendChoice backend = choose_backend(settings);
   BakeProgress progress(settings, sink);
-  NormalBakeRun run =
-      bake_normal_map(meshes.low, meshes.high, settings, settings.threads, progress.callbacks());
+  NormalBakeRun run = bake_normal_map(meshes.low, meshes.high, settings, settings.threads,
+                                      progress.callbacks(), scene);
 
   sink.event(phase_event("padding"));
   const Clock::time_point padding_start = Clock::now();

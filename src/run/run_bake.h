@@ -4,6 +4,7 @@
 #include "core/json_line.h"
 #include "core/stopwatch.h"
 #include "mesh/mesh.h"
+#include "normal/normal_bake.h"
 #include "normal/normal_bake_settings.h"
 #include "run/progress_sink.h"
 
@@ -27,8 +28,10 @@ struct BakeMeshes {
 // The bake after the meshes are loaded: bake, pad, write, summarise. The
 // command line and the service both bake through it, so their maps are the
 // same. `start` is when the run began and `load_seconds` what loading took;
-// the summary reports both.
+// the summary reports both. A `scene` lends the bake its kept LowPrep and
+// tracer and receives those the bake built (see bake_normal_map).
 Json bake_loaded_meshes(const NormalBakeSettings& settings, const BakeMeshes& meshes,
-                        ProgressSink& sink, Clock::time_point start, double load_seconds);
+                        ProgressSink& sink, Clock::time_point start, double load_seconds,
+                        NormalBakeScene* scene = nullptr);
 
 }  // namespace kv::run

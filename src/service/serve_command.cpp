@@ -1,10 +1,12 @@
 #include "service/serve_command.h"
 
+#include <memory>
 #include <thread>
 
 #include "platform/platform.h"
 #include "service/line_reader.h"
 #include "service/line_writer.h"
+#include "service/memory_watch.h"
 #include "service/serve_options.h"
 #include "service/service.h"
 
@@ -52,11 +54,19 @@ int serve(const ServeOptions& options, platform::ParentWatch watch) {
   Output output;
   Service service(options, counts, output);
   std::thread parent_thread(watch_parent, std::cref(watch), std::ref(service));
+  auto memory_watch = std::make_unique<MemoryWatch>(
+      low_memory_threshold(service.budget_bytes()),
+      [] { return platform::memory_available_bytes(); },
+      [&service] {
+        service.scenes().trim_tracers();
+        service.scenes().trim_preps();
+      });
 
   read_loop(service, output);
 
   watch.stop();
   parent_thread.join();
+  memory_watch.reset();
   service.runner().cancel_all();
   if (!service.runner().idle()) {
     const bool drained = service.runner().wait_idle(kDrainMs);
@@ -64,6 +74,8 @@ int serve(const ServeOptions& options, platform::ParentWatch watch) {
       platform::exit_process_now(0);
     }
   }
+  service.scenes().trim_tracers();
+  service.scenes().trim_preps();
   service.meshes().clear();
   return 0;
 }

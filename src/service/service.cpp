@@ -131,8 +131,8 @@ Json Service::hello_fields() {
 Json Service::cache_status() const {
   Json f = Json::object();
   f["meshes"] = meshes_.status();
-  f["low_preps"] = 0;
-  f["scenes"] = 0;
+  f["low_preps"] = scenes_.prep_count();
+  f["scenes"] = scenes_.tracer_count();
   f["cache_dir"] = counts_.cache_dir.string();
   f["cache_max_mb"] = counts_.cache_max_bytes / kMiB;
   f["memory_budget_mb"] = budget_bytes_ / kMiB;
@@ -152,23 +152,32 @@ Json Service::cancel(const FieldReader& fields) {
 Json Service::release(const FieldReader& fields) {
   const std::vector<std::string> keys = fields.strings(fields.at("keys"), "keys");
   Json f = Json::object();
-  f["released"] = meshes_.release(keys);
+  f["released"] = release_keys(keys);
   return f;
 }
 
+std::vector<std::string> Service::release_keys(const std::vector<std::string>& keys) {
+  for (const std::string& key : keys) {
+    scenes_.drop_key(key);
+  }
+  return meshes_.release(keys);
+}
+
 Json Service::memory_trim(const FieldReader& fields) {
+  bool scenes = true, preparations = true;
   if (fields.has("caches")) {
+    scenes = preparations = false;
     for (const std::string& cache : fields.strings(fields.at("caches"), "caches")) {
       if (cache != "scenes" && cache != "preparations") {
         fields.fail("caches", "unknown cache \"" + cache + "\"");
       }
+      scenes = scenes || cache == "scenes";
+      preparations = preparations || cache == "preparations";
     }
   }
-  // Scenes and preparations are built for each bake and freed with it, so
-  // there is nothing kept to trim.
   Json f = Json::object();
-  f["scenes"] = 0;
-  f["preparations"] = 0;
+  f["scenes"] = scenes ? scenes_.trim_tracers() : 0;
+  f["preparations"] = preparations ? scenes_.trim_preps() : 0;
   return f;
 }
 

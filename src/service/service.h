@@ -18,6 +18,7 @@
 #include "service/line_writer.h"
 #include "service/mesh_store.h"
 #include "service/request.h"
+#include "service/scene_cache.h"
 #include "service/serve_options.h"
 
 namespace kv::service {
@@ -32,6 +33,9 @@ class Service {
   bool shutdown_requested() const { return shutdown_.load(); }
   JobRunner& runner() { return runner_; }
   MeshStore& meshes() { return meshes_; }
+  SceneCache& scenes() { return scenes_; }
+  // The memory budget in bytes; 0 when none is known.
+  std::uint64_t budget_bytes() const { return budget_bytes_; }
 
  private:
   void dispatch(const Request& request);
@@ -40,6 +44,8 @@ class Service {
   Json memory_trim(const FieldReader& fields);
   Json memory_estimate(const FieldReader& fields);
   Json release(const FieldReader& fields);
+  // Releases mesh keys and drops the scenes built from them.
+  std::vector<std::string> release_keys(const std::vector<std::string>& keys);
   Json cancel(const FieldReader& fields);
   void queue(const Request& request, JobLane lane, std::function<std::string(Job&)> run);
   // "<op>: job <id> is already queued or running".
@@ -73,6 +79,7 @@ class Service {
   Output& output_;
   std::uint64_t budget_bytes_ = 0;  // 0: no budget known
   MeshStore meshes_;
+  SceneCache scenes_;
   std::once_flag gpu_probed_;
   Json gpu_ = nullptr;
   std::atomic<bool> shutdown_{false};

@@ -180,7 +180,6 @@ TEST(ServeFrame, OpsThatAnswerAtOnce) {
       {"rays.hit", {"key", "count", "t_max"}},
       {"cage.check", {"low", "high", "front", "rear"}},
       {"cage.fields", {"low", "high", "max_distance"}},
-      {"scene.prepare", {"low", "high"}},
   };
   for (const auto& [op, fields] : later) {
     Json request = make_request(4, op);
