@@ -94,6 +94,52 @@ TEST(ServeJobs, BakeEqualsTheCommandLineByteForByte) {
   EXPECT_EQ(client.finish(), 0);
 }
 
+TEST(ServeJobs, PreparedAndKeptScenesBakeTheSameMaps) {
+  ScratchDir dir;
+  const platform::ProcessResult cli =
+      run_korvane({"--low", kLow, "--high", kHigh, "--size", "64", "--aa", "2", "--out-normal",
+                   (dir / "cli.exr").string()});
+  ASSERT_EQ(cli.exit_code, 0) << cli.err;
+  ServiceClient client;
+  load_samples(client);
+  Json prepare = make_request(3, "scene.prepare");
+  prepare["low"] = "low";
+  prepare["high"] = "high";
+  prepare["settings"] = Json::array({"--size", "64", "--aa", "2"});
+  const Json prepared = client.request(prepare);
+  EXPECT_EQ(prepared["low_prep"], true) << prepared.dump();
+  Json status = client.request(make_request(4, "cache.status"));
+  EXPECT_EQ(status["low_preps"], 1);
+  EXPECT_EQ(status["scenes"], 1);
+
+  // Both bakes find the prepared LowPrep and tracer: no tracer build.
+  for (int i = 0; i < 2; ++i) {
+    const std::string name = "svc" + std::to_string(i) + ".exr";
+    const Json reply = client.request(bake_request(5 + i, "64", "2", dir / name));
+    ASSERT_EQ(reply["ok"], true) << reply.dump();
+    EXPECT_EQ(reply["summary"]["seconds"]["bvh"], 0.0);
+    EXPECT_EQ(read_text_file(dir / "cli.exr"), read_text_file(dir / name));
+  }
+  // Another size needs another LowPrep but keeps the tracer.
+  const Json other = client.request(bake_request(7, "32", "1", dir / "small.exr"));
+  EXPECT_EQ(other["summary"]["seconds"]["bvh"], 0.0);
+  status = client.request(make_request(8, "cache.status"));
+  EXPECT_EQ(status["low_preps"], 2);
+  EXPECT_EQ(status["scenes"], 1);
+
+  Json trim = make_request(9, "memory.trim");
+  trim["caches"] = Json::array({"preparations"});
+  const Json trimmed = client.request(trim);
+  EXPECT_EQ(trimmed["preparations"], 2);
+  EXPECT_EQ(trimmed["scenes"], 0);
+  // Releasing a key drops the scenes built from it.
+  Json release = make_request(10, "mesh.release");
+  release["keys"] = Json::array({"high"});
+  client.request(release);
+  EXPECT_EQ(client.request(make_request(11, "cache.status"))["scenes"], 0);
+  EXPECT_EQ(client.finish(), 0);
+}
+
 TEST(ServeJobs, LoadsListingsReusesAndReleases) {
   ScratchDir dir;
   ServiceClient client({"--cache-dir", (dir / "cache").string()});
