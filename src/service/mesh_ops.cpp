@@ -34,6 +34,8 @@ void check_cancel(const Job& job) {
 
 void send_load_progress(Output& output, const Job& job, std::string_view stage,
                         std::uint64_t triangles) {
+  // A cancelled load says nothing more but its cancelled reply.
+  check_cancel(job);
   Json fields = Json::object();
   fields["stage"] = stage;
   fields["triangles"] = triangles;

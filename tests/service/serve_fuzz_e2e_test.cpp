@@ -125,5 +125,18 @@ TEST(ServeFuzz, EveryMalformedLineGetsExactlyOneReply) {
   EXPECT_EQ(client.finish(), 0);
 }
 
+TEST(ServeFuzz, DeepNestingIsOneReplyLikeAnyOther) {
+  ServiceClient client;
+  client.send(std::string(4000000, '['));
+  EXPECT_EQ(client.next()["id"], nullptr);
+  const std::string deep = std::string(1000000, '[') + std::string(1000000, ']');
+  client.send("{\"id\":1,\"op\":\"mesh.release\",\"keys\":" + deep + "}");
+  EXPECT_EQ(client.next_text(),
+            "{\"id\":1,\"ok\":false,\"error\":\"mesh.release: keys[0]: expected a string, got "
+            "array\"}");
+  EXPECT_EQ(client.request(make_request(2, "hello"))["ok"], true);
+  EXPECT_EQ(client.finish(), 0);
+}
+
 }  // namespace
 }  // namespace kv::test
