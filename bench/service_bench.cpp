@@ -88,7 +88,9 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "the command-line bake failed: %s", cli.err.c_str());
     return 1;
   }
-  const Json summary = Json::parse(cli.out.substr(cli.out.rfind('{')));
+  // The summary is stdout's last line.
+  const std::string out = cli.out.substr(0, cli.out.find_last_not_of('\n') + 1);
+  const Json summary = Json::parse(out.substr(out.rfind('\n') + 1));
   const double cli_trace = summary["seconds"]["trace"].get<double>();
 
   int error = 0;

@@ -69,10 +69,10 @@ int serve(const ServeOptions& options, platform::ParentWatch watch) {
   memory_watch.reset();
   service.runner().cancel_all();
   if (!service.runner().idle()) {
-    const bool drained = service.runner().wait_idle(kDrainMs);
-    if (!drained) {
-      platform::exit_process_now(0);
-    }
+    // Cancelled jobs get a moment to send their replies; then the process
+    // goes without tearing down what they may still hold.
+    service.runner().wait_idle(kDrainMs);
+    platform::exit_process_now(0);
   }
   service.scenes().trim_tracers();
   service.scenes().trim_preps();
