@@ -159,12 +159,13 @@ void resolve_and_fill(const LowPrep& prep, const Mesh& high, const CpuTracer& tr
 
 }  // namespace
 
-NormalBakeRun bake_normal_map(const Mesh& low, const Mesh& high, const NormalBakeSettings& settings,
-                              int threads, const NormalBakeCallbacks& callbacks) {
-  NormalBakeRun run;
-  run.low_triangles = low.triangles.size();
-  run.high_triangles = high.triangles.size();
+namespace {
 
+// Builds what `scene` lacks, from the same name groups, and checks that the
+// LowPrep fits the settings and the tracer.
+void prepare_scene(const Mesh& low, const Mesh& high, const NormalBakeSettings& settings,
+                   int threads, const NormalBakeCallbacks& callbacks, NormalBakeScene& scene,
+                   NormalBakeRun& run) {
   const Clock::time_point start = Clock::now();
   check_bake_start(settings);
   NameGroups groups;
@@ -175,22 +176,55 @@ NormalBakeRun bake_normal_map(const Mesh& low, const Mesh& high, const NormalBak
   NormalBakeSettings prep_settings = settings;
   prep_settings.threads = threads;
   const LowPrepSettings low_settings = low_prep_settings_of(prep_settings);
-  const LowPrep prep = LowPrep::build(low, groups.low_objects, low_settings);
-  run.zero_uv_area_triangles = prep.raster().degenerate_count();
-  run.corners_without_normal = prep.tangent_normal_fallbacks();
+  if (!scene.prep) {
+    scene.prep =
+        std::make_shared<const LowPrep>(LowPrep::build(low, groups.low_objects, low_settings));
+  }
+  run.zero_uv_area_triangles = scene.prep->raster().degenerate_count();
+  run.corners_without_normal = scene.prep->tangent_normal_fallbacks();
   run.seconds.setup = seconds_since(start);
 
-  const std::unique_ptr<CpuTracer> tracer =
-      build_tracer(high, std::move(groups.high_triangles), threads, callbacks, run);
-  check_low_prep_use(prep, low_settings, {}, tracer->has_name_groups());
+  if (!scene.tracer) {
+    scene.tracer = build_tracer(high, std::move(groups.high_triangles), threads, callbacks, run);
+  } else {
+    if (callbacks.phase_started) {
+      callbacks.phase_started("bvh");
+    }
+    run.backend = scene.tracer->description();
+  }
+  check_low_prep_use(*scene.prep, low_settings, {}, scene.tracer->has_name_groups());
+}
+
+}  // namespace
+
+void prepare_normal_bake_scene(const Mesh& low, const Mesh& high,
+                               const NormalBakeSettings& settings, int threads,
+                               NormalBakeScene& scene) {
+  NormalBakeRun run;
+  prepare_scene(low, high, settings, threads, {}, scene, run);
+}
+
+NormalBakeRun bake_normal_map(const Mesh& low, const Mesh& high, const NormalBakeSettings& settings,
+                              int threads, const NormalBakeCallbacks& callbacks,
+                              NormalBakeScene* scene) {
+  NormalBakeRun run;
+  run.low_triangles = low.triangles.size();
+  run.high_triangles = high.triangles.size();
+  NormalBakeScene own;
+  NormalBakeScene& used = scene != nullptr ? *scene : own;
+  prepare_scene(low, high, settings, threads, callbacks, used, run);
+  const LowPrep& prep = *used.prep;
+  const CpuTracer& tracer = *used.tracer;
+  NormalBakeSettings prep_settings = settings;
+  prep_settings.threads = threads;
 
   ResolveOptions options;
   options.distances = ray_distances(high, settings.front, settings.rear, settings.relative_scale);
   run.scale = static_cast<double>(options.distances.scale);
   run.front = options.distances.front;
   run.rear = options.distances.rear;
-  options.band_rows = plan_band_rows(settings, *tracer, callbacks, run);
-  resolve_and_fill(prep, high, *tracer, prep_settings, options, threads, callbacks, run);
+  options.band_rows = plan_band_rows(settings, tracer, callbacks, run);
+  resolve_and_fill(prep, high, tracer, prep_settings, options, threads, callbacks, run);
   return run;
 }
 

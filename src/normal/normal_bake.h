@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -72,14 +73,35 @@ struct NormalBakeRun {
   BakeMemoryReport memory;
 };
 
+class CpuTracer;
+
+// The LowPrep and the CPU tracer of a bake. The command line builds them for
+// one bake; the service keeps them between bakes of the same meshes and
+// settings, which then skip both builds. Both are read-only while a bake
+// runs; the LowPrep refers to the low mesh, so the keeper keeps that too.
+struct NormalBakeScene {
+  std::shared_ptr<const LowPrep> prep;
+  std::shared_ptr<const CpuTracer> tracer;
+};
+
 // The LowPrep a Normal bake with these settings needs: tangent frames on.
 LowPrepSettings low_prep_settings_of(const NormalBakeSettings& settings);
 
 // Bakes the high mesh onto the low mesh's UV layout with `threads` worker
 // threads (0: every hardware thread). Throws Error with the first failing
-// check's message, OutOfMemory, or Cancelled from a callback.
+// check's message, OutOfMemory, or Cancelled from a callback. With a
+// `scene`, a LowPrep or tracer it holds is used instead of being built (the
+// LowPrep is checked against the settings first), and what was built is
+// left in it for the next bake.
 NormalBakeRun bake_normal_map(const Mesh& low, const Mesh& high, const NormalBakeSettings& settings,
-                              int threads, const NormalBakeCallbacks& callbacks = {});
+                              int threads, const NormalBakeCallbacks& callbacks = {},
+                              NormalBakeScene* scene = nullptr);
+
+// Builds the LowPrep and tracer that `scene` lacks, as the bake would, ahead
+// of a bake (the service's scene.prepare).
+void prepare_normal_bake_scene(const Mesh& low, const Mesh& high,
+                               const NormalBakeSettings& settings, int threads,
+                               NormalBakeScene& scene);
 
 // Name groups for matching by name: one group per low object and one per
 // high triangle. An object's key is its name, or with `--match objects` its

@@ -266,4 +266,81 @@ inline constexpr int kChildUncaughtExit = 70;
 // threads: only the forking thread exists in it.
 ChildOutcome run_in_child(const std::function<int()>& body, const ChildLimits& limits);
 
+
+// ---- the resident service ------------------------------------------------
+
+// The service's watch on the process that started it: the process opened for
+// waiting only, and a stop event that ends the wait from this side.
+class ParentWatch {
+ public:
+  ParentWatch() = default;
+  ~ParentWatch();
+  ParentWatch(ParentWatch&& other) noexcept;
+  ParentWatch& operator=(ParentWatch&& other) noexcept;
+  ParentWatch(const ParentWatch&) = delete;
+  ParentWatch& operator=(const ParentWatch&) = delete;
+
+  // nullopt when the process is not running or the stop event cannot be made.
+  static std::optional<ParentWatch> open(std::uint32_t pid);
+  // Blocks until the parent ends (true) or stop() was called (false); the
+  // stop event is looked at first.
+  bool wait() const;
+  // Signals the stop event; safe from any thread, more than once.
+  void stop() const;
+
+ private:
+  int process_ = -1;
+  int stop_ = -1;
+};
+
+// Ends the process at once with the status: no destructors, no flushing.
+[[noreturn]] void exit_process_now(int status);
+
+// Writes to a closed pipe fail with an error instead of ending the process.
+void ignore_broken_pipe();
+
+// One read(2) of standard input (retried on EINTR): the count read, 0 at the
+// end of input, -1 on failure.
+std::int64_t read_stdin(void* data, std::size_t size);
+
+// A child process whose standard streams are pipes to us (tests and
+// benchmarks that play a client).
+class ChildProcess {
+ public:
+  ChildProcess() = default;
+  ~ChildProcess();  // kills a child still running and reaps it
+  ChildProcess(ChildProcess&& other) noexcept;
+  ChildProcess& operator=(ChildProcess&& other) noexcept;
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  // Starts argv (argv[0] the program's path); nullopt with *error set.
+  static std::optional<ChildProcess> spawn(const std::vector<std::string>& argv, int* error);
+
+  std::uint32_t pid() const { return static_cast<std::uint32_t>(pid_); }
+  // Writes every byte to the child's stdin; false when the pipe failed.
+  bool write_stdin(std::string_view bytes);
+  void close_stdin();
+  // The next line of its stdout without the newline, waiting at most
+  // timeout_ms for it; nullopt at the end of its output or on time-out
+  // (then *timed_out is true).
+  std::optional<std::string> read_line(int timeout_ms, bool* timed_out = nullptr);
+  // Everything it wrote to stderr until it closed the stream, waiting at
+  // most timeout_ms.
+  std::string read_stderr(int timeout_ms);
+  // Its exit code once it ended within timeout_ms (-1 when it did not exit
+  // normally); nullopt while it still runs.
+  std::optional<int> wait_exit(int timeout_ms);
+  // Sends SIGKILL.
+  void kill();
+
+ private:
+  int pid_ = -1;
+  int process_ = -1;  // pidfd
+  int in_ = -1, out_ = -1, err_ = -1;
+  std::string pending_;  // stdout read past the last line handed out
+  bool reaped_ = false;
+  int exit_code_ = -1;
+};
+
 }  // namespace kv::platform

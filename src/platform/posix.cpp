@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -21,7 +22,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <limits>
 #include <thread>
+#include <utility>
 
 #include "platform/platform.h"
 
@@ -941,6 +944,274 @@ ChildOutcome run_in_child(const std::function<int()>& body, const ChildLimits& l
   }
   const int code = WEXITSTATUS(status);
   return {code == kChildOutOfMemoryExit ? ChildEnd::out_of_memory : ChildEnd::exited, code};
+}
+
+// ---- the resident service ------------------------------------------------
+
+namespace {
+
+int open_pidfd(pid_t pid) {
+  return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+}
+
+void close_fd(int& fd) {
+  if (fd >= 0) {
+    ::close(fd);
+    fd = -1;
+  }
+}
+
+// Polls one descriptor for input; false on time-out (-1: no time-out).
+bool wait_readable(int fd, int timeout_ms) {
+  pollfd p{fd, POLLIN, 0};
+  for (;;) {
+    const int rc = ::poll(&p, 1, timeout_ms);
+    if (rc >= 0) {
+      return rc > 0;
+    }
+    if (errno != EINTR) {
+      return false;
+    }
+  }
+}
+
+}  // namespace
+
+ParentWatch::~ParentWatch() {
+  close_fd(process_);
+  close_fd(stop_);
+}
+
+ParentWatch::ParentWatch(ParentWatch&& other) noexcept
+    : process_(other.process_), stop_(other.stop_) {
+  other.process_ = -1;
+  other.stop_ = -1;
+}
+
+ParentWatch& ParentWatch::operator=(ParentWatch&& other) noexcept {
+  if (this != &other) {
+    close_fd(process_);
+    close_fd(stop_);
+    process_ = std::exchange(other.process_, -1);
+    stop_ = std::exchange(other.stop_, -1);
+  }
+  return *this;
+}
+
+std::optional<ParentWatch> ParentWatch::open(std::uint32_t pid) {
+  if (pid == 0 || pid > static_cast<std::uint32_t>(std::numeric_limits<pid_t>::max())) {
+    return std::nullopt;
+  }
+  ParentWatch watch;
+  watch.process_ = open_pidfd(static_cast<pid_t>(pid));
+  if (watch.process_ < 0) {
+    return std::nullopt;
+  }
+  watch.stop_ = ::eventfd(0, EFD_CLOEXEC);
+  if (watch.stop_ < 0) {
+    return std::nullopt;
+  }
+  return watch;
+}
+
+bool ParentWatch::wait() const {
+  for (;;) {
+    pollfd fds[2] = {{stop_, POLLIN, 0}, {process_, POLLIN, 0}};
+    const int rc = ::poll(fds, 2, -1);
+    if (rc < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      return false;
+    }
+    if (fds[0].revents != 0) {
+      return false;
+    }
+    if (fds[1].revents != 0) {
+      return true;
+    }
+  }
+}
+
+void ParentWatch::stop() const {
+  const std::uint64_t one = 1;
+  (void)!::write(stop_, &one, sizeof one);
+}
+
+void exit_process_now(int status) {
+  ::_exit(status);
+}
+
+void ignore_broken_pipe() {
+  struct sigaction ignore {};
+  ignore.sa_handler = SIG_IGN;
+  ::sigaction(SIGPIPE, &ignore, nullptr);
+}
+
+std::int64_t read_stdin(void* data, std::size_t size) {
+  for (;;) {
+    const ssize_t n = ::read(STDIN_FILENO, data, size);
+    if (n >= 0 || errno != EINTR) {
+      return n;
+    }
+  }
+}
+
+ChildProcess::~ChildProcess() {
+  if (pid_ > 0 && !reaped_) {
+    kill();
+    wait_exit(-1);
+  }
+  close_fd(process_);
+  close_fd(in_);
+  close_fd(out_);
+  close_fd(err_);
+}
+
+ChildProcess::ChildProcess(ChildProcess&& other) noexcept {
+  *this = std::move(other);
+}
+
+ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept {
+  if (this != &other) {
+    std::swap(pid_, other.pid_);
+    std::swap(process_, other.process_);
+    std::swap(in_, other.in_);
+    std::swap(out_, other.out_);
+    std::swap(err_, other.err_);
+    std::swap(pending_, other.pending_);
+    std::swap(reaped_, other.reaped_);
+    std::swap(exit_code_, other.exit_code_);
+  }
+  return *this;
+}
+
+std::optional<ChildProcess> ChildProcess::spawn(const std::vector<std::string>& argv, int* error) {
+  int in_pipe[2], out_pipe[2], err_pipe[2];
+  if (::pipe2(in_pipe, O_CLOEXEC) != 0) {
+    *error = errno;
+    return std::nullopt;
+  }
+  if (::pipe2(out_pipe, O_CLOEXEC) != 0 || ::pipe2(err_pipe, O_CLOEXEC) != 0) {
+    *error = errno;
+    return std::nullopt;
+  }
+  std::vector<std::string> args = argv;
+  std::vector<char*> argp;
+  for (auto& a : args) {
+    argp.push_back(a.data());
+  }
+  argp.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, in_pipe[0], STDIN_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, out_pipe[1], STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, err_pipe[1], STDERR_FILENO);
+  pid_t pid = -1;
+  const int rc = ::posix_spawn(&pid, argp[0], &actions, nullptr, argp.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  ::close(in_pipe[0]);
+  ::close(out_pipe[1]);
+  ::close(err_pipe[1]);
+  ChildProcess child;
+  child.in_ = in_pipe[1];
+  child.out_ = out_pipe[0];
+  child.err_ = err_pipe[0];
+  if (rc != 0) {
+    *error = rc;
+    return std::nullopt;
+  }
+  child.pid_ = pid;
+  child.process_ = open_pidfd(pid);
+  // Our own writes to a child that died must fail, not end the test.
+  ignore_broken_pipe();
+  return child;
+}
+
+bool ChildProcess::write_stdin(std::string_view bytes) {
+  while (!bytes.empty() && in_ >= 0) {
+    const ssize_t n = ::write(in_, bytes.data(), bytes.size());
+    if (n < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      return false;
+    }
+    bytes.remove_prefix(static_cast<std::size_t>(n));
+  }
+  return bytes.empty();
+}
+
+void ChildProcess::close_stdin() {
+  close_fd(in_);
+}
+
+std::optional<std::string> ChildProcess::read_line(int timeout_ms, bool* timed_out) {
+  if (timed_out != nullptr) {
+    *timed_out = false;
+  }
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  char buffer[65536];
+  for (;;) {
+    const std::size_t end = pending_.find('\n');
+    if (end != std::string::npos) {
+      std::string line = pending_.substr(0, end);
+      pending_.erase(0, end + 1);
+      return line;
+    }
+    if (out_ < 0) {
+      return std::nullopt;
+    }
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0 || !wait_readable(out_, static_cast<int>(left.count()))) {
+      if (timed_out != nullptr) {
+        *timed_out = true;
+      }
+      return std::nullopt;
+    }
+    const ssize_t n = ::read(out_, buffer, sizeof buffer);
+    if (n > 0) {
+      pending_.append(buffer, static_cast<std::size_t>(n));
+    } else if (n == 0 || errno != EINTR) {
+      close_fd(out_);
+    }
+  }
+}
+
+std::string ChildProcess::read_stderr(int timeout_ms) {
+  std::string text;
+  char buffer[65536];
+  while (err_ >= 0 && wait_readable(err_, timeout_ms)) {
+    const ssize_t n = ::read(err_, buffer, sizeof buffer);
+    if (n > 0) {
+      text.append(buffer, static_cast<std::size_t>(n));
+    } else if (n == 0 || errno != EINTR) {
+      close_fd(err_);
+    }
+  }
+  return text;
+}
+
+std::optional<int> ChildProcess::wait_exit(int timeout_ms) {
+  if (reaped_) {
+    return exit_code_;
+  }
+  if (process_ >= 0 && !wait_readable(process_, timeout_ms)) {
+    return std::nullopt;
+  }
+  int status = 0;
+  while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+  }
+  reaped_ = true;
+  exit_code_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return exit_code_;
+}
+
+void ChildProcess::kill() {
+  if (pid_ > 0 && !reaped_) {
+    ::kill(pid_, SIGKILL);
+  }
 }
 
 }  // namespace kv::platform

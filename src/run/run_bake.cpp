@@ -41,14 +41,14 @@ BackendChoice choose_backend(const NormalBakeSettings& settings) {
   return choice;
 }
 
-RunCounts run_counts(const NormalBakeRun& run, const BakeInputs& inputs, const PaddingCount& padded,
+RunCounts run_counts(const NormalBakeRun& run, const BakeMeshes& inputs, const PaddingCount& padded,
                      std::uint64_t texels) {
   RunCounts c;
   const NormalBakeCounters& k = run.result.counters;
   c.low_triangles = run.low_triangles;
   c.high_triangles = run.high_triangles;
-  c.low_quads_split = inputs.low.stats.quads_split;
-  c.high_quads_split = inputs.high.stats.quads_split;
+  c.low_quads_split = inputs.low_quads_split;
+  c.high_quads_split = inputs.high_quads_split;
   c.unmatched_low_objects = run.unmatched_low_objects;
   c.texels_covered = k.texels_covered;
   c.texels_valid = run.texels_valid;
@@ -68,7 +68,7 @@ RunCounts run_counts(const NormalBakeRun& run, const BakeInputs& inputs, const P
 
 // What the summary reports of the bake itself; the driver's own times and
 // the backend choice are added by the caller.
-RunResult run_result(const NormalBakeRun& run, const BakeInputs& inputs, const PaddingCount& padded,
+RunResult run_result(const NormalBakeRun& run, const BakeMeshes& inputs, const PaddingCount& padded,
                      const NormalBakeSettings& settings) {
   RunResult summary;
   summary.backend = "cpu";
@@ -100,12 +100,19 @@ Json run_bake(const NormalBakeSettings& settings, ProgressSink& sink) {
   check_bake_start(settings);
   sink.event(phase_event("load"));
   const BakeInputs inputs = load_bake_inputs(settings, sink);
-  const double load_seconds = seconds_since(start);
+  const BakeMeshes meshes{inputs.low.mesh, inputs.high.mesh, inputs.low.stats.quads_split,
+                          inputs.high.stats.quads_split};
+  return bake_loaded_meshes(settings, meshes, sink, start, seconds_since(start));
+}
 
+Json bake_loaded_meshes(const NormalBakeSettings& settings, const BakeMeshes& meshes,
+                        ProgressSink& sink, Clock::time_point start, double load_seconds,
+                        NormalBakeScene* scene) {
+  check_bake_start(settings);
   const BackendChoice backend = choose_backend(settings);
   BakeProgress progress(settings, sink);
-  NormalBakeRun run = bake_normal_map(inputs.low.mesh, inputs.high.mesh, settings, settings.threads,
-                                      progress.callbacks());
+  NormalBakeRun run = bake_normal_map(meshes.low, meshes.high, settings, settings.threads,
+                                      progress.callbacks(), scene);
 
   sink.event(phase_event("padding"));
   const Clock::time_point padding_start = Clock::now();
@@ -117,7 +124,7 @@ Json run_bake(const NormalBakeSettings& settings, ProgressSink& sink) {
   write_maps(run.result, settings);
   const double write_seconds = seconds_since(write_start);
 
-  RunResult summary = run_result(run, inputs, padded, settings);
+  RunResult summary = run_result(run, meshes, padded, settings);
   summary.gpu_unavailable = backend.gpu_unavailable;
   summary.seconds.load = load_seconds;
   summary.seconds.padding = padding_seconds;

@@ -122,7 +122,8 @@ TEST(Dispatch, GpuInfo) {
 }
 
 TEST(Dispatch, OtherCommandsOnlyAsFirstArgument) {
-  for (const char* command : {"serve", "meshmaps"}) {
+  expect_usage_error({"serve"}, "korvane serve needs --parent-pid <pid>");
+  for (const char* command : {"meshmaps"}) {
     const auto r = run_korvane({command});
     EXPECT_EQ(r.exit_code, 1) << command;
     EXPECT_EQ(r.err, std::string("korvane: korvane ") + command + " is not built yet\n");

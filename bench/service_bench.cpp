@@ -1,0 +1,163 @@
+// The resident service against the command line, in one run on the same
+// standard scene: a warm service bake (meshes loaded, LowPrep and tracer
+// kept) against the trace-and-resolve phases of the command-line bake; the
+// hello round trip while a bake runs; 10,000 malformed requests.
+//
+//   service_bench [--threads N] [--size S] [--aa A]
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/bench_common.h"
+#include "core/json_line.h"
+#include "mesh/kvm_file.h"
+#include "platform/platform.h"
+#include "scene/standard_scene.h"
+
+using kv::Json;
+using kv::bench::Clock;
+using kv::bench::int_option;
+using kv::bench::seconds_since;
+
+namespace {
+
+constexpr int kTimeoutMs = 600000;
+
+// Reads lines until the final reply of `id` (a "queued" reply is skipped).
+Json reply_of(kv::platform::ChildProcess& service, std::int64_t id) {
+  for (;;) {
+    const auto line = service.read_line(kTimeoutMs);
+    if (!line) {
+      std::fprintf(stderr, "the service stopped answering\n");
+      std::exit(1);
+    }
+    Json value = Json::parse(*line);
+    if (value.contains("ok") && value["id"] == id && !value.contains("queued")) {
+      return value;
+    }
+  }
+}
+
+Json call(kv::platform::ChildProcess& service, const Json& request) {
+  service.write_stdin(kv::json_line(request) + "\n");
+  return reply_of(service, request.at("id").get<std::int64_t>());
+}
+
+Json bake_request(std::int64_t id, int size, int aa, int threads,
+                  const std::filesystem::path& out) {
+  return Json{{"id", id},
+              {"op", "bake"},
+              {"low", "low"},
+              {"high", "high"},
+              {"settings",
+               {"--size", std::to_string(size), "--aa", std::to_string(aa), "--threads",
+                std::to_string(threads)}},
+              {"outputs", {{"normal", out.string()}}}};
+}
+
+double median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values[values.size() / 2];
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const int threads = int_option(argc, argv, "--threads", 2);
+  const int size = int_option(argc, argv, "--size", 2048);
+  const int aa = int_option(argc, argv, "--aa", 1);
+  const auto folder = std::filesystem::temp_directory_path() /
+                      ("kv-service-bench-" + std::to_string(kv::platform::process_id()));
+  std::filesystem::create_directories(folder);
+  {
+    const kv::bench::StandardScene scene = kv::bench::make_standard_scene();
+    kv::write_kvm(folder / "low.kvm", scene.low, kv::kKvmUvDouble | kv::kKvmNormalsAsIs);
+    kv::write_kvm(folder / "high.kvm", scene.high, kv::kKvmUvDouble | kv::kKvmNormalsAsIs);
+  }
+
+  // The command line's bake and its trace-and-resolve phases.
+  const kv::platform::ProcessResult cli = kv::platform::run_process(
+      {KV_BINARY, "--low", (folder / "low.kvm").string(), "--high", (folder / "high.kvm").string(),
+       "--size", std::to_string(size), "--aa", std::to_string(aa), "--threads",
+       std::to_string(threads), "--out-normal", (folder / "cli.exr").string()},
+      "");
+  if (cli.exit_code != 0) {
+    std::fprintf(stderr, "the command-line bake failed: %s", cli.err.c_str());
+    return 1;
+  }
+  // The summary is stdout's last line.
+  const std::string out = cli.out.substr(0, cli.out.find_last_not_of('\n') + 1);
+  const Json summary = Json::parse(out.substr(out.rfind('\n') + 1));
+  const double cli_trace = summary["seconds"]["trace"].get<double>();
+
+  int error = 0;
+  auto service = kv::platform::ChildProcess::spawn(
+      {KV_BINARY, "serve", "--parent-pid", std::to_string(kv::platform::process_id()), "--threads",
+       std::to_string(threads)},
+      &error);
+  if (!service) {
+    std::fprintf(stderr, "cannot start the service\n");
+    return 1;
+  }
+  call(*service, {{"id", 1},
+                  {"op", "mesh.load_file"},
+                  {"key", "low"},
+                  {"path", (folder / "low.kvm").string()}});
+  call(*service, {{"id", 2},
+                  {"op", "mesh.load_file"},
+                  {"key", "high"},
+                  {"path", (folder / "high.kvm").string()}});
+  call(*service, bake_request(3, size, aa, threads, folder / "cold.exr"));  // builds the scene
+  Clock::time_point start = Clock::now();
+  call(*service, bake_request(4, size, aa, threads, folder / "warm.exr"));
+  const double warm = seconds_since(start);
+
+  // hello while a bake runs: the bake's events interleave with the replies.
+  service->write_stdin(kv::json_line(bake_request(5, size, aa, threads, folder / "busy.exr")) +
+                       "\n");
+  std::vector<double> round_trips;
+  for (int i = 0; i < 200; ++i) {
+    start = Clock::now();
+    call(*service, {{"id", 100 + i}, {"op", "hello"}});
+    round_trips.push_back(seconds_since(start));
+  }
+  reply_of(*service, 5);
+
+  // 10,000 malformed requests, written while the replies are read.
+  std::string malformed;
+  for (int i = 0; i < 10000; ++i) {
+    malformed += (i % 2 == 0) ? "{\"id\":" + std::to_string(i) + ",\"op\":\"nope\"}\n" : "[1,\n";
+  }
+  start = Clock::now();
+  std::thread writer([&] { service->write_stdin(malformed); });
+  for (int i = 0; i < 10000; ++i) {
+    if (!service->read_line(kTimeoutMs)) {
+      std::fprintf(stderr, "the service stopped answering\n");
+      return 1;
+    }
+  }
+  const double malformed_seconds = seconds_since(start);
+  writer.join();
+  call(*service, {{"id", -1}, {"op", "shutdown"}});
+  service->wait_exit(kTimeoutMs);
+  const bool same = [&] {
+    int e = 0;
+    return kv::platform::read_file(folder / "cli.exr", &e) ==
+           kv::platform::read_file(folder / "warm.exr", &e);
+  }();
+  std::filesystem::remove_all(folder);
+
+  std::printf("standard scene %dx%d aa %d, %d threads\n", size, size, aa, threads);
+  std::printf("command line trace+resolve: %.3f s\n", cli_trace);
+  std::printf("warm service bake (whole request): %.3f s\n", warm);
+  std::printf("ratio warm service bake / command-line trace+resolve: %.3f (target <= 1.1)\n",
+              warm / cli_trace);
+  std::printf("warm bake equals the command line's map: %s\n", same ? "yes" : "NO");
+  std::printf("hello round trip while a bake runs: median %.3f ms (target < 1 ms)\n",
+              median(round_trips) * 1000.0);
+  std::printf("10,000 malformed requests: %.3f s (target < 2 s)\n", malformed_seconds);
+  return same ? 0 : 1;
+}

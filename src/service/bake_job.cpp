@@ -1,0 +1,274 @@
+// The bake job: meshes from the store, settings from the client, and the
+// same bake the command line runs.
+#include <functional>
+
+#include "core/error.h"
+#include "run/bake_options.h"
+#include "run/run_bake.h"
+#include "service/job_sink.h"
+#include "service/memory_estimate.h"
+#include "service/mesh_join.h"
+#include "service/protocol_error.h"
+#include "service/request_rules.h"
+#include "service/scene_cache.h"
+#include "service/service.h"
+
+namespace kv::service {
+namespace {
+
+constexpr std::uint64_t kMiB = 1048576;
+
+NormalBakeSettings read_settings(const FieldReader& fields, int threads) {
+  const std::vector<std::string> list = fields.strings(fields.at("settings"), "settings");
+  NormalBakeSettings settings;
+  try {
+    settings = pipeline::parseBakeSettings(list);
+  } catch (const pipeline::UsageError& error) {
+    fields.fail("settings", error.what());
+  }
+  if (settings.threads == 0) {
+    settings.threads = threads;
+  }
+  return settings;
+}
+
+// One output: a path string or {"path": ...}; a section is not written by
+// this build.
+std::filesystem::path read_output(const FieldReader& fields, const Json& value,
+                                  const std::string& field) {
+  if (value.is_string()) {
+    const std::string text = fields.string(value, field);
+    return std::filesystem::path(std::u8string(text.begin(), text.end()));
+  }
+  if (!value.is_object()) {
+    fields.fail(field, "expected a path or an object, got " + json_type_name(value));
+  }
+  const FieldReader output(value, fields.context() + ": " + field, fields.id());
+  output.expect({}, {"path", "section", "size"});
+  if (!output.has("path") && !output.has("section")) {
+    fields.fail(field, "needs a path, a section, or both");
+  }
+  if (output.has("section") && !output.has("size")) {
+    fields.fail(field, "needs a section and its size");
+  }
+  if (output.has("section")) {
+    fields.fail(field, "sections are not available in this korvane build");
+  }
+  const std::string text = output.string("path");
+  return std::filesystem::path(std::u8string(text.begin(), text.end()));
+}
+
+void read_outputs(const FieldReader& fields, NormalBakeSettings& settings) {
+  const Json& outputs = fields.object(fields.at("outputs"), "outputs");
+  const FieldReader reader(outputs, fields.context() + ": outputs", fields.id());
+  reader.expect({"normal"}, {"opacity"});
+  settings.out_normal = read_output(fields, outputs.at("normal"), "outputs.normal");
+  if (outputs.contains("opacity")) {
+    settings.out_opacity = read_output(fields, outputs.at("opacity"), "outputs.opacity");
+  }
+}
+
+// Keys a job releases when it ends, however it ends.
+class ReleaseAfter {
+ public:
+  ReleaseAfter(std::function<void(const std::vector<std::string>&)> release,
+               std::vector<std::string> keys)
+      : release_(std::move(release)), keys_(std::move(keys)) {}
+  ~ReleaseAfter() { release_(keys_); }
+  ReleaseAfter(const ReleaseAfter&) = delete;
+  ReleaseAfter& operator=(const ReleaseAfter&) = delete;
+
+ private:
+  std::function<void(const std::vector<std::string>&)> release_;
+  std::vector<std::string> keys_;
+};
+
+struct SceneKeys {
+  std::string prep;
+  std::string tracer;
+};
+
+SceneKeys scene_keys_of(const NormalBakeSettings& settings, const std::string& low,
+                        std::uint64_t low_generation,
+                        const std::vector<std::pair<std::string, std::uint64_t>>& used) {
+  std::string high_text;
+  for (std::size_t i = 1; i < used.size(); ++i) {  // used[0] is the low mesh
+    high_text += std::to_string(used[i].first.size()) + ":" + used[i].first + "#" +
+                 std::to_string(used[i].second) + " ";
+  }
+  return {prep_key(settings, low, low_generation, high_text),
+          tracer_key(settings, low, low_generation, high_text)};
+}
+
+StoredMesh stored_mesh(const MeshStore& store, const Job& job, const std::string& key) {
+  std::optional<StoredMesh> stored = store.find(key);
+  if (!stored) {
+    throw ProtocolError(job.id, job.op + ": no mesh is loaded under the key \"" + key + "\"");
+  }
+  return *stored;
+}
+
+}  // namespace
+
+void Service::bake(const Request& request, const FieldReader& fields) {
+  const std::string low = read_key(fields, fields.at("low"), "low");
+  const std::vector<std::string> high = read_keys(fields, "high");
+  NormalBakeSettings settings = read_settings(fields, counts_.threads);
+  read_outputs(fields, settings);
+  if (fields.has("preview")) {
+    fields.fail("preview", "not available in this korvane build");
+  }
+  const std::vector<std::string> release_after =
+      fields.has("release_after") ? fields.strings(fields.at("release_after"), "release_after")
+                                  : std::vector<std::string>();
+  // The early reply goes out before the job can write anything of its own.
+  refuse_running_id(request);
+  output_.write_line(success_reply(request.id, Json{{"queued", true}}));
+  queue(request, JobLane::bake, [=, this](Job& job) {
+    const ReleaseAfter release([this](const std::vector<std::string>& keys) { release_keys(keys); },
+                               release_after);
+    const Clock::time_point start = Clock::now();
+    if (job.cancel.load()) {
+      throw Cancelled(job.op + ": cancelled");
+    }
+    // The meshes are looked up when the job starts, after any load into
+    // their keys, so a bake may follow its loads without waiting for their
+    // replies.
+    std::vector<std::string> keys = high;
+    keys.push_back(low);
+    meshes_.wait_for_loads(keys, job.cancel);
+    if (job.cancel.load()) {
+      throw Cancelled(job.op + ": cancelled");
+    }
+    const StoredMesh low_mesh = stored_mesh(meshes_, job, low);
+    std::vector<std::pair<std::string, std::uint64_t>> used = {{low, low_mesh.generation}};
+    std::vector<StoredMesh> highs;
+    std::vector<const Mesh*> high_meshes;
+    for (const std::string& key : high) {
+      highs.push_back(stored_mesh(meshes_, job, key));
+      used.emplace_back(key, highs.back().generation);
+      high_meshes.push_back(highs.back().mesh.get());
+    }
+    check_budget(job, settings, *low_mesh.mesh, high_meshes);
+    NormalBakeScene scene;
+    const SceneKeys scene_keys = scene_keys_of(settings, low, low_mesh.generation, used);
+    scene.prep = scenes_.find_prep(scene_keys.prep);
+    std::shared_ptr<const Mesh> high_mesh;
+    if (std::optional<KeptTracer> kept = scenes_.find_tracer(scene_keys.tracer)) {
+      scene.tracer = kept->tracer;
+      high_mesh = kept->high;
+    } else if (highs.size() == 1) {
+      high_mesh = highs.front().mesh;
+    } else {
+      // Several high keys bake as one mesh, a joined copy kept with its
+      // tracer.
+      high_mesh = std::make_shared<const Mesh>(join_meshes(high_meshes));
+    }
+    std::uint64_t high_quads = 0;
+    for (const StoredMesh& h : highs) {
+      high_quads += h.stats.quads_split;
+    }
+    std::vector<std::string> all_keys = high;
+    all_keys.push_back(low);
+    // What the bake built is kept however it ends: a cancelled bake's scene
+    // serves the next one.
+    const auto keep_scene = [&] {
+      if (scene.prep) {
+        scenes_.keep_prep(scene_keys.prep, scene.prep, low_mesh.mesh, all_keys);
+      }
+      if (scene.tracer) {
+        scenes_.keep_tracer(scene_keys.tracer, {scene.tracer, high_mesh}, all_keys);
+      }
+    };
+    JobSink sink(job, output_, meshes_, std::move(used));
+    const run::BakeMeshes meshes{*low_mesh.mesh, *high_mesh, low_mesh.stats.quads_split,
+                                 high_quads};
+    Json reply = Json::object();
+    try {
+      reply["summary"] = run::bake_loaded_meshes(settings, meshes, sink, start, 0.0, &scene);
+    } catch (...) {
+      keep_scene();
+      throw;
+    }
+    keep_scene();
+    return success_reply(job.id, reply);
+  });
+}
+
+// Refuses, before any work, a bake that cannot fit the memory budget.
+void Service::check_budget(const Job& job, const NormalBakeSettings& settings, const Mesh& low,
+                           const std::vector<const Mesh*>& highs) const {
+  if (budget_bytes_ == 0) {
+    return;
+  }
+  JobShape shape{};
+  shape.width = static_cast<std::uint32_t>(settings.width);
+  shape.height = static_cast<std::uint32_t>(settings.height);
+  shape.antialias = static_cast<std::uint32_t>(settings.aa);
+  shape.maps = {"normal"};
+  if (!settings.out_opacity.empty()) {
+    shape.maps.push_back("opacity");
+  }
+  shape.gpu = settings.backend == "gpu";
+  shape.low_triangles = low.triangles.size();
+  for (const Mesh* high : highs) {
+    shape.high_triangles += high->triangles.size();
+  }
+  const MemoryEstimate estimate = estimate_job_memory(shape);
+  if (estimate.total_bytes > budget_bytes_) {
+    throw ProtocolError(job.id, out_of_memory_message(job.op, estimate.total_bytes),
+                        out_of_memory_fields(estimate.total_bytes));
+  }
+}
+
+void Service::prepare_scene(const Request& request, const FieldReader& fields) {
+  const std::string low = read_key(fields, fields.at("low"), "low");
+  const std::vector<std::string> high = read_keys(fields, "high");
+  const bool with_settings = fields.has("settings");
+  const NormalBakeSettings settings =
+      with_settings ? read_settings(fields, counts_.threads) : NormalBakeSettings();
+  refuse_running_id(request);
+  output_.write_line(success_reply(request.id, Json{{"queued", true}}));
+  queue(request, JobLane::bake, [=, this](Job& job) {
+    std::vector<std::string> keys = high;
+    keys.push_back(low);
+    meshes_.wait_for_loads(keys, job.cancel);
+    if (job.cancel.load()) {
+      throw Cancelled(job.op + ": cancelled");
+    }
+    const StoredMesh low_mesh = stored_mesh(meshes_, job, low);
+    std::vector<std::pair<std::string, std::uint64_t>> used = {{low, low_mesh.generation}};
+    std::vector<StoredMesh> highs;
+    std::vector<const Mesh*> high_meshes;
+    for (const std::string& key : high) {
+      highs.push_back(stored_mesh(meshes_, job, key));
+      used.emplace_back(key, highs.back().generation);
+      high_meshes.push_back(highs.back().mesh.get());
+    }
+    const SceneKeys scene_keys = scene_keys_of(settings, low, low_mesh.generation, used);
+    KeptTracer kept = scenes_.find_tracer(scene_keys.tracer).value_or(KeptTracer{});
+    if (!kept.high) {
+      kept.high = highs.size() == 1 ? highs.front().mesh
+                                    : std::make_shared<const Mesh>(join_meshes(high_meshes));
+    }
+    NormalBakeScene scene;
+    scene.tracer = kept.tracer;
+    Json reply = Json::object();
+    if (with_settings) {
+      scene.prep = scenes_.find_prep(scene_keys.prep);
+      prepare_normal_bake_scene(*low_mesh.mesh, *kept.high, settings, settings.threads, scene);
+      scenes_.keep_prep(scene_keys.prep, scene.prep, low_mesh.mesh, keys);
+    } else if (!scene.tracer) {
+      // Without settings there is no LowPrep to build, only the tracer.
+      bool retried = false;
+      scene.tracer = build_cpu_tracer_with_retry(*kept.high, {}, counts_.threads, &retried);
+    }
+    kept.tracer = scene.tracer;
+    scenes_.keep_tracer(scene_keys.tracer, kept, keys);
+    reply["low_prep"] = with_settings;
+    reply["scene"] = true;
+    return success_reply(job.id, reply);
+  });
+}
+
+}  // namespace kv::service

@@ -1,0 +1,155 @@
+#include "service/request_rules.h"
+
+#include <set>
+
+namespace kv::service {
+namespace {
+
+constexpr std::size_t kMaxKeyBytes = 1024;
+constexpr std::size_t kMaxNames = 4096;
+constexpr std::size_t kMaxNameBytes = 1024;
+constexpr std::size_t kMaxNameTotal = 262144;
+
+std::string indexed(std::string_view field, std::size_t i) {
+  return std::string(field) + "[" + std::to_string(i) + "]";
+}
+
+}  // namespace
+
+std::string read_key(const FieldReader& fields, const Json& value, std::string_view field) {
+  const std::string key = fields.string(value, field, true, 8192);
+  if (key.size() > kMaxKeyBytes) {
+    fields.fail(field, "keys must be 1 to 1024 bytes");
+  }
+  return key;
+}
+
+std::vector<std::string> read_keys(const FieldReader& fields, std::string_view field) {
+  const Json& value = fields.at(field);
+  if (value.is_string()) {
+    return {read_key(fields, value, field)};
+  }
+  if (!value.is_array() || value.empty()) {
+    fields.fail(field, "expected a key or a list of keys, got " + json_type_name(value));
+  }
+  std::vector<std::string> keys;
+  for (std::size_t i = 0; i < value.size(); ++i) {
+    keys.push_back(read_key(fields, value[i], indexed(field, i)));
+  }
+  return keys;
+}
+
+MeshPlacement read_placement(const FieldReader& fields) {
+  MeshPlacement placement;
+  if (fields.has("up")) {
+    const std::string up = fields.string("up");
+    if (up != "Y" && up != "Z") {
+      fields.fail("up", "expected Y or Z");
+    }
+    if (fields.has("matrix")) {
+      fields.fail("up", "give up or matrix, not both");
+    }
+    placement.up_y = up == "Y";
+  }
+  if (fields.has("matrix")) {
+    const std::vector<double> m =
+        fields.numbers(fields.at("matrix"), "matrix", 16, "every element must be finite");
+    if (m[12] != 0.0 || m[13] != 0.0 || m[14] != 0.0 || m[15] != 1.0) {
+      fields.fail("matrix", "the last row must be 0 0 0 1");
+    }
+    std::array<double, 16> matrix{};
+    std::copy(m.begin(), m.end(), matrix.begin());
+    placement.matrix = matrix;
+  }
+  return placement;
+}
+
+std::vector<std::string> read_name_filter(const FieldReader& fields, std::string_view field) {
+  std::vector<std::string> names = fields.strings(fields.at(field), field);
+  if (names.size() > kMaxNames) {
+    fields.fail(field, "at most 4096 names");
+  }
+  std::set<std::string_view> seen;
+  std::size_t total = 0;
+  for (const std::string& name : names) {
+    if (name.empty() || name.size() > kMaxNameBytes) {
+      fields.fail(field, "names must be 1 to 1024 bytes");
+    }
+    if (!seen.insert(name).second) {
+      fields.fail(field, "names must not repeat");
+    }
+    total += name.size();
+  }
+  if (total > kMaxNameTotal) {
+    fields.fail(field, "the names must total at most 262144 bytes");
+  }
+  return names;
+}
+
+QuadPolicy read_quads(const FieldReader& fields) {
+  if (!fields.has("quads")) {
+    return QuadPolicy::split;
+  }
+  const std::string quads = fields.string("quads");
+  if (quads != "split" && quads != "reject") {
+    fields.fail("quads", "expected split or reject");
+  }
+  return quads == "reject" ? QuadPolicy::reject : QuadPolicy::split;
+}
+
+std::vector<SectionObject> read_section_objects(const FieldReader& fields) {
+  const Json& list = fields.objects(fields.at("objects"), "objects");
+  std::vector<SectionObject> objects;
+  for (std::size_t i = 0; i < list.size(); ++i) {
+    const FieldReader o(list[i], fields.context() + ": " + indexed("objects", i), fields.id());
+    o.expect({"name", "vertices", "triangles", "positions", "indices"}, {"uvs", "normals"});
+    SectionObject object;
+    object.name = o.string("name", true, kMaxNameBytes);
+    object.vertices = o.non_negative("vertices");
+    object.triangles = o.non_negative("triangles");
+    object.positions = o.non_negative("positions");
+    object.indices = o.non_negative("indices");
+    if (o.has("uvs")) {
+      object.uvs = o.non_negative("uvs");
+    }
+    if (o.has("normals")) {
+      object.normals = o.non_negative("normals");
+    }
+    objects.push_back(std::move(object));
+  }
+  return objects;
+}
+
+std::uint32_t read_antialias(const FieldReader& fields) {
+  const std::uint64_t aa = fields.non_negative("antialias");
+  if (aa != 1 && aa != 2 && aa != 4 && aa != 8) {
+    fields.fail("antialias", "expected 1, 2, 4 or 8");
+  }
+  return static_cast<std::uint32_t>(aa);
+}
+
+bool read_backend_is_gpu(const FieldReader& fields) {
+  const std::string backend = fields.string("backend");
+  if (backend != "cpu" && backend != "gpu") {
+    fields.fail("backend", "expected cpu or gpu");
+  }
+  return backend == "gpu";
+}
+
+std::vector<std::string> read_maps(const FieldReader& fields) {
+  static const std::set<std::string> known = {
+      "normal", "opacity",      "ao", "thickness", "curvature",
+      "height", "world_normal", "id", "position",  "bent_normals"};
+  std::vector<std::string> maps = fields.strings(fields.at("maps"), "maps");
+  if (maps.empty()) {
+    fields.fail("maps", "needs at least one map");
+  }
+  for (const std::string& map : maps) {
+    if (known.count(map) == 0) {
+      fields.fail("maps", "unknown map \"" + map + "\"");
+    }
+  }
+  return maps;
+}
+
+}  // namespace kv::service

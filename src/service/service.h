@@ -1,0 +1,89 @@
+// The service's state and its handling of one request line: the request
+// frame, the dispatch by op, the immediate replies and the queued jobs.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "core/json_line.h"
+#include "normal/normal_bake_settings.h"
+#include "service/field_reader.h"
+#include "service/job_runner.h"
+#include "service/line_writer.h"
+#include "service/mesh_store.h"
+#include "service/request.h"
+#include "service/scene_cache.h"
+#include "service/serve_options.h"
+
+namespace kv::service {
+
+class Service {
+ public:
+  Service(const ServeOptions& options, const ResolvedCounts& counts, Output& output);
+
+  // Handles one request line: every failure becomes one error reply.
+  void handle_line(std::string_view line);
+
+  bool shutdown_requested() const { return shutdown_.load(); }
+  JobRunner& runner() { return runner_; }
+  MeshStore& meshes() { return meshes_; }
+  SceneCache& scenes() { return scenes_; }
+  // The memory budget in bytes; 0 when none is known.
+  std::uint64_t budget_bytes() const { return budget_bytes_; }
+
+ private:
+  void dispatch(const Request& request);
+  Json hello_fields();
+  Json cache_status() const;
+  Json memory_trim(const FieldReader& fields);
+  Json memory_estimate(const FieldReader& fields);
+  Json release(const FieldReader& fields);
+  // Releases mesh keys and drops the scenes built from them.
+  std::vector<std::string> release_keys(const std::vector<std::string>& keys);
+  Json cancel(const FieldReader& fields);
+  void queue(const Request& request, JobLane lane, std::function<std::string(Job&)> run);
+  // "<op>: job <id> is already queued or running".
+  void refuse_running_id(const Request& request) const;
+
+  // Mesh loads (mesh_ops.cpp).
+  void load_file(const Request& request, const FieldReader& fields);
+  void load_section(const Request& request, const FieldReader& fields);
+  void list_objects(const Request& request, const FieldReader& fields);
+  // Answers at once when the key holds the mesh of that hash (or token).
+  bool reuse_loaded(const Request& request, const std::string& key, const std::string& token,
+                    const std::string& hash);
+  std::string finish_load(Job& job, const std::string& key, std::uint64_t generation, Mesh&& mesh,
+                          const MeshStats& stats, const std::string& token,
+                          const std::string& hash);
+
+  // Bakes (bake_job.cpp).
+  void bake(const Request& request, const FieldReader& fields);
+  void prepare_scene(const Request& request, const FieldReader& fields);
+  void check_budget(const Job& job, const NormalBakeSettings& settings, const Mesh& low,
+                    const std::vector<const Mesh*>& highs) const;
+
+  // The refusal of work that needs more than the budget (memory_request.cpp).
+  std::string out_of_memory_message(const std::string& op, std::uint64_t need_bytes) const;
+  Json out_of_memory_fields(std::uint64_t need_bytes) const;
+
+  std::string job_failure(const Job& job, std::exception_ptr error) const;
+
+  ServeOptions options_;
+  ResolvedCounts counts_;
+  Output& output_;
+  std::uint64_t budget_bytes_ = 0;  // 0: no budget known
+  MeshStore meshes_;
+  SceneCache scenes_;
+  std::once_flag gpu_probed_;
+  Json gpu_ = nullptr;
+  std::atomic<bool> shutdown_{false};
+  JobRunner runner_;  // last: its threads stop before the rest goes
+};
+
+}  // namespace kv::service
