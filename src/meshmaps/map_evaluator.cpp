@@ -40,6 +40,22 @@ bool surface_of(const Mesh& high, const RayHit& hit, HitSurface& s) {
   return normalize_in_place(s.normal);
 }
 
+// The tangent-space vector c in the low frame at raster barycentrics
+// (b1, b2), as a unit vector in the mesh's axes; false when it has no length.
+bool from_tangent_space(std::span<const TangentFrame, 3> corners, double b1, double b2,
+                        const Vec3f& c, Vec3f& out) {
+  const double b0 = 1.0 - b1 - b2;
+  const Vec3d t = blend_102(widen(corners[0].tangent), widen(corners[1].tangent),
+                            widen(corners[2].tangent), b0, b1, b2);
+  const Vec3d n = blend_102(widen(corners[0].normal), widen(corners[1].normal),
+                            widen(corners[2].normal), b0, b1, b2);
+  const Vec3d b = scaled(cross(n, t), corners[0].sign < 0.0f ? -1.0 : 1.0);
+  for (std::size_t k = 0; k < 3; ++k) {
+    out[k] = static_cast<float>(t[k] * c[0] + b[k] * c[1] + n[k] * c[2]);
+  }
+  return normalize_in_place(out);
+}
+
 }  // namespace
 
 PositionScale position_scale(const Mesh& low, PositionMode mode, PositionNormalization how) {
@@ -142,7 +158,6 @@ void MeshMapsEvaluator::evaluate(std::uint64_t chunk, const SampleRows& rows) {
 void MeshMapsEvaluator::sample(const SampleRows& rows, std::int32_t x, std::int32_t y,
                                std::uint32_t index, const SubSample& s, const RayHit& hit,
                                SecondaryRays& rays, TexelSums& sums) const {
-  (void)rows;
   const MapRequest& want = setup_.request;
   HitSurface surface;
   if (!surface_of(*setup_.high, hit, surface)) {
@@ -153,6 +168,23 @@ void MeshMapsEvaluator::sample(const SampleRows& rows, std::int32_t x, std::int3
     surface.group =
         static_cast<std::int32_t>(setup_.high_groups[static_cast<std::size_t>(hit.triangle)]);
   }
+  std::size_t map_texel = 0;
+  if (setup_.normal_map != nullptr) {
+    const auto aa = static_cast<std::uint32_t>(rows.aa);
+    const double fu =
+        (static_cast<double>(x) * aa + index % aa + 0.5) / (static_cast<double>(rows.width) * aa);
+    const double fv = (static_cast<double>(y) * aa + index / aa + 0.5) /
+                      (static_cast<double>(prep_.settings().height) * aa);
+    map_texel = setup_.normal_map->texel_at(fu, fv);
+    if (setup_.normal_map_shading) {
+      const std::span<const TangentFrame, 3> corners(
+          prep_.tangent_frames().data() + static_cast<std::size_t>(s.triangle) * 3, 3);
+      Vec3f shaded{};
+      if (from_tangent_space(corners, s.b1, s.b2, setup_.normal_map->normals[map_texel], shaded)) {
+        surface.normal = shaded;
+      }
+    }
+  }
   const NoiseTable* noise = setup_.noise;
   if (want.ao) {
     sums.ao += rays.ambient_occlusion(setup_.ao, setup_.ao_attenuation, setup_.ground, surface,
@@ -162,7 +194,10 @@ void MeshMapsEvaluator::sample(const SampleRows& rows, std::int32_t x, std::int3
     sums.thickness += rays.thickness(setup_.thickness, surface,
                                      sample_rotation(x, y, index, kSaltThickness, noise));
   }
-  if (want.curvature) {
+  if (want.curvature && setup_.curvature_from_normal_map) {
+    sums.curvature += setup_.normal_map->divergence(map_texel);
+    ++sums.curvature_count;
+  } else if (want.curvature) {
     bool found = false;
     const double c = rays.curvature(setup_.curvature, surface,
                                     sample_rotation(x, y, index, kSaltCurvature, noise), &found);

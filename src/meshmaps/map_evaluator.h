@@ -11,6 +11,7 @@
 #include "mesh/mesh.h"
 #include "meshmaps/id_colors.h"
 #include "meshmaps/map_buffers.h"
+#include "meshmaps/normal_map_input.h"
 #include "meshmaps/sample_directions.h"
 #include "meshmaps/secondary_rays.h"
 #include "sampling/band_loop.h"
@@ -43,6 +44,11 @@ struct EvaluatorSetup {
   std::int32_t world_up = 2;  // 2: z up, 1: y up
   PositionScale position;
   bool directx = false;
+  // --normal-map: the low surface's shading normals under --low-as-high, and
+  // the curvature of the normal-map method.
+  const NormalMapImage* normal_map = nullptr;
+  bool normal_map_shading = false;
+  bool curvature_from_normal_map = false;
 };
 
 class MeshMapsEvaluator final : public TexelEvaluator {

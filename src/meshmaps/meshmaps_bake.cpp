@@ -54,11 +54,15 @@ float lowest(const Mesh& high, std::int32_t axis) {
 }
 
 EvaluatorSetup evaluator_setup(const Mesh& low, const Mesh& high, const MeshMapsSettings& s,
-                               const NoiseTable* noise, const RayDistances& d, float scale,
+                               const BakeExtras& extras, const RayDistances& d, float scale,
                                std::vector<std::uint32_t> high_groups) {
   EvaluatorSetup e;
   e.high = &high;
-  e.noise = noise;
+  e.noise = extras.noise;
+  e.normal_map = extras.normal_map;
+  e.normal_map_shading = extras.normal_map != nullptr && s.low_as_high;
+  e.curvature_from_normal_map =
+      extras.normal_map != nullptr && s.curvature_method == CurvatureMethod::normal_map;
   e.request = request_of(s);
   e.ao = map_rays(s.ao, scale, 1);
   e.bent = map_rays(s.bent, scale, 2);
@@ -120,7 +124,7 @@ MapRequest request_of(const MeshMapsSettings& s) {
 }
 
 MeshMapsRun bake_mesh_maps(const Mesh& low, const Mesh& high, const MeshMapsSettings& s,
-                           const MeshMapsEnvironment& env, const NoiseTable* noise, int threads) {
+                           const MeshMapsEnvironment& env, const BakeExtras& extras, int threads) {
   MeshMapsRun run;
   run.low_triangles = low.triangles.size();
   run.high_triangles = high.triangles.size();
@@ -135,7 +139,8 @@ MeshMapsRun bake_mesh_maps(const Mesh& low, const Mesh& high, const MeshMapsSett
   NormalBakeSettings prep_settings = s.bake;
   prep_settings.threads = threads;
   LowPrepSettings low_settings = low_prep_settings_of(prep_settings);
-  low_settings.tangent_frames = !s.out.bent_normals.empty();
+  low_settings.tangent_frames =
+      !s.out.bent_normals.empty() || (extras.normal_map != nullptr && s.low_as_high);
   const std::vector<std::uint32_t> no_groups;
   const LowPrep prep = LowPrep::build(
       low, s.bake.match_by_name ? std::span(groups.low_objects) : std::span(no_groups),
@@ -147,7 +152,7 @@ MeshMapsRun bake_mesh_maps(const Mesh& low, const Mesh& high, const MeshMapsSett
   const double extent = mesh_extent(high);
   run.extent = extent > 0.0 ? static_cast<float>(extent) : 1.0f;
   const EvaluatorSetup setup =
-      evaluator_setup(low, high, s, noise, d, run.extent, groups.high_triangles);
+      evaluator_setup(low, high, s, extras, d, run.extent, groups.high_triangles);
   run.seconds.setup = seconds_since(start);
 
   const std::unique_ptr<CpuTracer> tracer =

@@ -10,6 +10,7 @@
 #include "mesh/mesh.h"
 #include "meshmaps/map_buffers.h"
 #include "meshmaps/meshmaps_settings.h"
+#include "meshmaps/normal_map_input.h"
 #include "meshmaps/sample_directions.h"
 #include "normal/normal_bake.h"
 
@@ -40,9 +41,15 @@ struct MeshMapsRun {
 // The buffers the outputs need; --out-raw needs the four raw maps.
 MapRequest request_of(const MeshMapsSettings& settings);
 
+// What the bake reads beside the meshes; null where not given.
+struct BakeExtras {
+  const NoiseTable* noise = nullptr;
+  const NormalMapImage* normal_map = nullptr;
+};
+
 // Bakes with `threads` worker threads (0: every hardware thread). `high` is
 // the low mesh itself under --low-as-high. Throws Error, OutOfMemory.
 MeshMapsRun bake_mesh_maps(const Mesh& low, const Mesh& high, const MeshMapsSettings& settings,
-                           const MeshMapsEnvironment& env, const NoiseTable* noise, int threads);
+                           const MeshMapsEnvironment& env, const BakeExtras& extras, int threads);
 
 }  // namespace kv::meshmaps

@@ -10,6 +10,7 @@
 #include "meshmaps/meshmaps_options.h"
 #include "meshmaps/meshmaps_output.h"
 #include "meshmaps/meshmaps_summary.h"
+#include "meshmaps/normal_map_input.h"
 #include "meshmaps/sample_directions.h"
 #include "platform/platform.h"
 #include "run/bake_inputs.h"
@@ -64,6 +65,11 @@ int run_command(const MeshMapsSettings& s) {
   check_meshmaps_settings(s);
   const std::string gpu_fallback = gpu_fallback_reason(s);
   const std::optional<NoiseTable> noise = load_noise(s);
+  std::optional<NormalMapImage> normal_map;
+  if (!s.normal_map.empty()) {
+    normal_map = decode_normal_map(read_normal_map_texels(s.normal_map), s.bake.normal_format == 1,
+                                   s.normal_map);
+  }
 
   WarningSink sink;
   NormalBakeSettings load_settings = s.bake;
@@ -77,8 +83,10 @@ int run_command(const MeshMapsSettings& s) {
   RunTimes times;
   times.load = seconds_since(start);
   const Mesh& high = s.low_as_high ? inputs.low.mesh : inputs.high.mesh;
-  MeshMapsRun run =
-      bake_mesh_maps(inputs.low.mesh, high, s, env, noise ? &*noise : nullptr, s.bake.threads);
+  BakeExtras extras;
+  extras.noise = noise ? &*noise : nullptr;
+  extras.normal_map = normal_map ? &*normal_map : nullptr;
+  MeshMapsRun run = bake_mesh_maps(inputs.low.mesh, high, s, env, extras, s.bake.threads);
   const std::vector<WrittenMap> written = write_mesh_maps(run, s, s.bake.threads, &times.output);
   times.total = seconds_since(start);
   const std::string line =

@@ -45,7 +45,7 @@ MeshMapsSettings settings_for(int size, const std::vector<std::string>& maps,
 }
 
 MeshMapsRun bake(const Mesh& low, const Mesh& high, const MeshMapsSettings& s, int threads = 1) {
-  return bake_mesh_maps(low, high, s, MeshMapsEnvironment{}, nullptr, threads);
+  return bake_mesh_maps(low, high, s, MeshMapsEnvironment{}, BakeExtras{}, threads);
 }
 
 // A wide floor at z under the unit low plane, so every primary ray hits.
