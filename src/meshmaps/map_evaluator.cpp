@@ -21,25 +21,6 @@ std::uint16_t colour_code(double v) {
   return encode_unorm16(0.5 + 0.5 * v);
 }
 
-// The hit point and its shading normal (the face normal where the corners
-// give none); false when neither can be formed.
-bool surface_of(const Mesh& high, const RayHit& hit, HitSurface& s) {
-  const auto triangle = static_cast<std::uint32_t>(hit.triangle);
-  const Triangle& t = high.triangles[triangle];
-  const Vec3f& p0 = high.positions[t.corners[0].position];
-  const Vec3f& p1 = high.positions[t.corners[1].position];
-  const Vec3f& p2 = high.positions[t.corners[2].position];
-  s.point = blend_012((1.0f - hit.u) - hit.v, hit.u, hit.v, p0, p1, p2);
-  if (blended_normal(high, triangle, hit.u, hit.v, s.normal)) {
-    return true;
-  }
-  const Vec3d e1 = {double(p1[0]) - p0[0], double(p1[1]) - p0[1], double(p1[2]) - p0[2]};
-  const Vec3d e2 = {double(p2[0]) - p0[0], double(p2[1]) - p0[1], double(p2[2]) - p0[2]};
-  const Vec3d n = cross(e1, e2);
-  s.normal = {static_cast<float>(n[0]), static_cast<float>(n[1]), static_cast<float>(n[2])};
-  return normalize_in_place(s.normal);
-}
-
 // The tangent-space vector c in the low frame at raster barycentrics
 // (b1, b2), as a unit vector in the mesh's axes; false when it has no length.
 bool from_tangent_space(std::span<const TangentFrame, 3> corners, double b1, double b2,
@@ -160,7 +141,7 @@ void MeshMapsEvaluator::sample(const SampleRows& rows, std::int32_t x, std::int3
                                SecondaryRays& rays, TexelSums& sums) const {
   const MapRequest& want = setup_.request;
   HitSurface surface;
-  if (!surface_of(*setup_.high, hit, surface)) {
+  if (!hit_surface(*setup_.high, hit, surface)) {
     return;  // a degenerate high triangle: the texel takes its other samples
   }
   ++sums.hits;

@@ -87,15 +87,14 @@ EvaluatorSetup evaluator_setup(const Mesh& low, const Mesh& high, const MeshMaps
   return e;
 }
 
-std::int32_t plan_band_rows(const MeshMapsSettings& s, const CpuTracer& tracer,
+std::int32_t plan_band_rows(const MeshMapsSettings& s, std::uint64_t tracer_bytes,
                             const MapRequest& request, MeshMapsRun& run) {
   const std::uint64_t budget = memory_budget_bytes(s.bake.memory_budget_mb);
   run.memory.budget_mb = budget / kMiB;
   const std::uint64_t texels =
       static_cast<std::uint64_t>(s.bake.width) * static_cast<std::uint64_t>(s.bake.height);
-  const BandPlan plan =
-      plan_bands(s.bake.band_samples, s.bake.width, s.bake.height, s.bake.aa, budget,
-                 tracer.memory_bytes() + texels * buffer_bytes_per_texel(request));
+  const BandPlan plan = plan_bands(s.bake.band_samples, s.bake.width, s.bake.height, s.bake.aa,
+                                   budget, tracer_bytes + texels * buffer_bytes_per_texel(request));
   if (plan.rows != plan.wanted_rows) {
     run.memory.notices.push_back({"bake", "memory_budget",
                                   static_cast<std::uint64_t>(plan.wanted_rows),
@@ -123,16 +122,26 @@ MapRequest request_of(const MeshMapsSettings& s) {
   return r;
 }
 
-MeshMapsRun bake_mesh_maps(const Mesh& low, const Mesh& high, const MeshMapsSettings& s,
-                           const MeshMapsEnvironment& env, const BakeExtras& extras, int threads) {
-  MeshMapsRun run;
+namespace {
+
+// What a bake sets up before any ray: the checks, the name groups, the
+// LowPrep, the distances and the evaluator's inputs.
+struct Prepared {
+  LowPrep prep;
+  LowPrepSettings low_settings;
+  RayDistances distances;
+  EvaluatorSetup setup;
+  std::vector<std::uint32_t> high_groups;
+};
+
+Prepared prepare(const Mesh& low, const Mesh& high, const MeshMapsSettings& s,
+                 const BakeExtras& extras, int threads, MeshMapsRun& run) {
   run.low_triangles = low.triangles.size();
   run.high_triangles = high.triangles.size();
   const Clock::time_point start = Clock::now();
   check_bake_start(s.bake);
   NameGroups groups;
-  const bool named = s.bake.match_by_name || any_same_name(s);
-  if (named) {
+  if (s.bake.match_by_name || any_same_name(s)) {
     groups = match_name_groups(low, high, s.bake);
     run.unmatched_low_objects = s.bake.match_by_name ? groups.unmatched_low_objects : 0;
   }
@@ -142,7 +151,7 @@ MeshMapsRun bake_mesh_maps(const Mesh& low, const Mesh& high, const MeshMapsSett
   low_settings.tangent_frames =
       !s.out.bent_normals.empty() || (extras.normal_map != nullptr && s.low_as_high);
   const std::vector<std::uint32_t> no_groups;
-  const LowPrep prep = LowPrep::build(
+  LowPrep prep = LowPrep::build(
       low, s.bake.match_by_name ? std::span(groups.low_objects) : std::span(no_groups),
       low_settings);
   const RayDistances d = ray_distances(high, s.bake.front, s.bake.rear, s.bake.relative_scale);
@@ -151,27 +160,29 @@ MeshMapsRun bake_mesh_maps(const Mesh& low, const Mesh& high, const MeshMapsSett
   run.rear = d.rear;
   const double extent = mesh_extent(high);
   run.extent = extent > 0.0 ? static_cast<float>(extent) : 1.0f;
-  const EvaluatorSetup setup =
+  EvaluatorSetup setup =
       evaluator_setup(low, high, s, extras, d, run.extent, groups.high_triangles);
   run.seconds.setup = seconds_since(start);
+  return {std::move(prep), std::move(low_settings), d, std::move(setup),
+          std::move(groups.high_triangles)};
+}
 
-  const std::unique_ptr<CpuTracer> tracer =
-      build_tracer(high, std::move(groups.high_triangles), env, threads, run);
-  if (any_same_name(s) && !tracer->has_name_groups()) {
+void bake_prepared(const Prepared& p, const Tracer& tracer, std::uint64_t tracer_bytes,
+                   const MeshMapsSettings& s, int threads, MeshMapsRun& run) {
+  if (any_same_name(s) && !tracer.has_name_groups()) {
     throw Error("meshmaps: name filters require tracer name groups");
   }
-  check_low_prep_use(prep, low_settings, {}, tracer->has_name_groups());
-
+  check_low_prep_use(p.prep, p.low_settings, {}, tracer.has_name_groups());
   BandLoopSettings loop;
-  loop.band_rows = plan_band_rows(s, *tracer, setup.request, run);
-  loop.distances = d;
+  loop.band_rows = plan_band_rows(s, tracer_bytes, p.setup.request, run);
+  loop.distances = p.distances;
   loop.ignore_backface = s.bake.ignore_backface;
   const WorkerPool pool(threads);
   try {
-    run.buffers = make_buffers(s.bake.width, s.bake.height, setup.request);
-    MeshMapsEvaluator evaluator(prep, *tracer, setup, run.buffers);
+    run.buffers = make_buffers(s.bake.width, s.bake.height, p.setup.request);
+    MeshMapsEvaluator evaluator(p.prep, tracer, p.setup, run.buffers);
     BandLoopSeconds seconds;
-    const BandLoopCounters k = run_band_loop(prep, *tracer, loop, evaluator, pool, {}, &seconds);
+    const BandLoopCounters k = run_band_loop(p.prep, tracer, loop, evaluator, pool, {}, &seconds);
     run.buffers.counters.samples_covered = k.samples_covered;
     run.buffers.counters.rays = k.rays;
     run.seconds.bake = seconds.total;
@@ -179,6 +190,35 @@ MeshMapsRun bake_mesh_maps(const Mesh& low, const Mesh& high, const MeshMapsSett
   } catch (const std::bad_alloc&) {
     throw OutOfMemory("while baking; a smaller --memory-budget-mb gives smaller bands");
   }
+}
+
+}  // namespace
+
+std::vector<std::uint32_t> high_name_groups(const Mesh& low, const Mesh& high,
+                                            const MeshMapsSettings& s) {
+  if (!s.bake.match_by_name && !any_same_name(s)) {
+    return {};
+  }
+  return match_name_groups(low, high, s.bake).high_triangles;
+}
+
+MeshMapsRun bake_mesh_maps(const Mesh& low, const Mesh& high, const MeshMapsSettings& s,
+                           const MeshMapsEnvironment& env, const BakeExtras& extras, int threads) {
+  MeshMapsRun run;
+  Prepared p = prepare(low, high, s, extras, threads, run);
+  const std::unique_ptr<CpuTracer> tracer =
+      build_tracer(high, std::move(p.high_groups), env, threads, run);
+  bake_prepared(p, *tracer, tracer->memory_bytes(), s, threads, run);
+  return run;
+}
+
+MeshMapsRun bake_mesh_maps_on(const Mesh& low, const Mesh& high, const MeshMapsSettings& s,
+                              const BakeExtras& extras, const Tracer& tracer,
+                              std::uint64_t tracer_bytes, int threads) {
+  MeshMapsRun run;
+  const Prepared p = prepare(low, high, s, extras, threads, run);
+  run.backend = tracer.description();
+  bake_prepared(p, tracer, tracer_bytes, s, threads, run);
   return run;
 }
 

@@ -13,6 +13,7 @@
 #include "meshmaps/normal_map_input.h"
 #include "meshmaps/sample_directions.h"
 #include "normal/normal_bake.h"
+#include "trace/tracer.h"
 
 namespace kv::meshmaps {
 
@@ -51,5 +52,18 @@ struct BakeExtras {
 // the low mesh itself under --low-as-high. Throws Error, OutOfMemory.
 MeshMapsRun bake_mesh_maps(const Mesh& low, const Mesh& high, const MeshMapsSettings& settings,
                            const MeshMapsEnvironment& env, const BakeExtras& extras, int threads);
+
+// The same with a tracer the caller built over `high`, with one name group
+// per high triangle when names are matched or any map keeps to the same
+// name (see high_name_groups); `tracer_bytes` is what it holds, for the
+// band plan.
+MeshMapsRun bake_mesh_maps_on(const Mesh& low, const Mesh& high, const MeshMapsSettings& settings,
+                              const BakeExtras& extras, const Tracer& tracer,
+                              std::uint64_t tracer_bytes, int threads);
+
+// The name groups of the high triangles such a tracer needs; empty when
+// none are needed.
+std::vector<std::uint32_t> high_name_groups(const Mesh& low, const Mesh& high,
+                                            const MeshMapsSettings& settings);
 
 }  // namespace kv::meshmaps

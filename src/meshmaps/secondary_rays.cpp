@@ -6,6 +6,7 @@
 
 #include "core/parallel.h"
 #include "meshmaps/sample_directions.h"
+#include "sampling/ray_setup.h"
 
 namespace kv::meshmaps {
 
@@ -113,6 +114,41 @@ double attenuated(Attenuation a, double t, double max) {
 }
 
 }  // namespace
+
+bool hit_surface(const Mesh& high, const RayHit& hit, HitSurface& s) {
+  const auto triangle = static_cast<std::uint32_t>(hit.triangle);
+  const Triangle& t = high.triangles[triangle];
+  const Vec3f& p0 = high.positions[t.corners[0].position];
+  const Vec3f& p1 = high.positions[t.corners[1].position];
+  const Vec3f& p2 = high.positions[t.corners[2].position];
+  s.point = blend_012((1.0f - hit.u) - hit.v, hit.u, hit.v, p0, p1, p2);
+  if (blended_normal(high, triangle, hit.u, hit.v, s.normal)) {
+    return true;
+  }
+  auto edge = [](const Vec3f& a, const Vec3f& b) {
+    return Vec3d{static_cast<double>(b[0]) - a[0], static_cast<double>(b[1]) - a[1],
+                 static_cast<double>(b[2]) - a[2]};
+  };
+  const Vec3d n = cross(edge(p0, p1), edge(p0, p2));
+  s.normal = {static_cast<float>(n[0]), static_cast<float>(n[1]), static_cast<float>(n[2])};
+  return normalize_in_place(s.normal);
+}
+
+void ao_occlusion_queries(const MapRays& m, const HitSurface& s,
+                          const std::array<double, 2>& rotation, std::vector<OcclusionQuery>& out) {
+  std::vector<Vec3f> directions;
+  std::vector<double> cosines;
+  hemisphere(m, s.normal, rotation, directions, cosines);
+  out.clear();
+  for (const Vec3f& d : directions) {
+    OcclusionQuery o;
+    o.origin = s.point;
+    o.direction = d;
+    o.t_near = m.min;
+    o.t_far = m.max;
+    out.push_back(o);
+  }
+}
 
 double SecondaryRays::ambient_occlusion(const MapRays& m, Attenuation attenuation,
                                         const GroundPlane& ground, const HitSurface& s,

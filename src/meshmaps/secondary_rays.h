@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "core/vec3.h"
+#include "mesh/mesh.h"
 #include "meshmaps/meshmaps_settings.h"
 #include "trace/tracer.h"
 
@@ -47,6 +48,15 @@ struct GroundPlane {
 // negative value when it does not meet it there.
 double ground_distance(const GroundPlane& plane, const Vec3f& origin, const Vec3f& direction,
                        double t_near, double t_far);
+
+// The point and shading normal of a primary hit on `high` (the face normal
+// where the corners give none); false when neither can be formed.
+bool hit_surface(const Mesh& high, const RayHit& hit, HitSurface& s);
+
+// The ambient occlusion rays of one hit as plain occlusion queries, for
+// whoever casts the same rays another way.
+void ao_occlusion_queries(const MapRays& m, const HitSurface& s,
+                          const std::array<double, 2>& rotation, std::vector<OcclusionQuery>& out);
 
 class SecondaryRays {
  public:
