@@ -11,12 +11,6 @@
 namespace kv::meshmaps {
 namespace {
 
-// The salts that keep the maps' ray rotations apart.
-constexpr std::uint32_t kSaltAo = 1;
-constexpr std::uint32_t kSaltBent = 2;
-constexpr std::uint32_t kSaltThickness = 3;
-constexpr std::uint32_t kSaltCurvature = 4;
-
 std::uint16_t colour_code(double v) {
   return encode_unorm16(0.5 + 0.5 * v);
 }
@@ -167,21 +161,31 @@ void MeshMapsEvaluator::sample(const SampleRows& rows, std::int32_t x, std::int3
     }
   }
   const NoiseTable* noise = setup_.noise;
+  Vec3f bent{};
   if (want.ao) {
     sums.ao += rays.ambient_occlusion(setup_.ao, setup_.ao_attenuation, setup_.ground, surface,
-                                      sample_rotation(x, y, index, kSaltAo, noise));
+                                      sample_rotation(x, y, index, setup_.ao.salt, noise));
+    if (setup_.bent_shares_ao) {
+      bent = rays.bent_normal_of_last(surface);
+    }
+  }
+  if (want.bent_normals && !setup_.bent_shares_ao) {
+    bent = rays.bent_normal(setup_.bent, surface,
+                            sample_rotation(x, y, index, setup_.bent.salt, noise),
+                            setup_.bent_nearest);
   }
   if (want.thickness) {
     sums.thickness += rays.thickness(setup_.thickness, surface,
-                                     sample_rotation(x, y, index, kSaltThickness, noise));
+                                     sample_rotation(x, y, index, setup_.thickness.salt, noise));
   }
   if (want.curvature && setup_.curvature_from_normal_map) {
     sums.curvature += setup_.normal_map->divergence(map_texel);
     ++sums.curvature_count;
   } else if (want.curvature) {
     bool found = false;
-    const double c = rays.curvature(setup_.curvature, surface,
-                                    sample_rotation(x, y, index, kSaltCurvature, noise), &found);
+    const double c =
+        rays.curvature(setup_.curvature, surface,
+                       sample_rotation(x, y, index, setup_.curvature.salt, noise), &found);
     if (found) {
       sums.curvature += c;
       ++sums.curvature_count;
@@ -198,19 +202,21 @@ void MeshMapsEvaluator::sample(const SampleRows& rows, std::int32_t x, std::int3
     sums.ids.push_back(setup_.ids.ids[static_cast<std::size_t>(hit.triangle)]);
   }
   if (want.bent_normals) {
-    const Vec3f bent =
-        rays.bent_normal(setup_.bent, surface, sample_rotation(x, y, index, kSaltBent, noise));
-    const std::span<const TangentFrame, 3> corners(
-        prep_.tangent_frames().data() + static_cast<std::size_t>(s.triangle) * 3, 3);
-    bool fallback = false;
-    std::array<double, 3> c = tangent_space_normal(
-        corners, s.b1, s.b2, prep_.settings().tangent_space == 1, bent, &fallback);
-    if (setup_.directx) {
-      c[1] = -c[1];
-    }
-    add_through_colour(sums.bent, c);
-    ++sums.bent_count;
+    add_bent(s, bent, sums);
   }
+}
+
+void MeshMapsEvaluator::add_bent(const SubSample& s, const Vec3f& bent, TexelSums& sums) const {
+  const std::span<const TangentFrame, 3> corners(
+      prep_.tangent_frames().data() + static_cast<std::size_t>(s.triangle) * 3, 3);
+  bool fallback = false;
+  std::array<double, 3> c = tangent_space_normal(
+      corners, s.b1, s.b2, prep_.settings().tangent_space == 1, bent, &fallback);
+  if (setup_.directx) {
+    c[1] = -c[1];
+  }
+  add_through_colour(sums.bent, c);
+  ++sums.bent_count;
 }
 
 namespace {

@@ -36,6 +36,8 @@ struct EvaluatorSetup {
   MapRequest request;
   MapRays ao, bent, thickness, curvature;
   Attenuation ao_attenuation = Attenuation::linear;
+  bool bent_shares_ao = false;  // same ray settings: one set of rays serves both maps
+  bool bent_nearest = false;    // bent normal rays as nearest-hit queries, as AO's
   GroundPlane ground;
   float front = 0.0f;                      // the primary rays' front distance, mesh units
   bool neutral_height = false;             // the surface is the low mesh itself
@@ -64,6 +66,8 @@ class MeshMapsEvaluator final : public TexelEvaluator {
   struct TexelSums;
   void sample(const SampleRows& rows, std::int32_t x, std::int32_t y, std::uint32_t index,
               const SubSample& s, const RayHit& hit, SecondaryRays& rays, TexelSums& sums) const;
+  // One sample's bent direction, in the low's tangent frame, into the sums.
+  void add_bent(const SubSample& s, const Vec3f& bent, TexelSums& sums) const;
   void finish_texel(std::size_t texel, const TexelSums& sums) const;
 
   const LowPrep& prep_;

@@ -69,6 +69,18 @@ EvaluatorSetup evaluator_setup(const Mesh& low, const Mesh& high, const MeshMaps
   e.thickness = map_rays(s.thickness, scale, 3);
   e.curvature = map_rays(s.curvature, scale, 4);
   e.ao_attenuation = s.ao_attenuation;
+  const RaySettings& a = s.ao;
+  const RaySettings& b = s.bent;
+  // Bent normals cast with the occlusion's settings are the occlusion's own
+  // rays, queried the same way, whether or not that map is asked for too.
+  const bool same_rays = a.rays == b.rays && a.min == b.min && a.max == b.max &&
+                         a.spread == b.spread && a.absolute == b.absolute &&
+                         a.distribution == b.distribution && a.self == b.self;
+  e.bent_shares_ao = same_rays && e.request.ao && e.request.bent_normals;
+  if (same_rays) {
+    e.bent.salt = e.ao.salt;
+    e.bent_nearest = s.ao_attenuation != Attenuation::none;
+  }
   e.ground.on = s.ao_ground_plane;
   e.ground.axis = s.world_normal_up;
   e.ground.level =

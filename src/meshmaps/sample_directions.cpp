@@ -159,36 +159,51 @@ void tangent_basis(const Vec3f& normal, Vec3d& t, Vec3d& b) {
   b = {c, sign + n[1] * n[1] * a, -n[1]};
 }
 
-Vec3f hemisphere_direction(const std::array<double, 2>& point,
-                           const std::array<double, 2>& rotation, const Vec3f& normal, float spread,
-                           Distribution distribution, double* cosine) {
-  const double u1 = fraction(point[0] + rotation[0]);
-  const double u2 = fraction(point[1] + rotation[1]);
+DirectionSet direction_set(std::int32_t count, float spread, Distribution distribution) {
+  DirectionSet set;
   const double half_angle = static_cast<double>(spread) * 0.5 * std::numbers::pi / 180.0;
-  const double cos_max = std::cos(half_angle);
-  double cos_theta = 0.0;
-  if (distribution == Distribution::cosine) {
-    // Density proportional to cos(theta) over the cap: sin^2 is uniform.
-    const double sin_max = std::sin(half_angle);
-    const double sin2 = u1 * sin_max * sin_max;
-    cos_theta = std::sqrt(std::max(0.0, 1.0 - sin2));
-  } else {
-    cos_theta = 1.0 - u1 * (1.0 - cos_max);
+  set.cos_max = std::cos(half_angle);
+  set.sin2_max = std::sin(half_angle) * std::sin(half_angle);
+  set.distribution = distribution;
+  for (const auto& p : point_set(count)) {
+    set.u1.push_back(p[0]);
+    set.cos_phi.push_back(std::cos(2.0 * std::numbers::pi * p[1]));
+    set.sin_phi.push_back(std::sin(2.0 * std::numbers::pi * p[1]));
   }
-  const double sin_theta = std::sqrt(std::max(0.0, 1.0 - cos_theta * cos_theta));
-  const double phi = 2.0 * std::numbers::pi * u2;
+  return set;
+}
+
+void hemisphere_directions(const DirectionSet& set, const std::array<double, 2>& rotation,
+                           const Vec3f& normal, std::vector<Vec3f>& directions,
+                           std::vector<double>& cosines) {
   Vec3d t{};
   Vec3d b{};
   tangent_basis(normal, t, b);
-  const double ct = std::cos(phi) * sin_theta;
-  const double cb = std::sin(phi) * sin_theta;
-  Vec3f d{};
-  for (std::size_t k = 0; k < 3; ++k) {
-    d[k] = static_cast<float>(t[k] * ct + b[k] * cb + static_cast<double>(normal[k]) * cos_theta);
+  const Vec3d n = widen(normal);
+  const double turn = 2.0 * std::numbers::pi * rotation[1];
+  const double cos_turn = std::cos(turn);
+  const double sin_turn = std::sin(turn);
+  const std::size_t count = set.u1.size();
+  directions.resize(count);
+  cosines.resize(count);
+  for (std::size_t i = 0; i < count; ++i) {
+    const double u = fraction(set.u1[i] + rotation[0]);
+    // Cosine: density proportional to cos(theta) over the cap, so sin^2 is
+    // uniform; uniform: cos(theta) is.
+    const double cos_theta = set.distribution == Distribution::cosine
+                                 ? std::sqrt(std::max(0.0, 1.0 - u * set.sin2_max))
+                                 : 1.0 - u * (1.0 - set.cos_max);
+    const double sin_theta = std::sqrt(std::max(0.0, 1.0 - cos_theta * cos_theta));
+    const double ct = (set.cos_phi[i] * cos_turn - set.sin_phi[i] * sin_turn) * sin_theta;
+    const double cb = (set.sin_phi[i] * cos_turn + set.cos_phi[i] * sin_turn) * sin_theta;
+    Vec3f d{};
+    for (std::size_t k = 0; k < 3; ++k) {
+      d[k] = static_cast<float>(t[k] * ct + b[k] * cb + n[k] * cos_theta);
+    }
+    normalize_in_place(d);
+    directions[i] = d;
+    cosines[i] = cos_theta;
   }
-  normalize_in_place(d);
-  *cosine = cos_theta;
-  return d;
 }
 
 }  // namespace kv::meshmaps

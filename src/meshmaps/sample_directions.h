@@ -46,12 +46,25 @@ std::array<double, 2> sample_rotation(std::int32_t x, std::int32_t y, std::uint3
 // first coordinate, radical inverse in the second).
 std::vector<std::array<double, 2>> point_set(std::int32_t count);
 
-// Point p of the set, turned by `rotation` (each coordinate modulo 1), as a
-// unit direction around `normal` inside a cone of `spread` degrees (180: the
-// whole hemisphere); *cosine receives the angle's cosine to the normal.
-Vec3f hemisphere_direction(const std::array<double, 2>& point,
-                           const std::array<double, 2>& rotation, const Vec3f& normal, float spread,
-                           Distribution distribution, double* cosine);
+// The point set of one map ready to become directions: the first
+// coordinate, and the cosine and sine of the angle the second stands for.
+struct DirectionSet {
+  std::vector<double> u1;
+  std::vector<double> cos_phi;
+  std::vector<double> sin_phi;
+  double cos_max = -1.0;  // of the cone's half angle
+  double sin2_max = 1.0;
+  Distribution distribution = Distribution::cosine;
+};
+DirectionSet direction_set(std::int32_t count, float spread, Distribution distribution);
+
+// Every point of the set, turned by `rotation` (the first coordinate
+// modulo 1, the angle by a full turn times the second), as unit directions
+// around `normal` inside the cone; cosines[i] receives direction i's cosine
+// to the normal.
+void hemisphere_directions(const DirectionSet& set, const std::array<double, 2>& rotation,
+                           const Vec3f& normal, std::vector<Vec3f>& directions,
+                           std::vector<double>& cosines);
 
 // Two unit vectors completing `normal` to an orthonormal basis.
 void tangent_basis(const Vec3f& normal, Vec3d& t, Vec3d& b);

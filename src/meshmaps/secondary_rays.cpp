@@ -20,7 +20,7 @@ MapRays map_rays(const RaySettings& settings, float scale, std::uint32_t salt) {
   m.distribution = settings.distribution;
   m.same_name = settings.self == SelfOcclusion::same_name;
   m.salt = salt;
-  m.points = point_set(settings.rays);
+  m.directions = direction_set(settings.rays, settings.spread, settings.distribution);
   return m;
 }
 
@@ -92,12 +92,7 @@ namespace {
 // The directions of one map's rays around `axis`.
 void hemisphere(const MapRays& m, const Vec3f& axis, const std::array<double, 2>& rotation,
                 std::vector<Vec3f>& directions, std::vector<double>& cosines) {
-  directions.resize(m.points.size());
-  cosines.resize(m.points.size());
-  for (std::size_t i = 0; i < m.points.size(); ++i) {
-    directions[i] =
-        hemisphere_direction(m.points[i], rotation, axis, m.spread, m.distribution, &cosines[i]);
-  }
+  hemisphere_directions(m.directions, rotation, axis, directions, cosines);
 }
 
 double attenuated(Attenuation a, double t, double max) {
@@ -186,14 +181,22 @@ double SecondaryRays::ambient_occlusion(const MapRays& m, Attenuation attenuatio
 }
 
 Vec3f SecondaryRays::bent_normal(const MapRays& m, const HitSurface& s,
-                                 const std::array<double, 2>& rotation) {
+                                 const std::array<double, 2>& rotation, bool as_nearest) {
   hemisphere(m, s.normal, rotation, directions_, cosines_);
   queries_.clear();
   occlusion_.clear();
   for (const Vec3f& d : directions_) {
     add_ray(s.point, d, m.min, m.max, m.same_name ? s.group : -1);
   }
-  occluded(m, s);
+  if (as_nearest) {
+    nearest(m.min);
+  } else {
+    occluded(m, s);
+  }
+  return bent_normal_of_last(s);
+}
+
+Vec3f SecondaryRays::bent_normal_of_last(const HitSurface& s) const {
   Vec3d sum = {0.0, 0.0, 0.0};
   bool any = false;
   for (std::size_t i = 0; i < directions_.size(); ++i) {

@@ -11,6 +11,7 @@
 #include "core/vec3.h"
 #include "mesh/mesh.h"
 #include "meshmaps/meshmaps_settings.h"
+#include "meshmaps/sample_directions.h"
 #include "trace/tracer.h"
 
 namespace kv::meshmaps {
@@ -31,7 +32,7 @@ struct MapRays {
   Distribution distribution = Distribution::cosine;
   bool same_name = false;
   std::uint32_t salt = 0;  // keeps the maps' rotations apart
-  std::vector<std::array<double, 2>> points;
+  DirectionSet directions;
 };
 
 // Distances relative to the high box are multiplied by `scale`.
@@ -67,7 +68,13 @@ class SecondaryRays {
   double ambient_occlusion(const MapRays& m, Attenuation attenuation, const GroundPlane& ground,
                            const HitSurface& s, const std::array<double, 2>& rotation);
   // The mean escaping direction; the shading normal when none escapes.
-  Vec3f bent_normal(const MapRays& m, const HitSurface& s, const std::array<double, 2>& rotation);
+  // `as_nearest`: asked as nearest-hit queries, as the occlusion with an
+  // attenuation asks them.
+  Vec3f bent_normal(const MapRays& m, const HitSurface& s, const std::array<double, 2>& rotation,
+                    bool as_nearest);
+  // The same from the rays of the last ambient_occlusion call, for bent
+  // normals whose rays are those of the occlusion.
+  Vec3f bent_normal_of_last(const HitSurface& s) const;
   // The mean distance to the far side along rays into the surface, escaping
   // rays counting as m.max.
   double thickness(const MapRays& m, const HitSurface& s, const std::array<double, 2>& rotation);

@@ -439,6 +439,34 @@ TEST(MeshMapsId, IslandsAreConnectedTriangles) {
   EXPECT_EQ(triangle_ids(mesh, IdSource::material, IdGenerator::hue, 0).colours.size(), 1u);
 }
 
+TEST(MeshMapsBent, SameMapWithOrWithoutTheOcclusionBeside) {
+  Mesh low;
+  PlaneSpec p = test::square(0.0f);
+  p.with_uvs = true;
+  add_plane(low, p);
+  const Mesh high = test::bumpy_field(16);
+  for (const char* attenuation : {"linear", "none"}) {
+    const std::vector<std::string> extra = {"--ao-attenuation", attenuation, "--ao-max", "0.2",
+                                            "--bent-max",       "0.2"};
+    const MeshMapsRun alone = bake(low, high, settings_for(16, {"bent_normals"}, extra));
+    const MeshMapsRun both = bake(low, high, settings_for(16, {"ao", "bent_normals"}, extra));
+    EXPECT_EQ(alone.buffers.bent_normals, both.buffers.bent_normals) << attenuation;
+    // One set of rays served both maps.
+    EXPECT_EQ(both.buffers.counters.secondary_rays, alone.buffers.counters.secondary_rays);
+    // Occluded texels lean away from the bumps: not every texel is straight up.
+    std::size_t leaning = 0;
+    for (std::size_t t = 0; t < alone.buffers.hit.size(); ++t) {
+      leaning += alone.buffers.bent_normals[t * 3 + 2] < 65000 ? 1 : 0;
+    }
+    EXPECT_GT(leaning, 0u) << attenuation;
+  }
+  // Other settings cast rays of their own.
+  const MeshMapsRun apart =
+      bake(low, high, settings_for(16, {"ao", "bent_normals"}, {"--bent-rays", "32"}));
+  const MeshMapsRun ao_only = bake(low, high, settings_for(16, {"ao"}));
+  EXPECT_GT(apart.buffers.counters.secondary_rays, ao_only.buffers.counters.secondary_rays);
+}
+
 void expect_same_buffers(const MeshMapsBuffers& a, const MeshMapsBuffers& b) {
   EXPECT_EQ(a.hit, b.hit);
   EXPECT_EQ(a.opacity, b.opacity);
