@@ -36,7 +36,16 @@ double ground_distance(const GroundPlane& plane, const Vec3f& origin, const Vec3
 }
 
 void SecondaryRays::add_ray(const Vec3f& origin, const Vec3f& direction, float t_near, float t_far,
-                            std::int32_t group) {
+                            std::int32_t group, bool as_nearest) {
+  if (!as_nearest) {
+    OcclusionQuery o;
+    o.origin = origin;
+    o.direction = direction;
+    o.t_near = t_near;
+    o.t_far = t_far;
+    occlusion_.push_back(o);
+    return;
+  }
   // A nearest-hit query through the bake's own tracer: the window runs along
   // the ray itself, so every triangle from t_near to t_far counts, from
   // either side.
@@ -53,12 +62,6 @@ void SecondaryRays::add_ray(const Vec3f& origin, const Vec3f& direction, float t
   q.group = group;
   q.ignore_backface = 0;
   queries_.push_back(q);
-  OcclusionQuery o;
-  o.origin = origin;
-  o.direction = direction;
-  o.t_near = t_near;
-  o.t_far = t_far;
-  occlusion_.push_back(o);
 }
 
 void SecondaryRays::nearest(double offset) {
@@ -71,11 +74,7 @@ void SecondaryRays::nearest(double offset) {
   }
 }
 
-void SecondaryRays::occluded(const MapRays& m, const HitSurface& s) {
-  if (m.same_name && s.group >= 0) {
-    nearest(m.min);  // only the tracer's window queries know name groups
-    return;
-  }
+void SecondaryRays::occluded(double far) {
   blocked_.resize(occlusion_.size());
   tracer_.occluded_batch(occlusion_.data(), blocked_.data(), occlusion_.size(),
                          WorkerPool::serial());
@@ -83,7 +82,7 @@ void SecondaryRays::occluded(const MapRays& m, const HitSurface& s) {
   distances_.resize(occlusion_.size());
   for (std::size_t i = 0; i < occlusion_.size(); ++i) {
     // Only whether it was blocked is known: the far end stands for the distance.
-    distances_[i] = blocked_[i] != 0 ? static_cast<double>(m.max) : -1.0;
+    distances_[i] = blocked_[i] != 0 ? far : -1.0;
   }
 }
 
@@ -145,20 +144,28 @@ void ao_occlusion_queries(const MapRays& m, const HitSurface& s,
   }
 }
 
-double SecondaryRays::ambient_occlusion(const MapRays& m, Attenuation attenuation,
-                                        const GroundPlane& ground, const HitSurface& s,
-                                        const std::array<double, 2>& rotation) {
-  hemisphere(m, s.normal, rotation, directions_, cosines_);
+void SecondaryRays::cast(const MapRays& m, const HitSurface& s, const Vec3f& axis,
+                         const std::array<double, 2>& rotation, bool as_nearest) {
+  hemisphere(m, axis, rotation, directions_, cosines_);
+  // Only the tracer's window queries know name groups.
+  const bool window = as_nearest || (m.same_name && s.group >= 0);
+  const std::int32_t group = m.same_name ? s.group : -1;
   queries_.clear();
   occlusion_.clear();
   for (const Vec3f& d : directions_) {
-    add_ray(s.point, d, m.min, m.max, m.same_name ? s.group : -1);
+    add_ray(s.point, d, m.min, m.max, group, window);
   }
-  if (attenuation == Attenuation::none) {
-    occluded(m, s);
-  } else {
+  if (window) {
     nearest(m.min);
+  } else {
+    occluded(m.max);
   }
+}
+
+double SecondaryRays::ambient_occlusion(const MapRays& m, Attenuation attenuation,
+                                        const GroundPlane& ground, const HitSurface& s,
+                                        const std::array<double, 2>& rotation) {
+  cast(m, s, s.normal, rotation, attenuation != Attenuation::none);
   double weighted = 0.0;
   double weights = 0.0;
   for (std::size_t i = 0; i < directions_.size(); ++i) {
@@ -182,17 +189,7 @@ double SecondaryRays::ambient_occlusion(const MapRays& m, Attenuation attenuatio
 
 Vec3f SecondaryRays::bent_normal(const MapRays& m, const HitSurface& s,
                                  const std::array<double, 2>& rotation, bool as_nearest) {
-  hemisphere(m, s.normal, rotation, directions_, cosines_);
-  queries_.clear();
-  occlusion_.clear();
-  for (const Vec3f& d : directions_) {
-    add_ray(s.point, d, m.min, m.max, m.same_name ? s.group : -1);
-  }
-  if (as_nearest) {
-    nearest(m.min);
-  } else {
-    occluded(m, s);
-  }
+  cast(m, s, s.normal, rotation, as_nearest);
   return bent_normal_of_last(s);
 }
 
@@ -217,13 +214,7 @@ Vec3f SecondaryRays::bent_normal_of_last(const HitSurface& s) const {
 double SecondaryRays::thickness(const MapRays& m, const HitSurface& s,
                                 const std::array<double, 2>& rotation) {
   const Vec3f inward = {-s.normal[0], -s.normal[1], -s.normal[2]};
-  hemisphere(m, inward, rotation, directions_, cosines_);
-  queries_.clear();
-  occlusion_.clear();
-  for (const Vec3f& d : directions_) {
-    add_ray(s.point, d, m.min, m.max, m.same_name ? s.group : -1);
-  }
-  nearest(m.min);
+  cast(m, s, inward, rotation, true);
   double sum = 0.0;
   for (const double t : distances_) {
     sum += t < 0.0 ? static_cast<double>(m.max) : t;
@@ -253,7 +244,7 @@ double SecondaryRays::curvature(const MapRays& m, const HitSurface& s,
       origin[i] = static_cast<float>(static_cast<double>(s.point[i]) + t[i] * c + b[i] * sn +
                                      static_cast<double>(s.normal[i]) * r);
     }
-    add_ray(origin, down, 0.0f, static_cast<float>(2.0 * r), m.same_name ? s.group : -1);
+    add_ray(origin, down, 0.0f, static_cast<float>(2.0 * r), m.same_name ? s.group : -1, true);
   }
   nearest(0.0);
   double sum = 0.0;

@@ -88,10 +88,16 @@ class SecondaryRays {
 
  private:
   // Distances of the prepared rays (negative: escaped).
+  // Casts m's rays around `axis` from the hit into distances_, as
+  // nearest-hit queries or, when no distance is needed, occlusion queries.
+  void cast(const MapRays& m, const HitSurface& s, const Vec3f& axis,
+            const std::array<double, 2>& rotation, bool as_nearest);
+  // distances_ of the prepared queries (negative: escaped): their hit
+  // distance plus `offset`, or `far` for a blocked occlusion query.
   void nearest(double offset);
-  void occluded(const MapRays& m, const HitSurface& s);
+  void occluded(double far);
   void add_ray(const Vec3f& origin, const Vec3f& direction, float t_near, float t_far,
-               std::int32_t group);
+               std::int32_t group, bool as_nearest);
 
   const Tracer& tracer_;
   std::vector<RayQuery> queries_;
