@@ -6,6 +6,7 @@
 #include "core/error.h"
 #include "core/json_line.h"
 #include "core/stopwatch.h"
+#include "mesh/mesh_format.h"
 #include "meshmaps/meshmaps_bake.h"
 #include "meshmaps/meshmaps_options.h"
 #include "meshmaps/meshmaps_output.h"
@@ -59,11 +60,26 @@ void write_report(const std::filesystem::path& path, const std::string& line) {
   }
 }
 
+// Materials and vertex colours come only from OBJ files.
+void check_id_source(const MeshMapsSettings& s) {
+  if (s.out.id.empty() ||
+      (s.id_source != IdSource::material && s.id_source != IdSource::vertex_color)) {
+    return;
+  }
+  const std::filesystem::path& high = s.low_as_high ? s.bake.low : s.bake.high;
+  if (sniff_mesh_format(high) != MeshFormat::Obj) {
+    throw Error(std::string("meshmaps: --id-source ") +
+                (s.id_source == IdSource::material ? "material" : "vertex-color") +
+                " needs an OBJ high mesh");
+  }
+}
+
 int run_command(const MeshMapsSettings& s) {
   const Clock::time_point start = Clock::now();
   const MeshMapsEnvironment env = read_meshmaps_environment(platform::get_env);
   check_meshmaps_settings(s);
   const std::string gpu_fallback = gpu_fallback_reason(s);
+  check_id_source(s);
   const std::optional<NoiseTable> noise = load_noise(s);
   std::optional<NormalMapImage> normal_map;
   if (!s.normal_map.empty()) {

@@ -434,6 +434,9 @@ MeshMapsSettings parse_meshmaps_options(const std::vector<std::string>& args) {
   if (s.map_order.empty()) {
     throw UsageError("meshmaps needs at least one output");
   }
+  if (!s.out.raw.empty() && s.out.raw.extension() != ".exr") {
+    throw UsageError("--out-raw writes float channels: it needs an .exr path");
+  }
   if (!height_given) {
     s.bake.height = s.bake.width;
   }

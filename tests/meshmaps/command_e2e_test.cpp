@@ -133,6 +133,11 @@ TEST(MeshMapsCommand, MessagesAndExitCodes) {
   expect_error(base({"--out-ao", "x.exr", "--noise", (dir / "short.x").string()}), 1,
                "korvane: --noise needs an 8- or 16-bit 256 x 256 PNG\n");
 
+  expect_error(base({"--out-id", "id.png", "--high", (dir / "h.glb").string()}), 1,
+               "korvane: meshmaps: --id-source material needs an OBJ high mesh\n");
+  expect_error(base({"--out-raw", "raw.png"}), 2,
+               "korvane: --out-raw writes float channels: it needs an .exr path" + hint);
+
   const auto help = run_korvane({"meshmaps", "--help"});
   EXPECT_EQ(help.exit_code, 0);
   EXPECT_NE(help.out.find("Usage: korvane meshmaps"), std::string::npos);
