@@ -78,6 +78,14 @@ struct MeshMapsEvaluator::TexelSums {
   std::array<float, 3> bent = {0.0f, 0.0f, 0.0f};
   std::uint32_t bent_count = 0;
   std::vector<std::uint32_t> ids;
+
+  // Zero again, keeping the ID list's memory for the next texel.
+  void reset() {
+    std::vector<std::uint32_t> kept = std::move(ids);
+    kept.clear();
+    *this = TexelSums{};
+    ids = std::move(kept);
+  }
 };
 
 MeshMapsEvaluator::MeshMapsEvaluator(const LowPrep& prep, const Tracer& tracer,
@@ -103,7 +111,7 @@ void MeshMapsEvaluator::evaluate(std::uint64_t chunk, const SampleRows& rows) {
   TexelSums sums;
   for (std::int32_t y = rows.y_begin; y < rows.y_end; ++y) {
     for (std::int32_t x = 0; x < rows.width; ++x) {
-      sums = TexelSums{};
+      sums.reset();
       const SubSample* texel = rows.texel(x, y);
       for (std::uint32_t i = 0; i < rows.texel_samples(); ++i) {
         const SubSample& s = texel[i];

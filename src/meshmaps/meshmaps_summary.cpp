@@ -47,6 +47,9 @@ Json meshmaps_summary_json(const MeshMapsSettings& s, const MeshMapsEnvironment&
   }
   j["tracer"] = run.backend;
   j["low_as_high"] = s.low_as_high;
+  if (!env.low_as_high_experiment.empty()) {
+    j["low_as_high_experiment"] = env.low_as_high_experiment;
+  }
   j["triangles"] = {{"low", run.low_triangles}, {"high", run.high_triangles}};
   j["unmatched_low_objects"] = run.unmatched_low_objects;
   j["distances"] = {{"scale", run.scale}, {"front", run.front}, {"rear", run.rear}};
