@@ -200,6 +200,29 @@ TEST(MeshMapsAo, CeilingMatchesTheCosineEscapeFraction) {
   }
   EXPECT_LT(std::fabs(total_error / (n * n)), 0.01);
 
+  // The noise falls as the rays grow.
+  auto mean_error = [&](const char* rays) {
+    const MeshMapsRun r = bake(low, high,
+                               settings_for(n, {"ao"},
+                                            {"--ao-rays", rays, "--ao-attenuation", "none",
+                                             "--ao-max", "100", "--ao-absolute"}));
+    double error = 0.0;
+    for (int y = 0; y < n; ++y) {
+      for (int x = 0; x < n; ++x) {
+        const double px = centre(x, n);
+        const double py = 1.0 - centre(y, n);
+        const double f = corner_view_factor(px / h, py / h) +
+                         corner_view_factor((1.0 - px) / h, py / h) +
+                         corner_view_factor(px / h, (1.0 - py) / h) +
+                         corner_view_factor((1.0 - px) / h, (1.0 - py) / h);
+        error += std::fabs(static_cast<double>(r.buffers.ao[static_cast<std::size_t>(y * n + x)]) -
+                           (1.0 - f));
+      }
+    }
+    return error / (n * n);
+  };
+  EXPECT_LT(mean_error("256"), mean_error("8"));
+
   // Linear attenuation counts far hits as partly open: never darker.
   const MeshMapsRun linear = bake(
       low, high, settings_for(n, {"ao"}, {"--ao-rays", "64", "--ao-max", "100", "--ao-absolute"}));
