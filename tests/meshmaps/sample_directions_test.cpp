@@ -1,12 +1,16 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <set>
+#include <string>
 #include <vector>
 
 #include "core/error.h"
+#include "image/png.h"
 #include "meshmaps/sample_directions.h"
 #include "support/message_of.h"
+#include "support/test_support.h"
 
 namespace kv::meshmaps {
 namespace {
@@ -85,6 +89,34 @@ TEST(MeshMapsDirections, RotationsDependOnlyOnTexelSampleAndMap) {
               NoiseTable::from_codes(short_codes);
             }),
             "meshmaps: the .x noise must hold 256 x 256 byte codes");
+}
+
+TEST(MeshMapsDirections, NoiseFromA16BitPng) {
+  test::ScratchDir dir;
+  TexelImage image;
+  image.width = image.height = 256;
+  image.channels = 2;
+  image.type = ComponentType::kU16;
+  image.data.resize(256 * 256 * 2 * 2);
+  for (std::size_t i = 0; i < 256 * 256 * 2; ++i) {
+    const auto v = static_cast<std::uint16_t>(i * 977u);
+    std::memcpy(image.data.data() + i * 2, &v, 2);
+  }
+  const std::vector<unsigned char> png = encodePng(image);
+  test::write_text_file(dir / "noise.png", std::string(png.begin(), png.end()));
+  const NoiseTable noise = NoiseTable::read_png(dir / "noise.png");
+  // Texel 1, channel 1: sample 3 of the image.
+  EXPECT_FLOAT_EQ(noise.at(1, 0)[1], static_cast<float>((3u * 977u % 65536u) / 65536.0));
+  for (const float v : noise.at(200, 100)) {
+    EXPECT_GE(v, 0.0f);
+    EXPECT_LT(v, 1.0f);
+  }
+  image.width = 128;
+  image.data.resize(128 * 256 * 2 * 2);
+  const std::vector<unsigned char> small = encodePng(image);
+  test::write_text_file(dir / "small.png", std::string(small.begin(), small.end()));
+  EXPECT_EQ(test::message_of([&] { NoiseTable::read_png(dir / "small.png"); }),
+            "--noise needs an 8- or 16-bit 256 x 256 PNG");
 }
 
 }  // namespace
