@@ -10,6 +10,7 @@
 // Times of the occlusion loops are summed over the threads on both sides.
 //
 //   meshmaps_bench [--threads N] [--size S] [--rays R] [--peak-size P (0: skip)] [--budget-mb B]
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <string>
@@ -169,6 +170,7 @@ int main(int argc, char** argv) {
   const int rays = int_option(argc, argv, "--rays", 64);
   const int peak_size = int_option(argc, argv, "--peak-size", 4096);
   const int budget_mb = int_option(argc, argv, "--budget-mb", 2048);
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);  // each figure as soon as it is measured
 
   Clock::time_point start = Clock::now();
   const kv::bench::StandardScene scene = kv::bench::make_standard_scene();
@@ -187,14 +189,6 @@ int main(int argc, char** argv) {
   // Ambient occlusion: occlusion queries (no attenuation) against the plain loop.
   const mm::MeshMapsSettings ao =
       settings_for(size, {"ao"}, {"--ao-rays", std::to_string(rays), "--ao-attenuation", "none"});
-  start = Clock::now();
-  const mm::MeshMapsRun ao_run =
-      mm::bake_mesh_maps_on(scene.low, scene.high, ao, {}, timed, tracer.memory_bytes(), threads);
-  const double ao_seconds = seconds_since(start);
-  const double ours = timed.occluded_seconds();
-
-  const mm::MapRays ao_rays = mm::map_rays(ao.ao, ao_run.extent, 1);
-  PlainAoEvaluator limit(scene.high, ao_rays, plain.scene());
   kv::NormalBakeSettings primary = ao.bake;
   kv::LowPrepSettings low_settings = kv::low_prep_settings_of(primary);
   low_settings.tangent_frames = false;
@@ -202,8 +196,29 @@ int main(int argc, char** argv) {
   kv::BandLoopSettings loop;
   loop.band_rows = kv::band_rows_for(primary.band_samples, size, size, 1);
   loop.distances = kv::ray_distances(scene.high, primary.front, primary.rear, true);
-  kv::run_band_loop(prep, tracer, loop, limit, pool);
-  const double plain_occluded = static_cast<double>(limit.ns.load()) * 1e-9;
+  // Best of two rounds on each side, taken in turn.
+  double ao_seconds = 0.0;
+  double ours = 0.0;
+  double plain_occluded = 0.0;
+  mm::MeshMapsRun ao_run;
+  std::uint64_t plain_rays = 0;
+  std::uint64_t plain_blocked = 0;
+  for (int round = 0; round < 2; ++round) {
+    timed.reset();
+    start = Clock::now();
+    ao_run =
+        mm::bake_mesh_maps_on(scene.low, scene.high, ao, {}, timed, tracer.memory_bytes(), threads);
+    const double bake = seconds_since(start);
+    ao_seconds = round == 0 ? bake : std::min(ao_seconds, bake);
+    ours = round == 0 ? timed.occluded_seconds() : std::min(ours, timed.occluded_seconds());
+    const mm::MapRays ao_rays = mm::map_rays(ao.ao, ao_run.extent, 1);
+    PlainAoEvaluator limit(scene.high, ao_rays, plain.scene());
+    kv::run_band_loop(prep, tracer, loop, limit, pool);
+    const double t = static_cast<double>(limit.ns.load()) * 1e-9;
+    plain_occluded = round == 0 ? t : std::min(plain_occluded, t);
+    plain_rays = limit.rays.load();
+    plain_blocked = limit.occluded.load();
+  }
   const kv::bench::PlainRun plain_primary =
       kv::bench::plain_trace(scene.low, scene.high, primary, plain, pool);
 
@@ -212,8 +227,8 @@ int main(int argc, char** argv) {
               static_cast<unsigned long long>(ao_run.buffers.counters.secondary_rays), ours);
   std::printf(
       "ao %d rays: plain rtcOccluded1 over the same %llu rays: %.3f thread-s (%llu occluded)\n",
-      rays, static_cast<unsigned long long>(limit.rays.load()), plain_occluded,
-      static_cast<unsigned long long>(limit.occluded.load()));
+      rays, static_cast<unsigned long long>(plain_rays), plain_occluded,
+      static_cast<unsigned long long>(plain_blocked));
   std::printf("ao: secondary-ray throughput / plain loop %.3f (target at least 0.8)\n",
               plain_occluded / ours);
   const double limit_seconds = plain_primary.seconds + plain_occluded / threads;
@@ -247,10 +262,21 @@ int main(int argc, char** argv) {
       slowest_map = map;
     }
   }
+  // The slowest map again beside all nine, best of two each, so that a
+  // change of load on a shared machine falls on both sides alike.
   const mm::MeshMapsSettings all = settings_for(size, kMaps, ray_counts);
-  start = Clock::now();
-  mm::bake_mesh_maps_on(scene.low, scene.high, all, {}, tracer, tracer.memory_bytes(), threads);
-  const double all_seconds = seconds_since(start);
+  const mm::MeshMapsSettings single = settings_for(size, {slowest_map}, ray_counts);
+  double all_seconds = 0.0;
+  for (int round = 0; round < 2; ++round) {
+    start = Clock::now();
+    mm::bake_mesh_maps_on(scene.low, scene.high, all, {}, tracer, tracer.memory_bytes(), threads);
+    const double a = seconds_since(start);
+    all_seconds = round == 0 ? a : std::min(all_seconds, a);
+    start = Clock::now();
+    mm::bake_mesh_maps_on(scene.low, scene.high, single, {}, tracer, tracer.memory_bytes(),
+                          threads);
+    slowest = std::min(slowest, seconds_since(start));
+  }
   std::printf("all nine maps: %.3f s / slowest single map (%s, %.3f s) %.3f (target at most 1.5)\n",
               all_seconds, slowest_map.c_str(), slowest, all_seconds / slowest);
   return 0;

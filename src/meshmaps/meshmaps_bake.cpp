@@ -192,6 +192,11 @@ void bake_prepared(const Prepared& p, const Tracer& tracer, std::uint64_t tracer
   const WorkerPool pool(threads);
   try {
     run.buffers = make_buffers(s.bake.width, s.bake.height, p.setup.request);
+  } catch (const std::bad_alloc&) {
+    throw OutOfMemory("the maps of " + std::to_string(s.bake.width) + " x " +
+                      std::to_string(s.bake.height) + " texels do not fit in memory");
+  }
+  try {
     MeshMapsEvaluator evaluator(p.prep, tracer, p.setup, run.buffers);
     BandLoopSeconds seconds;
     const BandLoopCounters k = run_band_loop(p.prep, tracer, loop, evaluator, pool, {}, &seconds);

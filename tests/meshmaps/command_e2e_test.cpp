@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "image/png.h"
+#include "support/address_space_limit.h"
 #include "support/test_support.h"
 
 namespace kv::meshmaps {
@@ -143,6 +144,30 @@ TEST(MeshMapsCommand, MessagesAndExitCodes) {
   EXPECT_NE(help.out.find("Usage: korvane meshmaps"), std::string::npos);
   EXPECT_NE(help.out.find("--ao-self-occlusion"), std::string::npos);
 }
+
+// The sanitizer's allocator reports a failed allocation instead of throwing.
+#if !defined(__SANITIZE_ADDRESS__)
+TEST(MeshMapsCommand, OutOfMemoryEndsWithItsOwnLine) {
+  ScratchDir dir;
+  std::vector<std::string> args = {"meshmaps", "--low", kLow, "--high", kHigh, "--size", "16384"};
+  for (const char* map : {"--out-ao", "--out-world-normal", "--out-position", "--out-id"}) {
+    args.push_back(map);
+    args.push_back((dir / (std::string(map + 6) + ".exr")).string());
+  }
+  platform::ProcessResult r;
+  {
+    const test::AddressSpaceLimit limit(std::uint64_t{2} << 30);
+    ASSERT_TRUE(limit.applied());
+    r = run_korvane(args);
+  }
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_EQ(r.err,
+            "korvane meshmaps: out of memory: the maps of 16384 x 16384 texels do not fit in "
+            "memory\n");
+  EXPECT_EQ(r.out, "");
+  EXPECT_FALSE(std::filesystem::exists(dir / "ao.exr"));
+}
+#endif
 
 TEST(MeshMapsCommand, GpuFallsBackToTheCpuWithTheReason) {
   ScratchDir dir;
