@@ -44,6 +44,11 @@ double component(const TexelImage& image, std::size_t i) {
   }
 }
 
+Error not_readable_here(const std::string& ext, const std::filesystem::path& path) {
+  return Error("meshmaps: reading " + ext +
+               " normal maps is not available in this build: " + path.string());
+}
+
 }  // namespace
 
 TexelImage read_normal_map_texels(const std::filesystem::path& path) {
@@ -51,9 +56,11 @@ TexelImage read_normal_map_texels(const std::filesystem::path& path) {
   if (ext == ".png") {
     return readPng(path);
   }
-  if (ext == ".exr" || ext == ".kvt") {
-    throw Error("meshmaps: reading " + ext +
-                " normal maps is not available in this build: " + path.string());
+  if (ext == ".exr") {
+    throw not_readable_here(ext, path);
+  }
+  if (ext == ".kvt") {
+    throw not_readable_here(ext, path);
   }
   throw Error("meshmaps: --normal-map takes a .png, .exr or .kvt file: " + path.string());
 }
