@@ -8,6 +8,7 @@
 
 #include "core/error.h"
 #include "image/half.h"
+#include "image/kvt_file.h"
 #include "image/png.h"
 
 namespace kv::meshmaps {
@@ -60,7 +61,7 @@ TexelImage read_normal_map_texels(const std::filesystem::path& path) {
     throw not_readable_here(ext, path);
   }
   if (ext == ".kvt") {
-    throw not_readable_here(ext, path);
+    return read_kvt(path);
   }
   throw Error("meshmaps: --normal-map takes a .png, .exr or .kvt file: " + path.string());
 }

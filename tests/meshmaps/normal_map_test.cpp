@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "core/error.h"
+#include "image/kvt_file.h"
 #include "image/unorm16.h"
 #include "meshmaps/map_ranges.h"
 #include "meshmaps/meshmaps_bake.h"
@@ -13,6 +14,7 @@
 #include "meshmaps/normal_map_input.h"
 #include "support/bake_test_meshes.h"
 #include "support/message_of.h"
+#include "support/test_support.h"
 
 namespace kv::meshmaps {
 namespace {
@@ -52,6 +54,11 @@ TEST(MeshMapsNormalMap, DecodesEveryComponentTypeAndTheDirectXFlip) {
   grey.data.resize(1);
   EXPECT_EQ(test::message_of([&] { decode_normal_map(grey, false, "g.png"); }),
             "meshmaps: the normal map needs three channels: g.png");
+  // A .kvt file is read as stored, any component type.
+  test::ScratchDir dir;
+  write_kvt(dir / "n.kvt", wide);
+  EXPECT_FLOAT_EQ(
+      decode_normal_map(read_normal_map_texels(dir / "n.kvt"), false, "n.kvt").normals[0][0], 1.0f);
   EXPECT_EQ(test::message_of([] { read_normal_map_texels("n.tga"); }),
             "meshmaps: --normal-map takes a .png, .exr or .kvt file: n.tga");
 }
