@@ -1,0 +1,52 @@
+#!/usr/bin/env bash
+# Builds one fuzz target (clang, libFuzzer, AddressSanitizer and
+# UndefinedBehaviorSanitizer) in build-fuzz/ and runs it for a while.
+# Usage: scripts/fuzz.sh <target> [seconds]      (default 300 seconds)
+#        scripts/fuzz.sh list
+# Targets: obj kvm gltf glb fbx read_mesh png bake_options.
+# The run starts from the committed seeds (fuzz/corpus/<target>/) and the
+# regression inputs, keeps what it learns in build-fuzz/corpus/<target>/ and
+# writes failing inputs to build-fuzz/findings/<target>/. It stops at the
+# first finding unless KV_FUZZ_KEEP_GOING=1 (then it forks a child per run
+# and records every crash, leak, timeout and out-of-memory it meets).
+# Extra arguments for libFuzzer go in KV_FUZZ_ARGS.
+set -euo pipefail
+
+cd "$(dirname "$0")/.."
+targets=(obj kvm gltf glb fbx read_mesh png bake_options)
+target="${1:-}"
+seconds="${2:-300}"
+
+if [[ "$target" == list ]]; then
+  printf '%s\n' "${targets[@]}"
+  exit 0
+fi
+if [[ ! " ${targets[*]} " == *" $target "* ]]; then
+  echo "usage: scripts/fuzz.sh <target> [seconds]; targets: ${targets[*]}" >&2
+  exit 2
+fi
+
+# Installs clang and libFuzzer when missing, then configures build-fuzz/.
+if ! command -v clang++ >/dev/null || [[ ! -f build-fuzz/CMakeCache.txt ]]; then
+  scripts/setup.sh fuzz
+fi
+cmake --build build-fuzz -j "${KV_JOBS:-2}" --target "fuzz_$target"
+
+corpus="build-fuzz/corpus/$target"
+findings="build-fuzz/findings/$target"
+mkdir -p "$corpus" "$findings"
+seeds=("fuzz/corpus/$target")
+[[ -d "fuzz/regressions/$target" ]] && seeds+=("fuzz/regressions/$target")
+
+# The limits every input must stay under: 2 GB, 20 seconds, 1 MB.
+args=(-rss_limit_mb=2048 -malloc_limit_mb=2048 -timeout=20 -max_len=1048576
+      -max_total_time="$seconds" -print_final_stats=1 -artifact_prefix="$findings/")
+[[ -f "fuzz/dict/$target.dict" ]] && args+=(-dict="fuzz/dict/$target.dict")
+if [[ "${KV_FUZZ_KEEP_GOING:-0}" == 1 ]]; then
+  args+=(-fork=1 -ignore_crashes=1 -ignore_ooms=1 -ignore_timeouts=1)
+fi
+
+export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:allocator_may_return_null=1${ASAN_OPTIONS:+:$ASAN_OPTIONS}"
+export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
+# shellcheck disable=SC2086
+exec "build-fuzz/fuzz/fuzz_$target" "${args[@]}" ${KV_FUZZ_ARGS:-} "$corpus" "${seeds[@]}"
