@@ -82,7 +82,7 @@ class GltfReader {
 
   std::vector<int> scene_roots() const;
   ElementCounts primitive_counts(const tinygltf::Primitive& prim) const;
-  void check_placed_counts(const std::vector<int>& roots) const;
+  void check_placed_counts(const std::vector<int>& roots);
   Mat4 local_transform(int node_index) const;
   void add_node(int node_index, const Mat4& world);
   void add_primitive(int mesh_index, std::size_t primitive_index, const Mat4& world,
@@ -90,9 +90,9 @@ class GltfReader {
   const tinygltf::Accessor& checked_accessor(int index, int components,
                                              const std::string& what) const;
   std::vector<double> read_accessor(int index, int components, const std::string& what) const;
-  std::vector<double> read_attribute(const tinygltf::Primitive& prim, const char* attribute,
-                                     int components, std::uint64_t vertex_count,
-                                     const std::string& what, const char* plural) const;
+  int attribute_accessor(const tinygltf::Primitive& prim, const char* attribute, int components,
+                         std::uint64_t vertex_count, const std::string& what,
+                         const char* plural) const;
   std::vector<std::uint32_t> read_indices(int index, std::uint64_t vertex_count,
                                           const std::string& what) const;
   const tinygltf::BufferView& view(int index, const std::string& what) const;
@@ -103,6 +103,8 @@ class GltfReader {
   const std::filesystem::path& path_;
   const tinygltf::Model& model_;
   const ReadBudget& budget_;
+  MeshEstimate placed_;  // what the scene's nodes place, counted up front
+  bool budget_checked_ = false;
   Mesh mesh_;
   UniqueNames object_names_;
   MaterialTable materials_;
@@ -430,23 +432,22 @@ std::uint32_t GltfReader::material_index(int material) {
   return materials_.index_of(name, mesh_.materials);
 }
 
-// The values of the primitive's `attribute`, none when it has none. The count
-// is compared with the positions' first, so an unlike one is never read.
-std::vector<double> GltfReader::read_attribute(const tinygltf::Primitive& prim,
-                                               const char* attribute, int components,
-                                               std::uint64_t vertex_count, const std::string& what,
-                                               const char* plural) const {
+// The accessor of the primitive's `attribute`, -1 when it has none, once its
+// count equals the positions': an unlike one is never read.
+int GltfReader::attribute_accessor(const tinygltf::Primitive& prim, const char* attribute,
+                                   int components, std::uint64_t vertex_count,
+                                   const std::string& what, const char* plural) const {
   const auto it = prim.attributes.find(attribute);
   if (it == prim.attributes.end()) {
-    return {};
+    return -1;
   }
-  const std::string name = what + " " + attribute;
-  const std::uint64_t count = checked_accessor(it->second, components, name).count;
+  const std::uint64_t count =
+      checked_accessor(it->second, components, what + " " + attribute).count;
   if (count != vertex_count) {
     fail(what + " has " + std::to_string(count) + " " + plural + " for " +
          std::to_string(vertex_count) + " positions");
   }
-  return read_accessor(it->second, components, name);
+  return it->second;
 }
 
 // Appends the triangles of one primitive, its vertices placed by `world`.
@@ -472,13 +473,28 @@ void GltfReader::add_primitive(int mesh_index, std::size_t primitive_index, cons
       fail(unsupported_extension("KHR_draco_mesh_compression"));
     }
   }
+  // Every accessor is checked before any is read, and the scene's estimate
+  // weighed before the first is: a fault of the file is named first, and
+  // nothing is sized from counts the budget refuses.
+  const std::uint64_t vertex_count =
+      checked_accessor(position_it->second, 3, what + " POSITION").count;
+  const int normal_accessor = attribute_accessor(prim, "NORMAL", 3, vertex_count, what, "normals");
+  const int uv_accessor =
+      attribute_accessor(prim, "TEXCOORD_0", 2, vertex_count, what, "texture coordinates");
+  if (prim.indices >= 0) {
+    checked_accessor(prim.indices, 1, what + " indices");
+  }
+  if (!budget_checked_) {
+    budget_.check_mesh(path_, placed_);
+    budget_checked_ = true;
+  }
   const std::vector<double> positions = read_accessor(position_it->second, 3, what + " POSITION");
-  const std::uint64_t vertex_count = positions.size() / 3;
-
-  const std::vector<double> normals =
-      read_attribute(prim, "NORMAL", 3, vertex_count, what, "normals");
-  const std::vector<double> uvs =
-      read_attribute(prim, "TEXCOORD_0", 2, vertex_count, what, "texture coordinates");
+  const std::vector<double> normals = normal_accessor >= 0
+                                          ? read_accessor(normal_accessor, 3, what + " NORMAL")
+                                          : std::vector<double>();
+  const std::vector<double> uvs = uv_accessor >= 0
+                                      ? read_accessor(uv_accessor, 2, what + " TEXCOORD_0")
+                                      : std::vector<double>();
   std::vector<std::uint32_t> indices;
   if (prim.indices >= 0) {
     indices = read_indices(prim.indices, vertex_count, what);
@@ -658,10 +674,10 @@ ElementCounts GltfReader::primitive_counts(const tinygltf::Primitive& prim) cons
 }
 
 // Refuses a scene whose nodes, each placing its mesh's elements anew, would
-// exceed the mesh limits or the memory budget: counted from the accessors
-// before anything is read, since a few nodes can multiply a small file into
-// billions of vertices.
-void GltfReader::check_placed_counts(const std::vector<int>& roots) const {
+// exceed the mesh limits, and keeps the totals for the memory budget: counted
+// from the accessors before anything is read, since a few nodes can multiply
+// a small file into billions of vertices.
+void GltfReader::check_placed_counts(const std::vector<int>& roots) {
   std::vector<ElementCounts> per_mesh(model_.meshes.size());
   for (std::size_t m = 0; m < model_.meshes.size(); ++m) {
     for (const tinygltf::Primitive& prim : model_.meshes[m].primitives) {
@@ -696,8 +712,8 @@ void GltfReader::check_placed_counts(const std::vector<int>& roots) const {
       fail("mesh has more than " + std::to_string(kMaxElements) + " " + name);
     }
   }
-  budget_.check_mesh(path_, MeshEstimate{total.positions, total.uvs, total.normals, total.triangles,
-                                         total.working_bytes});
+  placed_ =
+      MeshEstimate{total.positions, total.uvs, total.normals, total.triangles, total.working_bytes};
 }
 
 Mesh GltfReader::read() {
