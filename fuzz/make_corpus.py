@@ -207,8 +207,9 @@ Connections:  {
 """
 
 
-def fbx_binary():
-    """A binary FBX 7400 file with the same quad, written record by record."""
+def fbx_binary(vertices=None):
+    """A binary FBX 7400 file with the same quad, written record by record;
+    `vertices`, when given, is the encoded property of the Vertices record."""
     def prop(kind, value):
         if kind == "L":
             return b"L" + struct.pack("<q", value)
@@ -245,7 +246,7 @@ def fbx_binary():
         n(b"FBXHeaderExtension", [], [n(b"FBXVersion", [prop("I", 7400)])]),
         n(b"Objects", [], [
             n(b"Geometry", [prop("L", 1000), prop("S", b"quad\x00\x01Geometry"), prop("S", b"Mesh")], [
-                n(b"Vertices", [prop("d", [0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0])]),
+                n(b"Vertices", [vertices or prop("d", [0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0])]),
                 n(b"PolygonVertexIndex", [prop("i", [0, 1, 2, -4])]),
                 n(b"GeometryVersion", [prop("I", 124)]),
             ]),

@@ -15,7 +15,7 @@ import zlib
 
 sys.dont_write_bytecode = True
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from make_corpus import glb, gltf_triangle, gltf_text, png  # noqa: E402
+from make_corpus import fbx_binary, glb, gltf_triangle, gltf_text, png  # noqa: E402
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 
@@ -59,9 +59,29 @@ def main():
     doc["buffers"][0]["uri"] = "missing.bin"
     put("gltf", "missing_buffer.gltf", json.dumps(doc))
 
+    fbx_findings()
     put("png", "side_past_limit.png", png_header(1 << 20, 1 << 20, 6, 16))
     put("png", "header_bomb.png", png_header(16384, 16384, 6, 16))
     put("png", "bomb_within_side.png", png(4096, 4096, 0, 8, [b"\0" * 4096] * 4096))
+
+
+def fbx_findings():
+    """Binary FBX files that Assimp itself fails on (kept out of the replay)."""
+    header = b"Kaydara FBX Binary  \x00\x1a\x00" + struct.pack("<I", 7400)
+    # Records nested 100000 deep, each ending where its parent ends.
+    depth = 30000
+    name = b"N"
+    record = 13 + len(name)
+    end = len(header) + depth * record + 13 * depth
+    nested = b""
+    for level in range(depth):
+        nested += struct.pack("<IIIB", end - 13 * level, 0, 0, len(name)) + name
+    nested += b"\0" * 13 * depth
+    put("fbx-contained", "deep_records.fbx", header + nested + b"\0" * 13 + b"\0" * 160)
+    # A float64 array that claims 0x30000000 elements (6 GiB) behind a few zlib bytes.
+    packed = zlib.compress(b"\0" * 64)
+    prop = b"d" + struct.pack("<III", 0x30000000, 1, len(packed)) + packed
+    put("fbx-contained", "array_count.fbx", fbx_binary(prop))
 
 
 def glb_json_only(text):
