@@ -15,7 +15,7 @@ import zlib
 
 sys.dont_write_bytecode = True
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from make_corpus import fbx_binary, glb, gltf_triangle, gltf_text, png  # noqa: E402
+from make_corpus import FBX_ASCII, fbx_binary, glb, gltf_triangle, gltf_text, png  # noqa: E402
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 
@@ -82,6 +82,10 @@ def fbx_findings():
     packed = zlib.compress(b"\0" * 64)
     prop = b"d" + struct.pack("<III", 0x30000000, 1, len(packed)) + packed
     put("fbx-contained", "array_count.fbx", fbx_binary(prop))
+    # The model connected to itself as well as to the root (found by the fbx
+    # target): the importer's conversion of the node tree never ends.
+    put("fbx-contained", "model_parent_of_itself.fbx",
+        FBX_ASCII.replace('\tC: "OO",2000,0\n', '\tC: "OO",2000,0\n\tC: "OO",2000,2000\n'))
 
 
 def glb_json_only(text):
