@@ -2,7 +2,7 @@
 # Builds one fuzz target (clang, libFuzzer, AddressSanitizer and
 # UndefinedBehaviorSanitizer) in build-fuzz/ and runs it for a while.
 # Usage: scripts/fuzz.sh <target> [seconds]      (default 300 seconds)
-#        scripts/fuzz.sh coverage <target>       (edges of src/ the corpus reaches)
+#        scripts/fuzz.sh coverage <target>       (lines of src/ the kept inputs reach)
 #        scripts/fuzz.sh list
 # Targets: obj kvm gltf glb fbx read_mesh png bake_options.
 # The run starts from the committed seeds (fuzz/corpus/<target>/) and the
@@ -46,13 +46,22 @@ seeds=("fuzz/corpus/$target")
 [[ -d "fuzz/regressions/$target" ]] && seeds+=("fuzz/regressions/$target")
 
 if ((coverage)); then
-  # Every input once, then the instrumented edges per source file of ours.
-  "build-fuzz/fuzz/fuzz_$target" -runs=0 -print_coverage=1 "$corpus" "${seeds[@]}" 2>&1 |
-    awk '/^(UN)?COVERED_FUNC:/ && $NF ~ /\/src\// {
-           split($5, e, "/"); file = $NF; sub(/:[0-9]+$/, "", file); sub(/.*\/src\//, "src/", file)
-           hit[file] += e[1]; all[file] += e[2] }
-         END { for (f in all) printf "%-36s %6d / %6d edges  %5.1f%%\n", f, hit[f], all[f], 100 * hit[f] / all[f] }' |
-    sort
+  # Source-based coverage: the same targets built again with clang's
+  # profiling in build-fuzz-cov/, every kept input run once, then the lines
+  # of each source file of ours (named from src/) that the inputs reached.
+  if [[ ! -f build-fuzz-cov/CMakeCache.txt ]]; then
+    CC=clang CXX=clang++ cmake -S . -B build-fuzz-cov -G Ninja -DCMAKE_BUILD_TYPE=Release \
+      -DKV_FUZZ=ON "-DCMAKE_CXX_FLAGS=-fprofile-instr-generate -fcoverage-mapping" \
+      -DCMAKE_EXE_LINKER_FLAGS=-fprofile-instr-generate >/dev/null
+  fi
+  cmake --build build-fuzz-cov -j "${KV_JOBS:-2}" --target "fuzz_$target"
+  profile="build-fuzz-cov/$target"
+  ASAN_OPTIONS="detect_leaks=0:allocator_may_return_null=1" LLVM_PROFILE_FILE="$profile.profraw" \
+    "build-fuzz-cov/fuzz/fuzz_$target" -runs=0 "$corpus" "${seeds[@]}" >"$profile.log" 2>&1
+  llvm-profdata merge -o "$profile.profdata" "$profile.profraw"
+  llvm-cov report "build-fuzz-cov/fuzz/fuzz_$target" -instr-profile="$profile.profdata" \
+    -ignore-filename-regex='^/usr/|/fuzz/[a-z_]+[.](cpp|h)$' |
+    awk 'NR == 1 { print } NR > 2 && $1 ~ /\// && $10 != "0.00%" { print }'
   exit 0
 fi
 
