@@ -78,7 +78,7 @@ def fbx_findings():
         nested += struct.pack("<IIIB", end - 13 * level, 0, 0, len(name)) + name
     nested += b"\0" * 13 * depth
     put("fbx-contained", "deep_records.fbx", header + nested + b"\0" * 13 + b"\0" * 160)
-    # A float64 array that claims 0x30000000 elements (6 GiB) behind a few zlib bytes.
+    # A float64 array that claims 0x30000000 elements (6 GiB) behind 12 zlib bytes.
     packed = zlib.compress(b"\0" * 64)
     prop = b"d" + struct.pack("<III", 0x30000000, 1, len(packed)) + packed
     put("fbx-contained", "array_count.fbx", fbx_binary(prop))
