@@ -33,11 +33,9 @@ if [[ ! " ${targets[*]} " == *" $target "* ]]; then
   exit 2
 fi
 
-# Installs clang and libFuzzer when missing, then configures build-fuzz/.
-if ! command -v clang++ >/dev/null || [[ ! -f build-fuzz/CMakeCache.txt ]]; then
-  scripts/setup.sh fuzz
-fi
-cmake --build build-fuzz -j "${KV_JOBS:-2}" --target "fuzz_$target"
+# Installs clang and libFuzzer when missing and builds the targets in
+# build-fuzz/ (incremental: quick when nothing changed).
+scripts/setup.sh fuzz
 
 corpus="build-fuzz/corpus/$target"
 findings="build-fuzz/findings/$target"
