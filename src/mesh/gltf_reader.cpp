@@ -905,7 +905,7 @@ Mesh read_gltf(const std::filesystem::path& path, const MeshReadOptions& options
                                            size, base_dir)
              : loader.LoadASCIIFromString(&model, &err, &warn, bytes.data(), size, base_dir);
   if (!loaded && !buffer_files.refusal.empty()) {
-    throw Error(path.string() + ": " + buffer_files.refusal);
+    throw OutOfMemory(path.string() + ": " + buffer_files.refusal);
   }
   if (!loaded) {
     err = one_line(err);

@@ -70,7 +70,7 @@ std::string ReadBudget::read_whole_file(const std::filesystem::path& path, std::
     throw Error(path.string() + ": the file is too large for " + format);
   }
   if (!take_file(bytes)) {
-    throw Error(path.string() + ": the file's " + refusal(bytes));
+    throw OutOfMemory(path.string() + ": the file's " + refusal(bytes));
   }
   std::string text(static_cast<std::size_t>(bytes), '\0');
   if (file.read_full(text.data(), text.size(), &error) != size) {
@@ -80,15 +80,21 @@ std::string ReadBudget::read_whole_file(const std::filesystem::path& path, std::
 }
 
 void ReadBudget::check_mesh(const std::filesystem::path& path, const MeshEstimate& estimate) const {
-  const std::uint64_t limit =
-      std::min(left_, std::max(times_capped(file_bytes_, kExpansion), kFloorBytes));
+  const std::uint64_t growth = std::max(times_capped(file_bytes_, kExpansion), kFloorBytes);
+  const std::uint64_t limit = std::min(left_, growth);
   const std::uint64_t need = estimate.bytes();
   if (need > limit) {
     const std::uint64_t mib = std::uint64_t{1} << 20;
-    throw Error(path.string() + ": the mesh file " + path.string() + " gives " +
-                std::to_string(estimate.triangles) + " triangles and needs about " +
-                std::to_string(add_capped(need, mib - 1) / mib) + " MB; the limit is " +
-                std::to_string(limit / mib) + " MB");
+    const std::string message = path.string() + ": the mesh file " + path.string() + " gives " +
+                                std::to_string(estimate.triangles) + " triangles and needs about " +
+                                std::to_string(add_capped(need, mib - 1) / mib) +
+                                " MB; the limit is " + std::to_string(limit / mib) + " MB";
+    // Past the memory left, the machine is short; past the growth alone, the
+    // file asks for far more than its bytes justify.
+    if (need > left_) {
+      throw OutOfMemory(message);
+    }
+    throw Error(message);
   }
 }
 

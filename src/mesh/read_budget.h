@@ -46,15 +46,15 @@ class ReadBudget {
 
   // Reads the mesh file at `path` whole once its size is known to be at most
   // `largest` and taken from the budget. Throws "cannot open mesh file:
-  // <path>", "<path>: the file is too large for <format>", "<path>: the
-  // file's <refusal>" or "cannot read mesh file: <path>".
+  // <path>", "<path>: the file is too large for <format>", OutOfMemory
+  // "<path>: the file's <refusal>" or "cannot read mesh file: <path>".
   std::string read_whole_file(const std::filesystem::path& path, std::uint64_t largest,
                               const char* format);
 
   // Refuses a mesh whose estimate exceeds the smaller of what is left and
   // kExpansion times the file bytes taken (at least kFloorBytes):
   // "<path>: the mesh file <path> gives <F> triangles and needs about <N> MB;
-  // the limit is <L> MB".
+  // the limit is <L> MB", an OutOfMemory when it is more than is left.
   void check_mesh(const std::filesystem::path& path, const MeshEstimate& estimate) const;
 
  private:

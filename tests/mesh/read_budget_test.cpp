@@ -8,6 +8,7 @@
 #include "mesh/gltf_reader.h"
 #include "mesh/gltf_test_builder.h"
 #include "mesh/mesh_test_util.h"
+#include "support/message_of.h"
 #include "support/test_support.h"
 
 namespace kv {
@@ -35,6 +36,7 @@ TEST(ReadBudget, TakesFilesWholeAndHoldsTheMeshToTheSmallerOfWhatIsLeftAndTheFil
   EXPECT_EQ(e.bytes(), 400u);
   EXPECT_NO_THROW(small.check_mesh("m.gltf", e));
   e.working_bytes = 1;
+  EXPECT_THROW(small.check_mesh("m.gltf", e), OutOfMemory);  // the memory is short
   EXPECT_EQ(
       test::error_of([&] { small.check_mesh("m.gltf", e); }),
       "m.gltf: the mesh file m.gltf gives 5 triangles and needs about 1 MB; the limit is 0 MB");
@@ -47,6 +49,11 @@ TEST(ReadBudget, TakesFilesWholeAndHoldsTheMeshToTheSmallerOfWhatIsLeftAndTheFil
   MeshEstimate at_floor{0, 0, 0, 0, 64 * mib};
   EXPECT_NO_THROW(roomy.check_mesh("m.gltf", at_floor));
   at_floor.working_bytes += 1;
+  // Past the growth alone, the file is at fault, not the machine.
+  EXPECT_EQ(test::message_of<OutOfMemory>([&] {
+              roomy.check_mesh("m.gltf", at_floor);
+            }).rfind("wrong type: ", 0),
+            0u);
   EXPECT_EQ(test::error_of([&] { roomy.check_mesh("m.gltf", at_floor); }, "m.gltf: "),
             "the mesh file m.gltf gives 0 triangles and needs about 65 MB; the limit is 64 MB");
   ASSERT_TRUE(roomy.take_file(mib - 1024));
@@ -87,6 +94,7 @@ TEST(ReadBudget, GltfFilesAreSizedBeforeTheyAreReadAndThePlacedMeshBeforeItIsBui
   EXPECT_EQ(read(text.size() - 1),
             "the file's " + std::to_string(text.size()) + " bytes do not fit in the " +
                 std::to_string(text.size() - 1) + " bytes left of the memory budget");
+  EXPECT_THROW(read_gltf(dir / "q.gltf", limited_to(files - 1)), OutOfMemory);
   const std::string buffer = read(files - 1);
   EXPECT_NE(buffer.find("the buffer file "), std::string::npos) << buffer;
   EXPECT_NE(buffer.find("b.bin: 72 bytes do not fit in the 71 bytes left of the memory budget"),
