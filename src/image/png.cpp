@@ -11,6 +11,7 @@
 
 #include "core/error.h"
 #include "core/parallel.h"
+#include "image/temp_file.h"
 #include "platform/platform.h"
 
 namespace kv {
@@ -167,52 +168,6 @@ std::vector<unsigned char> encode_samples(const SampleView& image, int threads) 
   return png;
 }
 
-// "<target>.tmp", removed again unless it was renamed onto the target.
-class PlainTempFile {
- public:
-  explicit PlainTempFile(std::filesystem::path target)
-      : target_(std::move(target)), path_(target_.native() + ".tmp") {}
-  ~PlainTempFile() {
-    file_.close();
-    if (created_) {
-      platform::remove_file(path_);
-    }
-  }
-  PlainTempFile(const PlainTempFile&) = delete;
-  PlainTempFile& operator=(const PlainTempFile&) = delete;
-
-  void write_and_replace(const std::vector<unsigned char>& bytes) {
-    int error = 0;
-    file_ = platform::File::create_truncate(path_, &error);
-    if (!file_.is_open()) {
-      throw Error("cannot create " + path_.string());
-    }
-    created_ = true;
-    if (file_.write_all(bytes.data(), bytes.size()) != 0 || file_.close() != 0) {
-      throw Error("cannot write " + path_.string());
-    }
-    for (int attempt = 1;; ++attempt) {
-      error = platform::rename_replace(path_, target_);
-      if (error == 0) {
-        created_ = false;
-        return;
-      }
-      if (!platform::is_transient_rename_error(error) || attempt == 20) {
-        break;
-      }
-      platform::sleep_ms(10);
-    }
-    throw Error("cannot rename " + path_.string() + " to " + target_.string() + ": " +
-                platform::system_error_text(error));
-  }
-
- private:
-  std::filesystem::path target_;
-  std::filesystem::path path_;
-  platform::File file_;
-  bool created_ = false;
-};
-
 }  // namespace
 
 void writePngCodes(const std::filesystem::path& path, int width, int height, int channels,
@@ -240,8 +195,21 @@ void writePngCodes(const std::filesystem::path& path, int width, int height, int
   if (!parent.empty()) {
     platform::create_directories(parent);  // a failure shows when the file is created
   }
-  PlainTempFile temp(path);
-  temp.write_and_replace(png);
+  write_file_replacing(path, png.data(), png.size());
+}
+
+void writePng(const std::filesystem::path& path, const TexelImage& image, int threads) {
+  std::vector<unsigned char> png;
+  try {
+    png = encodePng(image, threads);
+  } catch (const Error& e) {
+    throw Error(path.string() + ": " + e.what());
+  }
+  const std::filesystem::path parent = path.parent_path();
+  if (!parent.empty()) {
+    platform::create_directories(parent);  // a failure shows when the file is created
+  }
+  write_file_replacing(path, png.data(), png.size());
 }
 
 std::vector<unsigned char> encodePng(const TexelImage& image, int threads) {

@@ -17,6 +17,11 @@ namespace kv {
 void writePngCodes(const std::filesystem::path& path, int width, int height, int channels,
                    std::span<const std::uint16_t> codes, int threads = 0);
 
+// Writes an 8- or 16-bit image of 1 to 4 channels as a PNG of the matching
+// colour type and depth, through "<path>.tmp" and a rename. Encoding errors
+// are prefixed by the path and ": ".
+void writePng(const std::filesystem::path& path, const TexelImage& image, int threads = 0);
+
 // The PNG bytes of an 8- or 16-bit image of 1 to 4 channels.
 std::vector<unsigned char> encodePng(const TexelImage& image, int threads = 0);
 

@@ -128,4 +128,56 @@ void TempFile::abandon() noexcept {
   }
 }
 
+PlainTempFile::PlainTempFile(std::filesystem::path target)
+    : target_(std::move(target)), path_(target_.native() + ".tmp") {}
+
+PlainTempFile::~PlainTempFile() {
+  file_.close();
+  if (created_) {
+    platform::remove_file(path_);
+  }
+}
+
+void PlainTempFile::create() {
+  int error = 0;
+  file_ = platform::File::create_truncate(path_, &error);
+  if (!file_.is_open()) {
+    throw Error("cannot create " + path_.string());
+  }
+  created_ = true;
+}
+
+void PlainTempFile::write(const void* data, std::size_t size) {
+  if (file_.write_all(data, size) != 0) {
+    throw Error("cannot write " + path_.string());
+  }
+}
+
+void PlainTempFile::commit() {
+  if (file_.close() != 0) {
+    throw Error("cannot write " + path_.string());
+  }
+  int error = 0;
+  for (int attempt = 1;; ++attempt) {
+    error = platform::rename_replace(path_, target_);
+    if (error == 0) {
+      created_ = false;
+      return;
+    }
+    if (!platform::is_transient_rename_error(error) || attempt == TempFile::kRenameAttempts) {
+      break;
+    }
+    platform::sleep_ms(TempFile::kRenameWaitMs);
+  }
+  throw Error("cannot rename " + path_.string() + " to " + target_.string() + ": " +
+              platform::system_error_text(error));
+}
+
+void write_file_replacing(const std::filesystem::path& target, const void* data, std::size_t size) {
+  PlainTempFile temp(target);
+  temp.create();
+  temp.write(data, size);
+  temp.commit();
+}
+
 }  // namespace kv

@@ -64,6 +64,37 @@ class TempFile {
   bool committed_ = false;
 };
 
+// A temporary file under the one name "<target>.tmp" (an existing one is
+// truncated), renamed onto the target once complete and removed on every path
+// that does not reach commit(). Used by the PNG, texel-file and hit-dump
+// writers. Failures throw kv::Error "cannot create <tmp>", "cannot write
+// <tmp>" or "cannot rename <tmp> to <target>: <reason>".
+class PlainTempFile {
+ public:
+  explicit PlainTempFile(std::filesystem::path target);
+  ~PlainTempFile();
+  PlainTempFile(const PlainTempFile&) = delete;
+  PlainTempFile& operator=(const PlainTempFile&) = delete;
+
+  // Creates the file; the target's folder must exist.
+  void create();
+  // Writes every byte or throws.
+  void write(const void* data, std::size_t size);
+  // Closes the file and renames it onto the target, retrying a busy target.
+  void commit();
+
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  std::filesystem::path target_;
+  std::filesystem::path path_;
+  platform::File file_;
+  bool created_ = false;
+};
+
+// Writes the bytes to "<target>.tmp" and renames it onto the target.
+void write_file_replacing(const std::filesystem::path& target, const void* data, std::size_t size);
+
 // The temporary name for one attempt: "<target>.<pid>-<counter>.tmp".
 std::filesystem::path temp_file_name(const std::filesystem::path& target, std::uint64_t counter);
 

@@ -4,6 +4,7 @@
 #include <bit>
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -367,6 +368,11 @@ Mesh read_kvm(const std::filesystem::path& path, int threads) {
   if (!file.is_open()) {
     throw Error("cannot open mesh file: " + path.string());
   }
+  return read_kvm(file, path, threads);
+}
+
+Mesh read_kvm(platform::File& file, const std::filesystem::path& path, int threads) {
+  int error = 0;
   Reader reader(file, path);
   const Header h = read_header(reader, path);
 
@@ -416,11 +422,14 @@ Mesh read_kvm(const std::filesystem::path& path, int threads) {
 namespace kv {
 namespace {
 
+// Where the image's bytes go: a temporary file, or an open file.
+using WriteBytes = std::function<void(const void* data, std::size_t size)>;
+
 // Collects the many small fields (name lengths and names) so that they reach
-// the temporary file in large writes.
+// the file in large writes.
 class NameWriter {
  public:
-  explicit NameWriter(TempFile& file) : file_(file) {}
+  explicit NameWriter(const WriteBytes& file) : file_(file) {}
   ~NameWriter() = default;
 
   void put(const void* data, std::size_t size) {
@@ -437,12 +446,12 @@ class NameWriter {
     }
   }
   void flush() {
-    file_.write(buffer_.data(), buffer_.size());
+    file_(buffer_.data(), buffer_.size());
     buffer_.clear();
   }
 
  private:
-  TempFile& file_;
+  const WriteBytes& file_;
   std::string buffer_;
 };
 
@@ -495,12 +504,8 @@ void check_before_writing(const Mesh& mesh, std::uint32_t flags,
   }
 }
 
-}  // namespace
-
-void write_kvm(const std::filesystem::path& path, const Mesh& mesh, std::uint32_t flags) {
-  check_before_writing(mesh, flags, path);
-
-  TempFile file = TempFile::create(path, path.string() + ": ");
+// The header and the sections in file order, the mesh already checked.
+void write_image(const WriteBytes& write, const Mesh& mesh, std::uint32_t flags) {
   unsigned char header[kKvmHeaderBytes];
   const std::uint32_t version = 1;
   const std::uint64_t counts[5] = {mesh.positions.size(), mesh.uvs.size(), mesh.normals.size(),
@@ -509,11 +514,11 @@ void write_kvm(const std::filesystem::path& path, const Mesh& mesh, std::uint32_
   std::memcpy(header + 8, &version, 4);
   std::memcpy(header + 12, &flags, 4);
   std::memcpy(header + 16, counts, sizeof counts);
-  file.write(header, sizeof header);
+  write(header, sizeof header);
 
-  file.write(mesh.positions.data(), mesh.positions.size() * 12);
+  write(mesh.positions.data(), mesh.positions.size() * 12);
   if (flags & kKvmUvDouble) {
-    file.write(mesh.uvs.data(), mesh.uvs.size() * 16);
+    write(mesh.uvs.data(), mesh.uvs.size() * 16);
   } else {
     // Narrowed through one reusable buffer: no second full-size copy.
     std::vector<std::array<float, 2>> narrow;
@@ -524,30 +529,51 @@ void write_kvm(const std::filesystem::path& path, const Mesh& mesh, std::uint32_
         narrow[i - begin] = {static_cast<float>(mesh.uvs[i][0]),
                              static_cast<float>(mesh.uvs[i][1])};
       }
-      file.write(narrow.data(), narrow.size() * 8);
+      write(narrow.data(), narrow.size() * 8);
     }
   }
-  file.write(mesh.normals.data(), mesh.normals.size() * 12);
-  file.write(mesh.triangles.data(), mesh.triangles.size() * sizeof(Triangle));
+  write(mesh.normals.data(), mesh.normals.size() * 12);
+  write(mesh.triangles.data(), mesh.triangles.size() * sizeof(Triangle));
 
-  NameWriter names(file);
+  NameWriter names(write);
   names.put_names(mesh.objects);
   if (flags & kKvmMaterials) {
     const std::uint64_t count = mesh.materials.size();
     names.put(&count, sizeof count);
     names.put_names(mesh.materials);
     names.flush();
-    file.write(mesh.triangle_materials.data(), mesh.triangle_materials.size() * 4);
+    write(mesh.triangle_materials.data(), mesh.triangle_materials.size() * 4);
   }
   if (flags & kKvmBlocks) {
     const std::uint64_t count = mesh.blocks.size();
     names.put(&count, sizeof count);
     names.put_names(mesh.blocks);
     names.flush();
-    file.write(mesh.object_blocks.data(), mesh.object_blocks.size() * 4);
+    write(mesh.object_blocks.data(), mesh.object_blocks.size() * 4);
   }
   names.flush();
+}
+
+}  // namespace
+
+void write_kvm(const std::filesystem::path& path, const Mesh& mesh, std::uint32_t flags) {
+  check_before_writing(mesh, flags, path);
+  TempFile file = TempFile::create(path, path.string() + ": ");
+  write_image([&file](const void* data, std::size_t size) { file.write(data, size); }, mesh, flags);
   file.commit();
+}
+
+void write_kvm(platform::File& file, const std::filesystem::path& path, const Mesh& mesh,
+               std::uint32_t flags) {
+  check_before_writing(mesh, flags, path);
+  write_image(
+      [&](const void* data, std::size_t size) {
+        const int error = file.write_all(data, size);
+        if (error != 0) {
+          fail(path, "could not write the mesh: " + platform::system_error_text(error));
+        }
+      },
+      mesh, flags);
 }
 
 }  // namespace kv

@@ -4,6 +4,7 @@
 
 #include "mesh/fbx_reader.h"
 #include "mesh/gltf_reader.h"
+#include "mesh/isolated_read.h"
 #include "mesh/kvm_file.h"
 #include "platform/platform.h"
 
@@ -72,8 +73,9 @@ MeshFormat sniff_mesh_format(const std::filesystem::path& path) {
 
 namespace {
 
+// `isolate`: glTF and FBX are parsed in a child process (see isolated_read.h).
 Mesh read_by_format(const std::filesystem::path& path, const MeshReadOptions& options,
-                    MeshStats* stats) {
+                    MeshStats* stats, bool isolate) {
   switch (sniff_mesh_format(path)) {
     case MeshFormat::Kvm:
       if (stats != nullptr) {
@@ -81,9 +83,11 @@ Mesh read_by_format(const std::filesystem::path& path, const MeshReadOptions& op
       }
       return read_kvm(path, options.threads);
     case MeshFormat::Gltf:
-      return read_gltf(path, options, stats);
+      return isolate ? read_isolated(path, MeshFormat::Gltf, options, stats)
+                     : read_gltf(path, options, stats);
     case MeshFormat::Fbx:
-      return read_fbx(path, options, stats);
+      return isolate ? read_isolated(path, MeshFormat::Fbx, options, stats)
+                     : read_fbx(path, options, stats);
     case MeshFormat::Obj:
       break;
   }
@@ -98,7 +102,12 @@ Mesh read_by_format(const std::filesystem::path& path, const MeshReadOptions& op
 
 Mesh read_mesh(const std::filesystem::path& path, const MeshReadOptions& options,
                MeshStats* stats) {
-  return naming_memory_failures(path, [&] { return read_by_format(path, options, stats); });
+  return naming_memory_failures(path, [&] { return read_by_format(path, options, stats, true); });
+}
+
+Mesh read_mesh_in_process(const std::filesystem::path& path, const MeshReadOptions& options,
+                          MeshStats* stats) {
+  return naming_memory_failures(path, [&] { return read_by_format(path, options, stats, false); });
 }
 
 OutOfMemory mesh_out_of_memory(const std::filesystem::path& path) {

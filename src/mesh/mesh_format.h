@@ -27,9 +27,15 @@ MeshFormat sniff_mesh_format(const std::filesystem::path& path);
 
 // Sniffs the format and reads the file with the matching reader. `stats`,
 // when given, receives the reader's counters (all 0 for .kvm). Throws the
-// reader's kv::Error, or kv::OutOfMemory naming the file.
+// reader's kv::Error, or kv::OutOfMemory naming the file. glTF and FBX files
+// are parsed in a child process (isolated_read.h).
 Mesh read_mesh(const std::filesystem::path& path, const MeshReadOptions& options,
                MeshStats* stats = nullptr);
+
+// The same with glTF and FBX parsed in this process, as the child does: for
+// comparisons in tests and benchmarks.
+Mesh read_mesh_in_process(const std::filesystem::path& path, const MeshReadOptions& options,
+                          MeshStats* stats = nullptr);
 
 // "<path>: out of memory while reading the mesh".
 OutOfMemory mesh_out_of_memory(const std::filesystem::path& path);

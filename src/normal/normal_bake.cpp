@@ -16,11 +16,24 @@ namespace {
 
 constexpr std::uint64_t kMiB = 1024 * 1024;
 
-std::string object_key(const Mesh& mesh, std::size_t object, bool by_block,
-                       const std::string& suffix) {
+std::string ascii_lower(std::string text) {
+  for (char& c : text) {
+    if (c >= 'A' && c <= 'Z') {
+      c = static_cast<char>(c - 'A' + 'a');
+    }
+  }
+  return text;
+}
+
+std::string object_key(const Mesh& mesh, std::size_t object, bool by_block, std::string suffix,
+                       bool ignore_case) {
   std::string key = mesh.objects[object];
   if (by_block && !mesh.object_blocks.empty()) {
     key = mesh.blocks[mesh.object_blocks[object]];
+  }
+  if (ignore_case) {
+    key = ascii_lower(std::move(key));
+    suffix = ascii_lower(std::move(suffix));
   }
   if (!suffix.empty() && key.size() >= suffix.size() &&
       key.compare(key.size() - suffix.size(), suffix.size(), suffix) == 0) {
@@ -31,8 +44,8 @@ std::string object_key(const Mesh& mesh, std::size_t object, bool by_block,
 
 }  // namespace
 
-NameGroups match_name_groups(const Mesh& low, const Mesh& high,
-                             const NormalBakeSettings& settings) {
+NameGroups match_name_groups(const Mesh& low, const Mesh& high, const NormalBakeSettings& settings,
+                             bool ignore_case) {
   NameGroups groups;
   std::map<std::string, std::uint32_t> ids;
   std::vector<std::uint8_t> low_has_high;
@@ -45,12 +58,12 @@ NameGroups match_name_groups(const Mesh& low, const Mesh& high,
   };
   for (std::size_t o = 0; o < low.objects.size(); ++o) {
     groups.low_objects.push_back(
-        id_of(object_key(low, o, settings.match_objects, settings.low_suffix)));
+        id_of(object_key(low, o, settings.match_objects, settings.low_suffix, ignore_case)));
   }
   std::vector<std::uint32_t> high_object_groups;
   for (std::size_t o = 0; o < high.objects.size(); ++o) {
     const std::uint32_t id =
-        id_of(object_key(high, o, settings.match_objects, settings.high_suffix));
+        id_of(object_key(high, o, settings.match_objects, settings.high_suffix, ignore_case));
     high_object_groups.push_back(id);
     low_has_high[id] = 1;
   }

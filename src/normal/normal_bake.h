@@ -91,6 +91,9 @@ struct NameGroups {
   std::vector<std::uint32_t> high_triangles;
   std::uint64_t unmatched_low_objects = 0;
 };
-NameGroups match_name_groups(const Mesh& low, const Mesh& high, const NormalBakeSettings& settings);
+// With ignore_case, keys and suffixes are compared without regard to ASCII
+// case (the texture transfer's matching by objects).
+NameGroups match_name_groups(const Mesh& low, const Mesh& high, const NormalBakeSettings& settings,
+                             bool ignore_case = false);
 
 }  // namespace kv

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -136,12 +137,18 @@ class File {
   std::int64_t read_full_at(void* data, std::size_t size, std::uint64_t offset, int* error) const;
   // Size of the open file; -1 with *error on failure.
   std::int64_t size(int* error) const;
+  // Moves the file position back to the start; 0 or the error number.
+  int rewind();
   // Flushes to the file system's cache and closes; 0 or the error number.
   int close();
 
  private:
   int fd_ = -1;
 };
+
+// A file that lives in memory only, read and written like any other and gone
+// when the last descriptor closes; `name` only labels it. *error on failure.
+File create_memory_file(const char* name, int* error);
 
 // Reads a whole file into memory; nullopt with *error set.
 std::optional<std::string> read_file(const std::filesystem::path& path, int* error);
@@ -200,6 +207,14 @@ bool create_shared_section(const std::string& name, std::uint64_t size, int* err
 // Removes a section's name; mappings stay valid until unmapped.
 void remove_shared_section(const std::string& name);
 
+// ---- another process's memory ----------------------------------------------
+
+// Copies `bytes` bytes at `address` in process `pid` into `out`; 0 or the
+// error number (EFAULT for an address range that is not mapped there,
+// ESRCH when the process is gone, EPERM when we may not read it). Callers
+// read in bounded chunks so that a cancel is seen between them.
+int read_process_memory(std::uint32_t pid, std::uint64_t address, void* out, std::size_t bytes);
+
 // ---- child processes (tests and tools) ------------------------------------
 
 struct ProcessResult {
@@ -213,5 +228,42 @@ struct ProcessResult {
 ProcessResult run_process(const std::vector<std::string>& argv, std::string_view stdin_text,
                           const std::vector<std::string>& env_set = {},
                           const std::vector<std::string>& env_unset = {});
+
+// ---- isolated children ---------------------------------------------------
+
+// Limits of a child that runs work which may crash, hang or exhaust memory.
+struct ChildLimits {
+  // Address space the child may map beyond what it inherits; 0: no limit.
+  std::uint64_t memory_bytes = 0;
+  // Stack the process's main thread may grow to; 0: as inherited.
+  std::uint64_t stack_bytes = 0;
+  // Wall time from the start until the child is killed; at least 1 ms.
+  std::int64_t timeout_ms = 60000;
+};
+
+enum class ChildEnd {
+  exited,         // value: the exit code
+  signalled,      // value: the signal that ended it
+  out_of_memory,  // an allocation failed (kChildOutOfMemoryExit, or the sanitizer's report)
+  timed_out,      // killed when the time limit ran out
+  not_started,    // value: the error number
+};
+
+struct ChildOutcome {
+  ChildEnd end = ChildEnd::not_started;
+  int value = 0;
+};
+
+// The exit code a child body returns when an allocation failed.
+inline constexpr int kChildOutOfMemoryExit = 86;
+// The exit code of a child body that let an exception escape.
+inline constexpr int kChildUncaughtExit = 70;
+
+// Forks a copy of this process that applies the limits, runs `body` and ends
+// with its return value, never returning into the caller's frames. The
+// parent waits for it at most limits.timeout_ms and kills it then. The child
+// inherits the open files (memory files pass results back) and must not use
+// threads: only the forking thread exists in it.
+ChildOutcome run_in_child(const std::function<int()>& body, const ChildLimits& limits);
 
 }  // namespace kv::platform

@@ -8,9 +8,12 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -21,6 +24,23 @@
 #include <thread>
 
 #include "platform/platform.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#define KV_ADDRESS_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define KV_ADDRESS_SANITIZER 1
+#endif
+#endif
+#if defined(KV_ADDRESS_SANITIZER)
+#include <sanitizer/asan_interface.h>
+// The allocator's hooks, which not every compiler's headers declare.
+extern "C" {
+int __sanitizer_install_malloc_and_free_hooks(void (*on_malloc)(const volatile void*, std::size_t),
+                                              void (*on_free)(const volatile void*));
+std::size_t __sanitizer_get_allocated_size(const volatile void* p);
+}
+#endif
 
 extern char** environ;
 
@@ -424,6 +444,10 @@ std::int64_t File::size(int* error) const {
   return static_cast<std::int64_t>(st.st_size);
 }
 
+int File::rewind() {
+  return ::lseek(fd_, 0, SEEK_SET) == 0 ? 0 : errno;
+}
+
 int File::close() {
   if (fd_ < 0) {
     return 0;
@@ -431,6 +455,14 @@ int File::close() {
   const int fd = fd_;
   fd_ = -1;
   return ::close(fd) == 0 ? 0 : errno;
+}
+
+File create_memory_file(const char* name, int* error) {
+  const int fd = ::memfd_create(name, MFD_CLOEXEC);
+  if (fd < 0) {
+    *error = errno;
+  }
+  return File(fd);
 }
 
 std::optional<std::string> read_file(const std::filesystem::path& path, int* error) {
@@ -566,6 +598,30 @@ bool create_shared_section(const std::string& name, std::uint64_t size, int* err
 
 void remove_shared_section(const std::string& name) {
   ::shm_unlink(section_path(name).c_str());
+}
+
+int read_process_memory(std::uint32_t pid, std::uint64_t address, void* out, std::size_t bytes) {
+  auto* target = static_cast<unsigned char*>(out);
+  while (bytes > 0) {
+    iovec local{target, bytes};
+    iovec remote{reinterpret_cast<void*>(static_cast<std::uintptr_t>(address)), bytes};
+    const ssize_t got = ::process_vm_readv(static_cast<pid_t>(pid), &local, 1, &remote, 1, 0);
+    if (got < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      return errno;
+    }
+    // A short read stops at the first page that is not mapped; the next
+    // call then reports why.
+    if (got == 0) {
+      return EFAULT;
+    }
+    target += got;
+    address += static_cast<std::uint64_t>(got);
+    bytes -= static_cast<std::size_t>(got);
+  }
+  return 0;
 }
 
 std::optional<MappedFile> MappedFile::open(const std::filesystem::path& path, int* error) {
@@ -716,6 +772,175 @@ ProcessResult run_process(const std::vector<std::string>& argv, std::string_view
   }
   result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return result;
+}
+
+// ---- isolated children ---------------------------------------------------
+
+namespace {
+
+#if !defined(KV_ADDRESS_SANITIZER)
+// The address space this process maps now, from /proc/self/statm; 0 when
+// unknown. Plain system calls: this runs in a freshly forked child.
+std::uint64_t mapped_bytes() {
+  const int fd = ::open("/proc/self/statm", O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    return 0;
+  }
+  char text[128] = {};
+  const ssize_t n = ::read(fd, text, sizeof text - 1);
+  ::close(fd);
+  if (n <= 0) {
+    return 0;
+  }
+  const std::uint64_t pages = std::strtoull(text, nullptr, 10);
+  return pages * static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
+}
+#endif
+
+// Lowers the soft limit of a resource to `value` (never above the hard one).
+void lower_limit(int resource, std::uint64_t value) {
+  rlimit limit{};
+  if (::getrlimit(resource, &limit) != 0) {
+    return;
+  }
+  rlim_t wanted = static_cast<rlim_t>(value);
+  if (limit.rlim_max != RLIM_INFINITY && wanted > limit.rlim_max) {
+    wanted = limit.rlim_max;
+  }
+  if (limit.rlim_cur == RLIM_INFINITY || wanted < limit.rlim_cur) {
+    limit.rlim_cur = wanted;
+    ::setrlimit(resource, &limit);
+  }
+}
+
+#if defined(KV_ADDRESS_SANITIZER)
+// Under AddressSanitizer the address space is no measure: the sanitizer
+// reserves terabytes of shadow, maps most blocks inside ranges it reserved
+// at start, and needs memory of its own to report a failure. The child's
+// heap is counted through the allocator's hooks instead: bytes allocated less
+// bytes freed since the fork, ending the child once they pass the limit.
+std::atomic<std::int64_t> g_heap_bytes{0};
+std::int64_t g_heap_limit = 0;
+
+void count_allocation(const volatile void*, std::size_t size) {
+  if (g_heap_bytes.fetch_add(static_cast<std::int64_t>(size)) + static_cast<std::int64_t>(size) >
+      g_heap_limit) {
+    ::_exit(kChildOutOfMemoryExit);
+  }
+}
+
+void count_release(const volatile void* block) {
+  g_heap_bytes.fetch_sub(static_cast<std::int64_t>(__sanitizer_get_allocated_size(block)));
+}
+
+// A failed allocation does not throw there either: the sanitizer reports it
+// and ends the process. Its report is recognised and ends the child the way
+// a std::bad_alloc would.
+void exit_on_allocation_report(const char* report) {
+  for (const char* kind : {"out of memory", "allocation-size-too-big", "calloc-overflow",
+                           "malloc-limit", "rss-limit"}) {
+    if (std::strstr(report, kind) != nullptr) {
+      ::_exit(kChildOutOfMemoryExit);
+    }
+  }
+}
+#endif
+
+[[noreturn]] void run_child_body(const std::function<int()>& body, const ChildLimits& limits) {
+  // A crash must end the child by its own signal, whatever handler the
+  // process (or a sanitizer) installed, so that the parent can name it; and it
+  // leaves no core file behind.
+  for (int signal_number : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS}) {
+    ::signal(signal_number, SIG_DFL);
+  }
+  sigset_t none;
+  ::sigemptyset(&none);
+  ::sigprocmask(SIG_SETMASK, &none, nullptr);
+  lower_limit(RLIMIT_CORE, 0);
+  if (limits.stack_bytes != 0) {
+    lower_limit(RLIMIT_STACK, limits.stack_bytes);
+  }
+#if defined(KV_ADDRESS_SANITIZER)
+  if (limits.memory_bytes != 0) {
+    g_heap_limit =
+        static_cast<std::int64_t>(std::min<std::uint64_t>(limits.memory_bytes, INT64_MAX));
+    __sanitizer_install_malloc_and_free_hooks(&count_allocation, &count_release);
+  }
+  __asan_set_error_report_callback(&exit_on_allocation_report);
+#else
+  // What the copy of the parent maps already, plus the headroom: the limit
+  // bounds what the child maps itself.
+  const std::uint64_t mapped = mapped_bytes();
+  if (limits.memory_bytes != 0 && mapped != 0) {
+    lower_limit(RLIMIT_AS, mapped + limits.memory_bytes);
+  }
+#endif
+  int code = kChildUncaughtExit;
+  try {
+    code = body();
+  } catch (...) {
+  }
+  // No exit handlers, no flushing of the parent's buffered output twice.
+  ::_exit(code);
+}
+
+// Waits on the process descriptor until the child ends (true) or the time
+// runs out (false).
+bool wait_for_end(int process_fd, std::int64_t timeout_ms) {
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  for (;;) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    pollfd ready{process_fd, POLLIN, 0};
+    const int n = ::poll(&ready, 1, static_cast<int>(std::clamp<std::int64_t>(left, 0, 1 << 30)));
+    if (n > 0) {
+      return true;
+    }
+    // A wait that cannot be made ends like one that ran out: the child is
+    // killed rather than waited for without a bound.
+    if ((n < 0 && errno != EINTR) || (n == 0 && left <= 0)) {
+      return false;
+    }
+  }
+}
+
+}  // namespace
+
+ChildOutcome run_in_child(const std::function<int()>& body, const ChildLimits& limits) {
+  const pid_t pid = ::fork();
+  if (pid < 0) {
+    return {ChildEnd::not_started, errno};
+  }
+  if (pid == 0) {
+    run_child_body(body, limits);
+  }
+  const int process_fd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+  const int open_error = errno;
+  bool ended =
+      process_fd >= 0 && wait_for_end(process_fd, std::max<std::int64_t>(limits.timeout_ms, 1));
+  if (process_fd >= 0) {
+    ::close(process_fd);
+  }
+  int status = 0;
+  if (!ended && ::waitpid(pid, &status, WNOHANG) == pid) {
+    ended = true;  // it ended just as the time ran out
+  } else {
+    if (!ended) {
+      ::kill(pid, SIGKILL);
+    }
+    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+  }
+  if (!ended) {
+    return process_fd >= 0 ? ChildOutcome{ChildEnd::timed_out, 0}
+                           : ChildOutcome{ChildEnd::not_started, open_error};
+  }
+  if (WIFSIGNALED(status)) {
+    return {ChildEnd::signalled, WTERMSIG(status)};
+  }
+  const int code = WEXITSTATUS(status);
+  return {code == kChildOutOfMemoryExit ? ChildEnd::out_of_memory : ChildEnd::exited, code};
 }
 
 }  // namespace kv::platform

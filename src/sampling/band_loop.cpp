@@ -58,11 +58,11 @@ struct alignas(64) ChunkWork {
 
 // What every band of one loop shares.
 struct Loop {
-  Loop(const LowPrep& prep, const Tracer& tracer, const BandLoopSettings& settings,
+  Loop(const LowPrep& prep, const Tracer* tracer, const BandLoopSettings& settings,
        TexelEvaluator& evaluator, const WorkerPool& pool);
 
   const LowPrep& prep;
-  const Tracer& tracer;
+  const Tracer* tracer;  // null: raster hits only, no rays
   TexelEvaluator& evaluator;
   const WorkerPool& pool;
   std::int32_t width = 0;
@@ -71,6 +71,7 @@ struct Loop {
   std::uint64_t row_samples = 0;
   std::uint64_t rows_per_chunk = 1;
   RaySetup setup;
+  bool count_stacked = true;
   // The U of every sample column, for the stacked-sample test: the same
   // division for every row, done once.
   std::vector<double> sample_u;
@@ -121,7 +122,9 @@ void look_up_row(const Loop& loop, std::int64_t y, SubSample* row, BandLoopCount
         texel[j * aa + i] = SubSample{found.triangle, -1, found.b1, found.b2};
         if (found.triangle >= 0) {
           ++k.samples_covered;
-          k.stacked_skipped += stacked_under(loop, sx, sy, found.triangle);
+          if (loop.count_stacked) {
+            k.stacked_skipped += stacked_under(loop, sx, sy, found.triangle);
+          }
         }
       }
     }
@@ -164,6 +167,9 @@ void set_up_chunk(const Loop& loop, std::int32_t y0, std::uint64_t row_begin, st
     SubSample* row = work.samples.data() + (r - row_begin) * loop.row_samples;
     look_up_row(loop, y0 + static_cast<std::int64_t>(r), row, work.counters);
   }
+  if (loop.tracer == nullptr) {
+    return;
+  }
   for (std::uint64_t r = row_begin; r < row_end; ++r) {
     build_row_queries(loop, work.samples.data() + (r - row_begin) * loop.row_samples, work);
   }
@@ -203,8 +209,8 @@ void run_band_per_chunk(const Loop& loop, std::int32_t y0, std::uint64_t rows,
     // trace_batch writes every slot: the hits need no clearing first.
     work.hits.resize(work.queries.size());
     if (!work.queries.empty()) {
-      loop.tracer.trace_batch(work.queries.data(), work.hits.data(), work.queries.size(),
-                              WorkerPool::serial());
+      loop.tracer->trace_batch(work.queries.data(), work.hits.data(), work.queries.size(),
+                               WorkerPool::serial());
     }
     work.ray_seconds = seconds_since(step);
     step = Clock::now();
@@ -254,7 +260,7 @@ void run_band_whole(const Loop& loop, std::int32_t y0, std::uint64_t rows,
 
   start = Clock::now();
   if (!queries.empty()) {
-    loop.tracer.trace_batch(queries.data(), hits.data(), queries.size(), loop.pool);
+    loop.tracer->trace_batch(queries.data(), hits.data(), queries.size(), loop.pool);
   }
   times.rays += seconds_since(start);
 
@@ -268,7 +274,7 @@ void run_band_whole(const Loop& loop, std::int32_t y0, std::uint64_t rows,
   times.resolve += seconds_since(start);
 }
 
-Loop::Loop(const LowPrep& prep_, const Tracer& tracer_, const BandLoopSettings& settings,
+Loop::Loop(const LowPrep& prep_, const Tracer* tracer_, const BandLoopSettings& settings,
            TexelEvaluator& evaluator_, const WorkerPool& pool_)
     : prep(prep_),
       tracer(tracer_),
@@ -285,6 +291,7 @@ Loop::Loop(const LowPrep& prep_, const Tracer& tracer_, const BandLoopSettings& 
   setup.object_groups = prep.name_groups();
   setup.distances = settings.distances;
   setup.ignore_backface = settings.ignore_backface;
+  count_stacked = settings.count_stacked;
   sample_u.resize(static_cast<std::size_t>(width) * static_cast<std::size_t>(aa));
   for (std::size_t sx = 0; sx < sample_u.size(); ++sx) {
     sample_u[sx] =
@@ -299,12 +306,10 @@ void add_counters(BandLoopCounters& into, const BandLoopCounters& k) {
   into.stacked_skipped += k.stacked_skipped;
 }
 
-}  // namespace
-
-BandLoopCounters run_band_loop(const LowPrep& prep, const Tracer& tracer,
-                               const BandLoopSettings& settings, TexelEvaluator& evaluator,
-                               const WorkerPool& pool, const BandDone& band_done,
-                               BandLoopSeconds* seconds) {
+BandLoopCounters run_loop(const LowPrep& prep, const Tracer* tracer,
+                          const BandLoopSettings& settings, TexelEvaluator& evaluator,
+                          const WorkerPool& pool, const BandDone& band_done,
+                          BandLoopSeconds* seconds) {
   const Clock::time_point loop_start = Clock::now();
   const Loop loop(prep, tracer, settings, evaluator, pool);
   const std::int32_t band_rows = std::clamp(settings.band_rows, 1, std::max(loop.height, 1));
@@ -317,7 +322,7 @@ BandLoopCounters run_band_loop(const LowPrep& prep, const Tracer& tracer,
     const auto rows = static_cast<std::uint64_t>(std::min(band_rows, loop.height - y0));
     chunks.resize(static_cast<std::size_t>(chunk_count(rows, loop.rows_per_chunk)));
     evaluator.begin_band(chunks.size());
-    if (tracer.runs_on_gpu()) {
+    if (tracer != nullptr && tracer->runs_on_gpu()) {
       run_band_whole(loop, y0, rows, chunks, band_queries, band_hits, times);
     } else {
       run_band_per_chunk(loop, y0, rows, chunks, times);
@@ -337,6 +342,21 @@ BandLoopCounters run_band_loop(const LowPrep& prep, const Tracer& tracer,
     *seconds = times;
   }
   return counters;
+}
+
+}  // namespace
+
+BandLoopCounters run_band_loop(const LowPrep& prep, const Tracer& tracer,
+                               const BandLoopSettings& settings, TexelEvaluator& evaluator,
+                               const WorkerPool& pool, const BandDone& band_done,
+                               BandLoopSeconds* seconds) {
+  return run_loop(prep, &tracer, settings, evaluator, pool, band_done, seconds);
+}
+
+BandLoopCounters run_band_loop(const LowPrep& prep, const BandLoopSettings& settings,
+                               TexelEvaluator& evaluator, const WorkerPool& pool,
+                               const BandDone& band_done, BandLoopSeconds* seconds) {
+  return run_loop(prep, nullptr, settings, evaluator, pool, band_done, seconds);
 }
 
 std::int32_t band_rows_for(std::uint64_t band_samples, std::int32_t width, std::int32_t height,

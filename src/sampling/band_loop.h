@@ -84,6 +84,9 @@ struct BandLoopSettings {
   std::int32_t band_rows = 1;  // texel rows per band, at least 1
   RayDistances distances;
   bool ignore_backface = true;
+  // Count the stacked sub-samples (BandLoopCounters::stacked_skipped); maps
+  // that do not report them skip the extra raster tests.
+  bool count_stacked = true;
 };
 
 // What the loop itself counts; whole numbers, so the join order is free.
@@ -111,6 +114,12 @@ BandLoopCounters run_band_loop(const LowPrep& prep, const Tracer& tracer,
                                const BandLoopSettings& settings, TexelEvaluator& evaluator,
                                const WorkerPool& pool, const BandDone& band_done = {},
                                BandLoopSeconds* seconds = nullptr);
+
+// The same loop without rays, for maps that need only the raster hit of
+// every sub-sample: every SubSample's ray is -1 and SampleRows holds no hits.
+BandLoopCounters run_band_loop(const LowPrep& prep, const BandLoopSettings& settings,
+                               TexelEvaluator& evaluator, const WorkerPool& pool,
+                               const BandDone& band_done = {}, BandLoopSeconds* seconds = nullptr);
 
 // ---- bands and the memory budget --------------------------------------------
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <bit>
 #include <cstdint>
 #include <mutex>
@@ -217,6 +218,61 @@ TEST(BandLoop, CountsCoverageStackedSamplesAndRaysWithoutAnAxis) {
   test::add_plane(scene.low, zero);
   o = run(scene, 1, 8);
   EXPECT_EQ(counts(o.counters), (std::vector<std::uint64_t>{64, 0, 64, 0}));
+}
+
+// Checks every sub-sample against the raster's own lookup, and that no ray
+// and no hit is handed over.
+class RasterCheckingEvaluator final : public TexelEvaluator {
+ public:
+  explicit RasterCheckingEvaluator(const UvRaster& raster) : raster_(raster) {}
+  void begin_band(std::uint64_t) override {}
+  void evaluate(std::uint64_t, const SampleRows& rows) override {
+    EXPECT_EQ(rows.hit_count, 0u);
+    for (std::int32_t y = rows.y_begin; y < rows.y_end; ++y) {
+      for (std::int32_t x = 0; x < rows.width; ++x) {
+        const SubSample* texel = rows.texel(x, y);
+        for (std::int32_t s = 0; s < rows.aa * rows.aa; ++s) {
+          const RasterHit expected =
+              raster_.lookup(x * rows.aa + s % rows.aa,
+                             static_cast<std::int64_t>(y) * rows.aa + s / rows.aa, rows.aa);
+          const SubSample& got = texel[s];
+          EXPECT_EQ(got.ray, -1);
+          EXPECT_EQ(std::tie(got.triangle, got.b1, got.b2),
+                    std::tie(expected.triangle, expected.b1, expected.b2));
+          checked.fetch_add(1);
+        }
+      }
+    }
+  }
+  void end_band() override {}
+  std::atomic<std::uint64_t> checked{0};
+
+ private:
+  const UvRaster& raster_;
+};
+
+TEST(BandLoop, WithoutATracerHandsOverRasterHitsOnly) {
+  const Scene scene;
+  const LowPrep prep = LowPrep::build(scene.low, {}, low_prep_settings_of(scene.settings));
+  BandLoopSettings settings;
+  settings.band_rows = 9;
+  RasterCheckingEvaluator evaluator(prep.raster());
+  const BandLoopCounters k = run_band_loop(prep, settings, evaluator, WorkerPool(2));
+  EXPECT_EQ(evaluator.checked.load(), 40u * 64 * 16);
+  EXPECT_EQ(k.samples_covered, run(scene, 1, 64).counters.samples_covered);
+  EXPECT_EQ(k.rays, 0u);
+
+  // Stacked UVs are counted only when asked.
+  Scene stacked;
+  stacked.settings.width = stacked.settings.height = 8;
+  stacked.settings.aa = 1;
+  stacked.low = test::unit_low_plane();
+  test::add_plane(stacked.low, test::PlaneSpec{});
+  const LowPrep twice = LowPrep::build(stacked.low, {}, low_prep_settings_of(stacked.settings));
+  RasterCheckingEvaluator on_twice(twice.raster());
+  EXPECT_EQ(run_band_loop(twice, settings, on_twice, WorkerPool(1)).stacked_skipped, 56u);
+  settings.count_stacked = false;
+  EXPECT_EQ(run_band_loop(twice, settings, on_twice, WorkerPool(1)).stacked_skipped, 0u);
 }
 
 TEST(BandLoop, CancelledBetweenBands) {

@@ -1,0 +1,229 @@
+#include "transfer/texture_sampler.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "image/half.h"
+
+namespace kv::transfer {
+namespace {
+
+constexpr std::int32_t kFirstTile = 1001;
+constexpr std::int32_t kTileCount = 999;
+// Beyond this a UV cannot name a texel of any texture; such values are taken
+// as no value rather than overflow an index.
+constexpr double kLargestUv = 1e9;
+
+// A texel index of an axis of n texels under the address mode. Repeat has
+// already wrapped the UV, so an index is at most one texel outside.
+std::int64_t address_index(std::int64_t i, std::int64_t n, AddressMode mode) {
+  if (mode == AddressMode::repeat) {
+    if (i < 0) {
+      return i + n;
+    }
+    return i >= n ? i - n : i;
+  }
+  return std::clamp<std::int64_t>(i, 0, n - 1);
+}
+
+// floor(x) for |x| below 2^62, without a library call.
+double floor_of(double x) {
+  const auto whole = static_cast<double>(static_cast<std::int64_t>(x));
+  return whole > x ? whole - 1.0 : whole;
+}
+
+}  // namespace
+
+void texel_values(const TexelImage& image, std::int64_t texel, double* out) {
+  const auto first = static_cast<std::size_t>(texel) * static_cast<std::size_t>(image.channels);
+  const std::uint8_t* data = image.data.data();
+  switch (image.type) {
+    case ComponentType::kU8:
+      for (int c = 0; c < image.channels; ++c) {
+        out[c] = static_cast<double>(data[first + c]);
+      }
+      return;
+    case ComponentType::kU16:
+    case ComponentType::kF16:
+    case ComponentType::kF32:
+      for (int c = 0; c < image.channels; ++c) {
+        out[c] = component_value(image, first + c);
+      }
+      return;
+  }
+}
+
+namespace {
+
+void read_texel(const TexelImage& image, std::int64_t texel, TexelSample& out) {
+  out.image = &image;
+  out.texel = texel;
+}
+
+// Every address mode has put the UV on the square (or beside it, for clamp):
+// clamping the index is all that is left.
+void sample_nearest(const TexelImage& image, double u, double v, TexelSample& out) {
+  const std::int64_t w = image.width;
+  const std::int64_t h = image.height;
+  const auto x = static_cast<std::int64_t>(floor_of(u * static_cast<double>(w)));
+  const auto y = static_cast<std::int64_t>(floor_of((1.0 - v) * static_cast<double>(h)));
+  // u - floor(u) may round up to 1: that texel is the last one, not the first.
+  read_texel(image,
+             std::clamp<std::int64_t>(y, 0, h - 1) * w + std::clamp<std::int64_t>(x, 0, w - 1),
+             out);
+}
+
+// With 8-bit weights on 8-bit texels every product and every sum is a whole
+// multiple of 2^-16 below 2^24, so whole numbers give exactly the value the
+// doubles give, for a fraction of the work. weights: in units of 2^-16.
+void blend_u8(const TexelImage& image, const std::array<std::int64_t, 4>& texels,
+              const std::array<std::uint32_t, 4>& weights, TexelSample& out) {
+  const auto channels = static_cast<std::size_t>(image.channels);
+  std::array<const std::uint8_t*, 4> taps{};
+  for (std::size_t k = 0; k < 4; ++k) {
+    taps[k] = image.data.data() + static_cast<std::size_t>(texels[k]) * channels;
+  }
+  out.values = {0.0, 0.0, 0.0, 0.0};
+  // Channel by channel, so that each sum stays in a register.
+  for (std::size_t c = 0; c < channels; ++c) {
+    const std::uint32_t sum = weights[0] * taps[0][c] + weights[1] * taps[1][c] +
+                              weights[2] * taps[2][c] + weights[3] * taps[3][c];
+    out.values[c] = static_cast<double>(sum) * 0x1p-16;
+  }
+}
+
+void sample_bilinear(const TexelImage& image, double u, double v, const SamplerSettings& s,
+                     TexelSample& out) {
+  const std::int64_t w = image.width;
+  const std::int64_t h = image.height;
+  const double x = u * static_cast<double>(w) - 0.5;
+  const double y = (1.0 - v) * static_cast<double>(h) - 0.5;
+  const double x_floor = floor_of(x);
+  const double y_floor = floor_of(y);
+  const double fx = weight_fraction(x - x_floor, s.weights);
+  const double fy = weight_fraction(y - y_floor, s.weights);
+  const auto x0 = static_cast<std::int64_t>(x_floor);
+  const auto y0 = static_cast<std::int64_t>(y_floor);
+  const std::array<std::int64_t, 2> xs = {address_index(x0, w, s.address),
+                                          address_index(x0 + 1, w, s.address)};
+  const std::array<std::int64_t, 2> ys = {address_index(y0, h, s.address),
+                                          address_index(y0 + 1, h, s.address)};
+  const std::array<double, 4> weights = {(1.0 - fx) * (1.0 - fy), fx * (1.0 - fy), (1.0 - fx) * fy,
+                                         fx * fy};
+  // A weight of 1 is a texel read alone: its bytes, even NaN or infinity.
+  for (std::size_t k = 0; k < 4; ++k) {
+    if (weights[k] == 1.0) {
+      read_texel(image, ys[k / 2] * w + xs[k % 2], out);
+      return;
+    }
+  }
+  out.image = nullptr;
+  out.texel = -1;
+  if (s.weights == BilinearWeights::gpu8 && image.type == ComponentType::kU8) {
+    const std::array<std::int64_t, 4> texels = {ys[0] * w + xs[0], ys[0] * w + xs[1],
+                                                ys[1] * w + xs[0], ys[1] * w + xs[1]};
+    const auto ax = static_cast<std::uint32_t>(fx * 256.0);
+    const auto ay = static_cast<std::uint32_t>(fy * 256.0);
+    blend_u8(image, texels, {(256 - ax) * (256 - ay), ax * (256 - ay), (256 - ax) * ay, ax * ay},
+             out);
+    return;
+  }
+  out.values = {0.0, 0.0, 0.0, 0.0};
+  std::array<double, 4> tap{};
+  for (std::size_t k = 0; k < 4; ++k) {
+    if (weights[k] == 0.0) {
+      continue;  // 0 * infinity would spoil the neighbours' mean
+    }
+    texel_values(image, ys[k / 2] * w + xs[k % 2], tap.data());
+    for (int c = 0; c < image.channels; ++c) {
+      out.values[static_cast<std::size_t>(c)] += weights[k] * tap[static_cast<std::size_t>(c)];
+    }
+  }
+}
+
+}  // namespace
+
+void SourceTexture::add_tile(std::int32_t tile, const TexelImage* image) {
+  if (tiles_.empty()) {
+    tiles_.assign(kTileCount, nullptr);
+  }
+  tiles_[static_cast<std::size_t>(tile - kFirstTile)] = image;
+}
+
+const TexelImage& SourceTexture::image_for(double& u, double& v) const {
+  if (tiles_.empty()) {
+    return *image_;
+  }
+  const double column = floor_of(u);
+  const double row = floor_of(v);
+  if (column < 0.0 || column > 9.0 || row < 0.0 || row > 99.0) {
+    return *image_;
+  }
+  const auto index = static_cast<std::size_t>(row * 10.0 + column);
+  if (index >= tiles_.size() || tiles_[index] == nullptr) {
+    return *image_;
+  }
+  u -= column;
+  v -= row;
+  return *tiles_[index];
+}
+
+double weight_fraction(double f, BilinearWeights weights) {
+  if (weights == BilinearWeights::gpu8) {
+    return round_half_even(f * 256.0) / 256.0;
+  }
+  constexpr double kWhole = 1e-9;
+  if (f <= kWhole) {
+    return 0.0;
+  }
+  return f >= 1.0 - kWhole ? 1.0 : f;
+}
+
+double component_value(const TexelImage& image, std::size_t index) {
+  const std::uint8_t* data = image.data.data();
+  switch (image.type) {
+    case ComponentType::kU8:
+      return static_cast<double>(data[index]);
+    case ComponentType::kU16: {
+      std::uint16_t value = 0;
+      std::memcpy(&value, data + index * 2, 2);
+      return static_cast<double>(value);
+    }
+    case ComponentType::kF16: {
+      std::uint16_t bits = 0;
+      std::memcpy(&bits, data + index * 2, 2);
+      return half_bits_to_double(bits);
+    }
+    case ComponentType::kF32: {
+      float value = 0.0f;
+      std::memcpy(&value, data + index * 4, 4);
+      return static_cast<double>(value);
+    }
+  }
+  return 0.0;
+}
+
+bool sample_texture(const SourceTexture& source, double u, double v,
+                    const SamplerSettings& settings, TexelSample& out) {
+  if (!(std::fabs(u) <= kLargestUv) || !(std::fabs(v) <= kLargestUv)) {
+    return false;
+  }
+  const TexelImage& image = source.image_for(u, v);
+  if (settings.address == AddressMode::window) {
+    if (u < 0.0 || u > 1.0 || v < 0.0 || v > 1.0) {
+      return false;
+    }
+  } else if (settings.address == AddressMode::repeat) {
+    u -= floor_of(u);
+    v -= floor_of(v);
+  }
+  if (settings.filter == SampleFilter::nearest) {
+    sample_nearest(image, u, v, out);
+  } else {
+    sample_bilinear(image, u, v, settings, out);
+  }
+  return true;
+}
+
+}  // namespace kv::transfer

@@ -1,0 +1,80 @@
+#include "transfer/transfer_help.h"
+
+#include "core/version.h"
+
+namespace kv::transfer {
+
+const std::string& transfer_usage_text() {
+  // One source line per output line keeps the text readable.
+  // clang-format off
+  static const std::string text =
+      std::string("korvane ") + version() +
+      " transfer: copies stored texel values from source textures onto a target UV layout,\n"
+      "without any colour conversion.\n"
+      "\n"
+      "Usage: korvane transfer --mode uv2uv --target <mesh> --source-uvs <mesh> --size <W>\n"
+      "         --texture <in.kvt|.png> --out <out.kvt|.png> [--texture ... --out ...] [options]\n"
+      "       korvane transfer --mode m2m --target <low mesh> --high <high mesh> --size <W>\n"
+      "         --texture <in.kvt|.png> [--bind <names>] --out <out.kvt|.png> [...] [options]\n"
+      "\n"
+      "Every option takes exactly one value; booleans take 1/true/on or 0/false/off. A texture or\n"
+      "output may also be shm:<section>:<size>, a .kvt image in a named shared-memory section of\n"
+      "that size. A .png path means an 8- or 16-bit PNG; any other path is a .kvt file.\n"
+      "\n"
+      "  --mode <m>                   uv2uv (a second UV set of the same surface) or m2m (the\n"
+      "                               bake's rays onto a high mesh) (required)\n"
+      "  --target <path>              mesh whose UVs give the output layout (required)\n"
+      "  --source-uvs <path>          uv2uv: the target mesh with the UVs the textures are read at\n"
+      "  --high <path>                m2m: the source surface; its UVs read the textures\n"
+      "  --size <W>                   output width in texels, 1 to 16384 (required)\n"
+      "  --height <H>                 output height in texels (default: the width)\n"
+      "  --texture <place>            a source texture; it belongs to the next --out\n"
+      "  --bind <name[,name...]>      m2m: the preceding texture covers only these high objects\n"
+      "  --bind-object <name>         as --bind, one name per option; repeatable\n"
+      "  --bind-material <name>       m2m: the preceding texture covers only this material;\n"
+      "                               repeatable\n"
+      "  --source-tile <tile=place>   the preceding texture reads this texture for source UVs in\n"
+      "                               UDIM tile 1001 to 1999; CPU only\n"
+      "  --out <place>                an output from every texture since the previous --out\n"
+      "  --out-mask <place>           coverage mask of the preceding output (u8, 255 on valid\n"
+      "                               texels)\n"
+      "  --out-srgb <bool>            the preceding output holds sRGB colour codes: padding takes\n"
+      "                               its means in linear light (default: 0)\n"
+      "  --out-padding-color <v,...>  color padding of the preceding output (default:\n"
+      "                               --padding-color)\n"
+      "  --aa <n>                     sub-samples per side: 1, 2, 4 or 8 (default: 1)\n"
+      "  --filter <f>                 nearest or bilinear (default: bilinear)\n"
+      "  --address <a>                repeat, clamp or window (default: repeat)\n"
+      "  --weights <w>                bilinear weights gpu8 or exact (default: gpu8)\n"
+      "  --snap <n>                   raster snapping bits per sub-sample, off or 0 to 16\n"
+      "                               (default: 8)\n"
+      "  --dilation <n>               padding width in texels, 0 to 256 (default: 32)\n"
+      "  --padding <mode>             ring, passthrough, infinite, transparent, color or diffusion\n"
+      "                               (default: ring)\n"
+      "  --padding-color <v,...>      color padding: stored value per channel, codes for integers\n"
+      "                               (default: 0)\n"
+      "  --udim <tile>                target UDIM tile (default: 1001)\n"
+      "  --threads <n>                worker threads, 0 for all hardware threads (default: 0)\n"
+      "  --backend <b>                auto, gpu or cpu; auto falls back to the CPU and says why\n"
+      "                               (default: auto)\n"
+      "  --front <d>, --rear <d>      m2m: ray distances in front of and behind the target\n"
+      "                               (default: 0.01 each)\n"
+      "  --relative-scale <bool>      m2m: distances relative to the high mesh's size (default: 1)\n"
+      "  --average-normals <bool>     m2m: rays along averaged normals (default: 1)\n"
+      "  --ignore-backface <bool>     m2m: skip high faces seen from behind (default: 1)\n"
+      "  --match <m>                  m2m: always, name or objects (objects: without regard to\n"
+      "                               case) (default: always)\n"
+      "  --raster-material <name>     transfer only target triangles of this material; repeatable\n"
+      "  --raster-object <name>       transfer only target triangles of this object; repeatable\n"
+      "  --low-suffix <text>          m2m: name suffix of target parts (default: _low)\n"
+      "  --high-suffix <text>         m2m: name suffix of high parts (default: _high)\n"
+      "  --dump-hits <path>           m2m: write every sub-sample's high hit (CPU only)\n"
+      "  --report <path>              also write the JSON summary to this file\n"
+      "  --help, -h                   print this text and exit\n"
+      "\n"
+      "stdout ends with one JSON summary line; errors go to stderr with a nonzero exit code.\n";
+  // clang-format on
+  return text;
+}
+
+}  // namespace kv::transfer
