@@ -1,0 +1,30 @@
+"""The bake panel in the 3D view's sidebar."""
+
+import bpy
+
+
+class KORVANE_PT_bake(bpy.types.Panel):
+    bl_label = "korvane Bake"
+    bl_space_type = 'VIEW_3D'
+    bl_region_type = 'UI'
+    bl_category = "korvane"
+
+    def draw(self, context):
+        settings = context.scene.korvane
+        layout = self.layout
+        layout.use_property_split = True
+        layout.prop(settings, "low_object")
+        layout.prop(settings, "high_object")
+        row = layout.row()
+        row.active = settings.high_object is None
+        row.prop(settings, "high_collection")
+        layout.prop(settings, "size")
+        layout.prop(settings, "aa")
+        layout.prop(settings, "front")
+        layout.prop(settings, "rear")
+        layout.prop(settings, "normal_format")
+        column = layout.column(heading="Maps")
+        column.prop(settings, "bake_normal")
+        column.prop(settings, "bake_opacity")
+        layout.prop(settings, "output_dir")
+        layout.operator("korvane.bake", icon='RENDER_STILL')

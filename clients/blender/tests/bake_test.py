@@ -1,0 +1,208 @@
+"""Headless test of the korvane Bake add-on.
+
+Run by CTest as:
+  blender -b --factory-startup --python-exit-code 1 --python bake_test.py -- \
+      <korvane binary> <examples folder> <scratch folder>
+
+Bakes the sample pair through `korvane.bake` and checks the maps against the
+command-line bake of the same OBJ files, the mesh reuse by hash, a cancelled
+bake and a wrong binary path. Any failed check raises, which makes Blender
+exit with status 1.
+"""
+
+import os
+import subprocess
+import sys
+import time
+
+import addon_utils
+import bpy
+import numpy as np
+
+ADDON_FOLDER = os.path.join(os.path.dirname(os.path.abspath(__file__)), os.pardir)
+SIZE = 256
+AA = "4"
+MAX_MEAN_DEGREES = 0.05
+WAIT_SECONDS = 120.0
+
+
+def arguments():
+    args = sys.argv[sys.argv.index("--") + 1:]
+    if len(args) != 3:
+        raise SystemExit("usage: ... -- <korvane binary> <examples folder> <scratch folder>")
+    return args
+
+
+def check(condition, message):
+    if not condition:
+        raise AssertionError(message)
+
+
+def enable_addon(binary):
+    sys.path.insert(0, os.path.abspath(ADDON_FOLDER))
+    addon_utils.enable("korvane_bake", default_set=True)
+    bpy.context.preferences.addons["korvane_bake"].preferences.binary_path = binary
+
+
+def import_sample(examples):
+    """The sample pair with the file's own axes, so both bakes see one mesh."""
+    bpy.ops.object.select_all(action='SELECT')
+    bpy.ops.object.delete()
+    for name in ("sphere_low", "sphere_high"):
+        bpy.ops.wm.obj_import(filepath=os.path.join(examples, name + ".obj"),
+                              forward_axis='Y', up_axis='Z')
+    settings = bpy.context.scene.korvane
+    settings.low_object = bpy.data.objects["sphere_low"]
+    settings.high_object = bpy.data.objects["sphere_high"]
+    settings.size = SIZE
+    settings.aa = AA
+    settings.bake_normal = True
+    settings.bake_opacity = True
+
+
+def fresh_folder(scratch, name):
+    folder = os.path.join(scratch, name)
+    os.makedirs(folder, exist_ok=True)
+    for entry in os.listdir(folder):
+        os.remove(os.path.join(folder, entry))
+    return folder
+
+
+def command_line_bake(binary, examples, folder):
+    normal = os.path.join(folder, "normal.exr")
+    opacity = os.path.join(folder, "opacity.exr")
+    subprocess.run([binary, "--low", os.path.join(examples, "sphere_low.obj"),
+                    "--high", os.path.join(examples, "sphere_high.obj"), "--size", str(SIZE),
+                    "--aa", AA, "--out-normal", normal, "--out-opacity", opacity],
+                   check=True, stdout=subprocess.DEVNULL, timeout=WAIT_SECONDS)
+    return normal, opacity
+
+
+def pixels(path):
+    """RGBA floats of an image file, rows bottom-up as Blender keeps them."""
+    image = bpy.data.images.load(path)
+    values = np.empty(len(image.pixels), np.float32)
+    image.pixels.foreach_get(values)
+    shape = (image.size[1], image.size[0], 4)
+    bpy.data.images.remove(image)
+    return values.reshape(shape)
+
+
+def tangent_vectors(rgba):
+    vectors = rgba[..., :3].astype(np.float64) * 2.0 - 1.0
+    return vectors / np.linalg.norm(vectors, axis=-1, keepdims=True)
+
+
+def compare_maps(ours, theirs):
+    """Same covered texels, normals within MAX_MEAN_DEGREES on average."""
+    covered = pixels(ours["opacity"])[..., 0] > 0.5
+    reference = pixels(theirs["opacity"])[..., 0] > 0.5
+    check(covered.any(), "the add-on's bake covers no texel")
+    differing = int(np.count_nonzero(covered != reference))
+    check(differing == 0, "%d texels differ in coverage from the command line's" % differing)
+    cosines = np.sum(tangent_vectors(pixels(ours["normal"])) *
+                     tangent_vectors(pixels(theirs["normal"])), axis=-1)
+    angles = np.degrees(np.arccos(np.clip(cosines[covered], -1.0, 1.0)))
+    print("korvane bake test: mean angle %.5f deg, max %.5f deg over %d texels"
+          % (angles.mean(), angles.max(), angles.size))
+    check(angles.mean() < MAX_MEAN_DEGREES,
+          "mean angle %.4f degrees against the command line's bake" % angles.mean())
+
+
+def run_session(on_queued=None):
+    """A bake session stepped to its end, as the operator steps it."""
+    from korvane_bake import operator as bake_operator
+    session = bake_operator.start_session(bpy.context)
+    deadline = time.monotonic() + WAIT_SECONDS
+    while not session.done:
+        check(time.monotonic() < deadline, "the bake did not end in %g s" % WAIT_SECONDS)
+        if on_queued and session.bake_queued:
+            on_queued(session)
+            on_queued = None
+        session.step(timeout=0.1)
+    return session
+
+
+def test_wrong_binary(scratch):
+    missing = os.path.join(scratch, "no-such-korvane")
+    preferences = bpy.context.preferences.addons["korvane_bake"].preferences
+    kept = preferences.binary_path
+    preferences.binary_path = missing
+    try:
+        bpy.ops.korvane.bake()
+    except RuntimeError as error:
+        # Blender turns an operator's error report into this exception.
+        check(missing in str(error), "the report does not name the path: %s" % error)
+    else:
+        raise AssertionError("a missing binary did not fail the bake")
+    finally:
+        preferences.binary_path = kept
+
+
+def test_bake_matches_command_line(binary, examples, scratch):
+    settings = bpy.context.scene.korvane
+    settings.output_dir = fresh_folder(scratch, "addon")
+    result = bpy.ops.korvane.bake()
+    check(result == {'FINISHED'}, "the bake returned %s" % result)
+    ours = {name: os.path.join(settings.output_dir, "sphere_low_%s.exr" % name)
+            for name in ("normal", "opacity")}
+    for name, path in ours.items():
+        check(os.path.isfile(path), "no %s map at %s" % (name, path))
+        check(os.path.basename(path) in bpy.data.images, "%s is not a Blender image" % path)
+    normal, opacity = command_line_bake(binary, examples, fresh_folder(scratch, "command_line"))
+    compare_maps(ours, {"normal": normal, "opacity": opacity})
+
+
+def test_unchanged_meshes_are_not_reloaded():
+    from korvane_bake import bake_session
+    session = run_session()
+    check(session.error is None, "the bake failed: %s" % session.error)
+    check(sorted(session.reused) == sorted([bake_session.LOW_KEY, bake_session.HIGH_KEY]),
+          "unchanged meshes were sent again: reused %s" % session.reused)
+    low = bpy.context.scene.korvane.low_object
+    low.location.x += 0.001
+    bpy.context.view_layer.update()
+    try:
+        session = run_session()
+    finally:
+        low.location.x -= 0.001
+        bpy.context.view_layer.update()
+    check(session.error is None, "the bake failed: %s" % session.error)
+    check(session.reused == [bake_session.HIGH_KEY],
+          "a moved low object was not reloaded: reused %s" % session.reused)
+
+
+def test_cancelled_bake_leaves_no_file(scratch):
+    from korvane_bake import bake_session
+    settings = bpy.context.scene.korvane
+    settings.output_dir = fresh_folder(scratch, "cancelled")
+    settings.size = 2048
+    try:
+        session = run_session(on_queued=lambda s: s.cancel())
+    finally:
+        settings.size = SIZE
+    check(session.error == bake_session.CANCELLED, "the bake ended with %r" % session.error)
+    left = os.listdir(settings.output_dir)
+    check(not left, "a cancelled bake left %s" % left)
+
+
+def shared_sections():
+    return {name for name in os.listdir("/dev/shm") if name.startswith("psm_")}
+
+
+def main():
+    binary, examples, scratch = arguments()
+    os.makedirs(scratch, exist_ok=True)
+    sections_before = shared_sections()
+    enable_addon(binary)
+    import_sample(examples)
+    test_wrong_binary(scratch)
+    test_bake_matches_command_line(binary, examples, scratch)
+    test_unchanged_meshes_are_not_reloaded()
+    test_cancelled_bake_leaves_no_file(scratch)
+    leaked = shared_sections() - sections_before
+    check(not leaked, "shared-memory sections left behind: %s" % sorted(leaked))
+    print("korvane bake test: all checks passed")
+
+
+main()
