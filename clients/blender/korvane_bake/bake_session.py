@@ -69,9 +69,17 @@ class BakeSession:
             raise ServiceError("set a low object")
         if not (settings.bake_normal or settings.bake_opacity):
             raise ServiceError("choose at least one map to bake")
-        self.folder = bpy.path.abspath(settings.output_dir or "//")
-        if not os.path.isdir(self.folder):
-            raise ServiceError("the output folder '%s' does not exist" % self.folder)
+        folder = settings.output_dir or "//"
+        if folder.startswith("//") and not bpy.data.filepath:
+            raise ServiceError("the output folder '%s' is relative to the .blend file: "
+                               "save the file first or choose a folder" % folder)
+        self.folder = bpy.path.abspath(folder)
+        try:
+            # A folder like //textures/ is made on first use, as renders do.
+            os.makedirs(self.folder, exist_ok=True)
+        except OSError as error:
+            raise ServiceError("cannot make the output folder '%s': %s"
+                               % (self.folder, error.strerror or error))
 
     def _load_meshes(self, depsgraph):
         low = [mesh_export.export_object(self.settings.low_object, depsgraph, True)]

@@ -13,16 +13,18 @@ class KORVANE_PT_bake(bpy.types.Panel):
         settings = context.scene.korvane
         layout = self.layout
         layout.use_property_split = True
+        # The sidebar is narrow: no animation dots, short labels.
+        layout.use_property_decorate = False
         layout.prop(settings, "low_object")
         layout.prop(settings, "high_object")
         row = layout.row()
         row.active = settings.high_object is None
-        row.prop(settings, "high_collection")
+        row.prop(settings, "high_collection", text="Collection")
         layout.prop(settings, "size")
-        layout.prop(settings, "aa")
+        layout.prop(settings, "aa", text="AA")
         layout.prop(settings, "front")
         layout.prop(settings, "rear")
-        layout.prop(settings, "normal_format")
+        layout.prop(settings, "normal_format", text="Format")
         column = layout.column(heading="Maps")
         column.prop(settings, "bake_normal")
         column.prop(settings, "bake_opacity")

@@ -80,7 +80,10 @@ class ServiceClient:
 
     def ended_message(self):
         """Why the service is gone, in its own words when it left any."""
-        self._process.wait(timeout=5)
+        try:
+            self._process.wait(timeout=5)
+        except subprocess.TimeoutExpired:
+            return "the korvane service (%s) closed its output but kept running" % self.binary
         text = "; ".join(line for line in self._stderr_tail if line)
         detail = text or "exit status %d" % self._process.returncode
         return "the korvane service (%s) ended: %s" % (self.binary, detail)

@@ -139,6 +139,17 @@ def test_wrong_binary(scratch):
         preferences.binary_path = kept
 
 
+def test_relative_folder_of_unsaved_file():
+    settings = bpy.context.scene.korvane
+    settings.output_dir = "//maps/"
+    try:
+        bpy.ops.korvane.bake()
+    except RuntimeError as error:
+        check("save the file first" in str(error), "unclear report: %s" % error)
+    else:
+        raise AssertionError("a folder relative to an unsaved file did not fail the bake")
+
+
 def test_bake_matches_command_line(binary, examples, scratch):
     settings = bpy.context.scene.korvane
     settings.output_dir = fresh_folder(scratch, "addon")
@@ -197,6 +208,7 @@ def main():
     enable_addon(binary)
     import_sample(examples)
     test_wrong_binary(scratch)
+    test_relative_folder_of_unsaved_file()
     test_bake_matches_command_line(binary, examples, scratch)
     test_unchanged_meshes_are_not_reloaded()
     test_cancelled_bake_leaves_no_file(scratch)
