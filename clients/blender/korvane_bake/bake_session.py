@@ -84,16 +84,21 @@ class BakeSession:
     def _load_meshes(self, depsgraph):
         low = [mesh_export.export_object(self.settings.low_object, depsgraph, True)]
         high = [mesh_export.export_object(o, depsgraph, False) for o in high_objects(self.settings)]
-        for key, objects in ((LOW_KEY, low), (HIGH_KEY, high)):
-            section = mesh_export.MeshSection(objects)
-            try:
-                request_id = self.client.send(
-                    "mesh.load_shm", key=key, section=section.name, size=section.size,
-                    objects=section.objects, hash=section.hash)
-            except ServiceError:
-                section.close()
-                raise
-            self._sections[request_id] = (key, section)
+        try:
+            for key, objects in ((LOW_KEY, low), (HIGH_KEY, high)):
+                section = mesh_export.MeshSection(objects)
+                try:
+                    request_id = self.client.send(
+                        "mesh.load_shm", key=key, section=section.name, size=section.size,
+                        objects=section.objects, hash=section.hash)
+                except ServiceError:
+                    section.close()
+                    raise
+                self._sections[request_id] = (key, section)
+        except Exception:
+            # No section may outlive a session that never started.
+            self._finish("not started")
+            raise
         self.status = "loading meshes"
 
     @property

@@ -124,6 +124,18 @@ def _to_world(matrix, positions, normals):
     return world_positions.astype(np.float32), (world_normals / lengths).astype(np.float32)
 
 
+def world_triangles(matrix, positions, vertices, normals, uvs):
+    """Triangles in world space, facing where Blender shows them."""
+    world_positions, world_normals = _to_world(matrix, positions, normals)
+    if np.linalg.det(np.array(matrix)[:3, :3]) < 0:
+        # A mirroring matrix turns the faces inside out; swapping two corners
+        # turns them back.
+        vertices = vertices[:, [0, 2, 1]]
+        world_normals = world_normals[:, [0, 2, 1]]
+        uvs = uvs[:, [0, 2, 1]] if uvs is not None else None
+    return world_positions, vertices, world_normals, uvs
+
+
 def export_object(obj, depsgraph, with_uvs):
     """The evaluated object (modifiers applied) in world space."""
     evaluated = obj.evaluated_get(depsgraph)
@@ -141,17 +153,10 @@ def export_object(obj, depsgraph, with_uvs):
         evaluated.to_mesh_clear()
     if with_uvs and loop_uvs is None:
         raise ExportError("the object '%s' has no UV map" % obj.name)
-    world_positions, world_normals = _to_world(
-        obj.matrix_world, positions.reshape(-1, 3), loop_normals[loops])
     uvs = loop_uvs[loops] if loop_uvs is not None else None
-    if np.linalg.det(np.array(obj.matrix_world)[:3, :3]) < 0:
-        # A mirroring matrix turns the faces inside out; swapping two corners
-        # keeps them facing where Blender shows them.
-        vertices = vertices[:, [0, 2, 1]]
-        world_normals = world_normals[:, [0, 2, 1]]
-        uvs = uvs[:, [0, 2, 1]] if uvs is not None else None
-    return ObjectArrays(obj.name, world_positions, vertices.astype(np.uint32),
-                        uvs, world_normals)
+    world_positions, vertices, world_normals, uvs = world_triangles(
+        obj.matrix_world, positions.reshape(-1, 3), vertices, loop_normals[loops], uvs)
+    return ObjectArrays(obj.name, world_positions, vertices.astype(np.uint32), uvs, world_normals)
 
 
 class MeshSection:

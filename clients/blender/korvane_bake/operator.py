@@ -38,9 +38,6 @@ class KORVANE_OT_bake(bpy.types.Operator):
     def invoke(self, context, _event):
         if bpy.app.background:
             return self.execute(context)
-        if KORVANE_OT_bake._running is not None:
-            self.report({'ERROR'}, "a korvane bake is already running")
-            return {'CANCELLED'}
         session = self._start(context)
         if session is None:
             return {'CANCELLED'}
@@ -68,6 +65,10 @@ class KORVANE_OT_bake(bpy.types.Operator):
         return self._report_end(session)
 
     def _start(self, context):
+        # Two sessions would take each other's replies from the one service.
+        if KORVANE_OT_bake._running is not None:
+            self.report({'ERROR'}, "a korvane bake is already running")
+            return None
         try:
             return start_session(context)
         except (ServiceError, mesh_export.ExportError) as error:

@@ -161,7 +161,70 @@ def test_bake_matches_command_line(binary, examples, scratch):
         check(os.path.isfile(path), "no %s map at %s" % (name, path))
         check(os.path.basename(path) in bpy.data.images, "%s is not a Blender image" % path)
     normal, opacity = command_line_bake(binary, examples, fresh_folder(scratch, "command_line"))
-    compare_maps(ours, {"normal": normal, "opacity": opacity})
+    reference = {"normal": normal, "opacity": opacity}
+    compare_maps(ours, reference)
+    return reference
+
+
+def test_world_transform(scratch, reference):
+    """Mesh data moved into object space: the world meshes, so the maps, stay.
+
+    The scale is uniform: Blender re-derives custom normals from the geometry
+    under a non-uniform one, so the data would not be the same mesh.
+    """
+    from mathutils import Matrix
+    matrix = (Matrix.Translation((0.3, -0.2, 0.5)) @ Matrix.Rotation(0.7, 4, (1.0, 2.0, 0.5)) @
+              Matrix.Diagonal((1.5, 1.5, 1.5, 1.0)))
+    settings = bpy.context.scene.korvane
+    for obj in (settings.low_object, settings.high_object):
+        obj.data.transform(matrix.inverted())
+        obj.matrix_world = matrix
+    bpy.context.view_layer.update()
+    settings.output_dir = fresh_folder(scratch, "transformed")
+    try:
+        result = bpy.ops.korvane.bake()
+    finally:
+        for obj in (settings.low_object, settings.high_object):
+            obj.data.transform(matrix)
+            obj.matrix_world = Matrix.Identity(4)
+        bpy.context.view_layer.update()
+    check(result == {'FINISHED'}, "the bake returned %s" % result)
+    ours = {name: os.path.join(settings.output_dir, "sphere_low_%s.exr" % name)
+            for name in ("normal", "opacity")}
+    compare_maps(ours, reference)
+
+
+def test_world_triangles_under_skew_and_mirror():
+    """Through any matrix a face's normal stands on its edges and on its front."""
+    from korvane_bake import mesh_export
+    skew = np.array([[1.0, 0.4, 0.0, 2.0], [0.0, 3.0, 0.2, -1.0],
+                     [0.3, 0.0, 0.5, 0.5], [0.0, 0.0, 0.0, 1.0]])
+    mirror = np.diag([-1.0, 1.0, 1.0, 1.0]) @ skew
+    positions = np.array([[0, 0, 0], [1, 0, 0], [0, 1, 0], [0, 0, 1]], np.float32)
+    vertices = np.array([[0, 1, 2], [0, 3, 1], [1, 3, 2]])
+    corners = positions[vertices]
+    faces = np.cross(corners[:, 1] - corners[:, 0], corners[:, 2] - corners[:, 0])
+    normals = np.repeat(faces[:, None, :], 3, axis=1)
+    uvs = np.arange(vertices.size * 2, dtype=np.float32).reshape(-1, 3, 2)
+    for name, matrix in (("skew", skew), ("mirror", mirror)):
+        world, tris, world_normals, world_uvs = mesh_export.world_triangles(
+            matrix, positions, vertices, normals, uvs)
+        check(np.allclose(world[1], matrix[:3, :3] @ positions[1] + matrix[:3, 3]),
+              "%s: positions are not moved by the matrix" % name)
+        check(np.allclose(np.linalg.norm(world_normals, axis=-1), 1.0, atol=1e-6),
+              "%s: world normals are not unit length" % name)
+        edges_a = world[tris[:, 1]] - world[tris[:, 0]]
+        edges_b = world[tris[:, 2]] - world[tris[:, 0]]
+        for edge in (edges_a, edges_b):
+            dots = np.einsum("ij,ij->i", world_normals[:, 0],
+                             edge / np.linalg.norm(edge, axis=1)[:, None])
+            check(np.abs(dots).max() < 1e-5, "%s: normals lean on their faces: %s" % (name, dots))
+        facing = np.einsum("ij,ij->i", np.cross(edges_a, edges_b), world_normals[:, 0])
+        check((facing > 0).all(), "%s: faces turned inside out" % name)
+        # Each corner keeps its own UV and normal when corners are swapped.
+        moved = tris[:, 1] != vertices[:, 1]
+        check(np.array_equal(world_uvs[moved][:, 1], uvs[moved][:, 2]),
+              "%s: UVs did not follow their corners" % name)
 
 
 def test_unchanged_meshes_are_not_reloaded():
@@ -209,8 +272,10 @@ def main():
     import_sample(examples)
     test_wrong_binary(scratch)
     test_relative_folder_of_unsaved_file()
-    test_bake_matches_command_line(binary, examples, scratch)
+    reference = test_bake_matches_command_line(binary, examples, scratch)
     test_unchanged_meshes_are_not_reloaded()
+    test_world_transform(scratch, reference)
+    test_world_triangles_under_skew_and_mirror()
     test_cancelled_bake_leaves_no_file(scratch)
     leaked = shared_sections() - sections_before
     check(not leaked, "shared-memory sections left behind: %s" % sorted(leaked))
