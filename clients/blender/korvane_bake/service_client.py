@@ -58,7 +58,8 @@ class ServiceClient:
                 [binary, "serve", "--parent-pid", str(os.getpid())],
                 stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         except OSError as error:
-            raise ServiceError("cannot start korvane at '%s': %s" % (binary, error.strerror or error))
+            raise ServiceError("cannot start korvane at '%s': %s"
+                               % (binary, error.strerror or error))
         threading.Thread(target=self._read_stdout, daemon=True).start()
         threading.Thread(target=self._read_stderr, daemon=True).start()
 
@@ -105,7 +106,8 @@ class ServiceClient:
         while True:
             remaining = deadline - time.monotonic()
             if remaining <= 0:
-                raise ServiceError("korvane at '%s' did not answer within %g s" % (self.binary, timeout))
+                raise ServiceError("korvane at '%s' did not answer within %g s"
+                                   % (self.binary, timeout))
             try:
                 message = self.messages.get(timeout=remaining)
             except queue.Empty:
@@ -118,7 +120,8 @@ class ServiceClient:
     def handshake(self):
         reply = self.wait_reply(self.send("hello"), START_TIMEOUT_SECONDS)
         if not reply.get("ok") or reply.get("protocol") != PROTOCOL:
-            raise ServiceError("'%s' does not speak korvane's protocol %d" % (self.binary, PROTOCOL))
+            raise ServiceError("'%s' does not speak korvane's protocol %d"
+                               % (self.binary, PROTOCOL))
         return reply
 
     def close(self):
