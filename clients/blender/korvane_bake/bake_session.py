@@ -58,9 +58,12 @@ class BakeSession:
         self._sections = {}  # load request id -> (key, MeshSection)
         self._bake_id = None
         self._cancel_sent = False
-        self._outputs = {}
         self._scratch = None
         self._check_settings()
+        # What the bake writes is fixed now: the panel may change meanwhile.
+        self._bake_settings = properties.bake_settings(self.settings)
+        self._outputs = {name: map_path(self.folder, self.settings.low_object.name, name)
+                         for name in MAPS if getattr(self.settings, "bake_" + name)}
         self._load_meshes(context.evaluated_depsgraph_get())
 
     def _check_settings(self):
@@ -128,8 +131,11 @@ class BakeSession:
         self.status = "cancelling"
         if self._bake_id is None:
             self._finish(CANCELLED)
-        else:
+            return
+        try:
             self.client.send("cancel", job=self._bake_id)
+        except ServiceError as error:
+            self._finish(str(error))
 
     def _handle(self, message):
         if message is None:
@@ -158,19 +164,18 @@ class BakeSession:
         if self._cancel_sent:
             self._finish(CANCELLED)
             return
-        outputs = {}
-        for name in MAPS:
-            if getattr(self.settings, "bake_" + name):
-                outputs[name] = map_path(self.folder, self.settings.low_object.name, name)
-        self._outputs = dict(outputs)
+        outputs = dict(self._outputs)
         if "normal" not in outputs:
             # The service always writes a Normal map; an unwanted one goes to
             # a scratch folder removed when the bake ends.
             self._scratch = tempfile.mkdtemp(prefix="korvane-")
             outputs["normal"] = os.path.join(self._scratch, "normal.exr")
-        self._bake_id = self.client.send(
-            "bake", low=LOW_KEY, high=HIGH_KEY,
-            settings=properties.bake_settings(self.settings), outputs=outputs)
+        try:
+            self._bake_id = self.client.send("bake", low=LOW_KEY, high=HIGH_KEY,
+                                             settings=self._bake_settings, outputs=outputs)
+        except ServiceError as error:
+            self._finish(str(error))
+            return
         self.status = "queued"
 
     def _on_event(self, event):
@@ -190,7 +195,11 @@ class BakeSession:
             self._finish(CANCELLED if reply.get("code") == "cancelled" else reply.get("error"))
             return
         self.progress = 1.0
-        self.images = [_load_image(path, name) for name, path in self._outputs.items()]
+        try:
+            self.images = [_load_image(path) for path in self._outputs.values()]
+        except RuntimeError as error:
+            self._finish("the maps were written, but Blender cannot open them: %s" % error)
+            return
         self._finish(None)
 
     def _finish(self, error):
@@ -204,7 +213,7 @@ class BakeSession:
             self._scratch = None
 
 
-def _load_image(path, map_name):
+def _load_image(path):
     """The written map as a Blender image; an earlier load is refreshed."""
     image = bpy.data.images.load(path, check_existing=True)
     image.reload()

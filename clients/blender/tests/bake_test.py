@@ -150,6 +150,23 @@ def test_relative_folder_of_unsaved_file():
         raise AssertionError("a folder relative to an unsaved file did not fail the bake")
 
 
+def test_korvane_failure_reaches_report(scratch):
+    """A failed job is reported in korvane's own words."""
+    settings = bpy.context.scene.korvane
+    settings.output_dir = fresh_folder(scratch, "blocked")
+    blocked = os.path.join(settings.output_dir, "sphere_low_normal.exr")
+    os.mkdir(blocked)
+    try:
+        bpy.ops.korvane.bake()
+    except RuntimeError as error:
+        check("Cannot write EXR %s: a folder with this name exists" % blocked in str(error),
+              "the report is not korvane's message: %s" % error)
+    else:
+        raise AssertionError("a folder in the map's place did not fail the bake")
+    finally:
+        os.rmdir(blocked)
+
+
 def test_bake_matches_command_line(binary, examples, scratch):
     settings = bpy.context.scene.korvane
     settings.output_dir = fresh_folder(scratch, "addon")
@@ -274,6 +291,7 @@ def main():
     test_relative_folder_of_unsaved_file()
     reference = test_bake_matches_command_line(binary, examples, scratch)
     test_unchanged_meshes_are_not_reloaded()
+    test_korvane_failure_reaches_report(scratch)
     test_world_transform(scratch, reference)
     test_world_triangles_under_skew_and_mirror()
     test_cancelled_bake_leaves_no_file(scratch)

@@ -1,7 +1,7 @@
 """Draws the add-on's panel on the sample pair and saves it as a PNG.
 
 Blender cannot draw its interface in background mode, so this runs the
-interface on a virtual display:
+interface on a virtual display (Debian's xvfb package):
   xvfb-run -a -s "-screen 0 1600x1000x24" blender --factory-startup \\
       --enable-event-simulate --python clients/blender/tools/panel_screenshot.py -- \\
       examples clients/blender/panel.png
