@@ -29,12 +29,13 @@ class ExportError(Exception):
 class ObjectArrays:
     """One object's arrays, ready to be copied into a section."""
 
-    def __init__(self, name, positions, indices, uvs, normals):
+    def __init__(self, name, positions, indices, uvs, normals, normal_inputs):
         self.name = name
         self.positions = positions  # V x 3 float32
         self.indices = indices  # T x 3 uint32
         self.uvs = uvs  # T x 3 x 2 float32, or None
         self.normals = normals  # T x 3 x 3 float32
+        self.normal_inputs = normal_inputs  # what the normals follow from, for the hash
 
     def arrays(self):
         present = [("positions", self.positions), ("indices", self.indices)]
@@ -136,6 +137,27 @@ def world_triangles(matrix, positions, vertices, normals, uvs):
     return world_positions, vertices, world_normals, uvs
 
 
+def _normal_inputs(mesh, loop_normals):
+    """What decides the corner normals besides the positions, as hashable bytes.
+
+    Blender sums vertex normals on several threads in no fixed order, so the
+    normals of an unchanged mesh differ in their last bits from one export to
+    the next and would defeat the hash. Without custom normals they follow
+    from the positions and the smooth and sharp flags, which are exact; custom
+    normals are hashed rounded to a 1/1024 grid, far above that noise.
+    """
+    if not mesh.has_custom_normals:
+        smooth = np.empty(len(mesh.polygons), bool)
+        mesh.polygons.foreach_get("use_smooth", smooth)
+        sharp = np.empty(len(mesh.edges), bool)
+        mesh.edges.foreach_get("use_edge_sharp", sharp)
+        # Blender 4.1 replaced auto smooth by a modifier, already evaluated.
+        angle = getattr(mesh, "auto_smooth_angle", 0.0) if getattr(
+            mesh, "use_auto_smooth", False) else -1.0
+        return smooth.tobytes() + sharp.tobytes() + np.float64(angle).tobytes()
+    return np.round(loop_normals * 1024.0).astype(np.int16).tobytes()
+
+
 def export_object(obj, depsgraph, with_uvs):
     """The evaluated object (modifiers applied) in world space."""
     evaluated = obj.evaluated_get(depsgraph)
@@ -147,6 +169,7 @@ def export_object(obj, depsgraph, with_uvs):
         if with_uvs:
             # Only the low mesh has tangents to weld.
             loop_normals = _unify_fan_normals(mesh, loop_normals)
+        normal_inputs = _normal_inputs(mesh, loop_normals)
         vertices, loops = _triangles(mesh)
         loop_uvs = _loop_uvs(mesh) if with_uvs else None
     finally:
@@ -156,7 +179,8 @@ def export_object(obj, depsgraph, with_uvs):
     uvs = loop_uvs[loops] if loop_uvs is not None else None
     world_positions, vertices, world_normals, uvs = world_triangles(
         obj.matrix_world, positions.reshape(-1, 3), vertices, loop_normals[loops], uvs)
-    return ObjectArrays(obj.name, world_positions, vertices.astype(np.uint32), uvs, world_normals)
+    return ObjectArrays(obj.name, world_positions, vertices.astype(np.uint32), uvs, world_normals,
+                        normal_inputs)
 
 
 class MeshSection:
@@ -181,7 +205,7 @@ class MeshSection:
                 offset += array.nbytes
             self.objects.append(entry)
         self.size = max(offset, 4)
-        self.hash = _content_hash(self.objects, placed)
+        self.hash = _content_hash(self.objects, objects)
         self._memory = shared_memory.SharedMemory(create=True, size=self.size)
         for start, array in placed:
             self._memory.buf[start:start + array.nbytes] = array.view(np.uint8).reshape(-1)
@@ -197,10 +221,13 @@ class MeshSection:
             self._memory = None
 
 
-def _content_hash(layout, placed):
-    """A digest of names, layout and bytes: equal digests mean equal meshes."""
+def _content_hash(layout, objects):
+    """A digest of names, layout and contents: equal digests mean equal meshes."""
     digest = hashlib.blake2b(digest_size=20)
     digest.update(json.dumps(layout, sort_keys=True).encode("utf-8"))
-    for _, array in placed:
-        digest.update(memoryview(array).cast("B"))
+    for item in objects:
+        for field, array in item.arrays():
+            if field != "normals":
+                digest.update(np.ascontiguousarray(array).tobytes())
+        digest.update(item.normal_inputs)
     return digest.hexdigest()

@@ -150,6 +150,29 @@ def test_relative_folder_of_unsaved_file():
         raise AssertionError("a folder relative to an unsaved file did not fail the bake")
 
 
+def test_hash_is_stable_for_unchanged_meshes():
+    """Two exports of one large smooth mesh hash alike, whatever Blender's threads did."""
+    from korvane_bake import mesh_export
+    bpy.ops.mesh.primitive_ico_sphere_add(subdivisions=8)
+    sphere = bpy.context.active_object
+    bpy.ops.object.shade_smooth()
+    try:
+        hashes = []
+        for _ in range(2):
+            arrays = mesh_export.export_object(sphere, bpy.context.evaluated_depsgraph_get(), False)
+            section = mesh_export.MeshSection([arrays])
+            section.close()
+            hashes.append(section.hash)
+        sphere.data.polygons[0].use_smooth = False
+        arrays = mesh_export.export_object(sphere, bpy.context.evaluated_depsgraph_get(), False)
+        section = mesh_export.MeshSection([arrays])
+        section.close()
+    finally:
+        bpy.data.objects.remove(sphere)
+    check(hashes[0] == hashes[1], "an unchanged mesh hashed differently: %s" % hashes)
+    check(section.hash != hashes[0], "a face turned flat did not change the hash")
+
+
 def test_korvane_failure_reaches_report(scratch):
     """A failed job is reported in korvane's own words."""
     settings = bpy.context.scene.korvane
@@ -291,6 +314,7 @@ def main():
     test_relative_folder_of_unsaved_file()
     reference = test_bake_matches_command_line(binary, examples, scratch)
     test_unchanged_meshes_are_not_reloaded()
+    test_hash_is_stable_for_unchanged_meshes()
     test_korvane_failure_reaches_report(scratch)
     test_world_transform(scratch, reference)
     test_world_triangles_under_skew_and_mirror()
