@@ -23,7 +23,7 @@ class KORVANE_OT_bake(bpy.types.Operator):
     bl_label = "Bake"
     bl_options = {'REGISTER'}
 
-    # The one bake that runs; a second press waits for it to end.
+    # The one bake that runs in the UI; a second one is refused until it ends.
     _running = None
 
     def execute(self, context):
@@ -53,16 +53,25 @@ class KORVANE_OT_bake(bpy.types.Operator):
             session.cancel()
         elif event.type != 'TIMER':
             return {'PASS_THROUGH'}
-        session.step()
+        try:
+            session.step()
+        except Exception:
+            # Whatever broke, the UI gets its progress bar back and the next
+            # bake may start.
+            self._end_modal(context)
+            raise
         context.window_manager.progress_update(int(session.progress * PROGRESS_STEPS))
         context.workspace.status_text_set("korvane: %s (Esc to cancel)" % session.status)
         if not session.done:
             return {'RUNNING_MODAL'}
+        self._end_modal(context)
+        return self._report_end(session)
+
+    def _end_modal(self, context):
         context.window_manager.event_timer_remove(self._timer)
         context.window_manager.progress_end()
         context.workspace.status_text_set(None)
         KORVANE_OT_bake._running = None
-        return self._report_end(session)
 
     def _start(self, context):
         # Two sessions would take each other's replies from the one service.
