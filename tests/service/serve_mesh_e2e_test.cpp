@@ -87,7 +87,7 @@ void expect_same_load(const Json& a, const Json& b) {
   }
 }
 
-TEST(ServeMeshes, SharedMemoryBakesAsTheSameDataFromAnObjFile) {
+TEST(ServeMeshes, SharedAndClientMemoryBakeAsTheSameDataFromAnObjFile) {
   ScratchDir dir;
   const std::vector<RawObject> low = low_objects(), high = high_objects();
   write_text_file(dir / "low.obj", obj_text(low));
@@ -113,6 +113,24 @@ TEST(ServeMeshes, SharedMemoryBakesAsTheSameDataFromAnObjFile) {
   ASSERT_EQ(from_file["ok"], true) << from_file.dump();
   EXPECT_GT(from_shm["summary"]["hits"].get<std::uint64_t>(), 1000u);
   EXPECT_EQ(read_text_file(dir / "shm.exr"), read_text_file(dir / "file.exr"));
+
+  // The same arrays in this process's memory, which the service may read as
+  // its parent's: addresses instead of offsets.
+  Json process = load_shm(10, "lp", low_section, low_layout);
+  process.erase("section");
+  process.erase("size");
+  process["op"] = "mesh.load_process";
+  process["pid"] = platform::process_id();
+  const auto base = reinterpret_cast<std::uintptr_t>(low_layout.bytes.data());
+  for (Json& object : process["objects"]) {
+    for (const char* field : {"positions", "indices", "uvs"}) {
+      object[field] = object[field].get<std::uint64_t>() + base;
+    }
+  }
+  expect_same_load(client.request(process), file_low);
+  const Json from_process = client.request(bake(11, "lp", "hs", dir / "process.exr"));
+  ASSERT_EQ(from_process["ok"], true) << from_process.dump();
+  EXPECT_EQ(read_text_file(dir / "process.exr"), read_text_file(dir / "file.exr"));
 
   // A layout fault is the request's field error; a fault of the data is the
   // reader's own message, without a code.
