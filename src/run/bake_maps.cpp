@@ -21,6 +21,13 @@ bool has_png_extension(const std::filesystem::path& path) {
   return ext == ".png";
 }
 
+std::uint64_t count_set(const std::vector<std::uint8_t>& mask) {
+  return static_cast<std::uint64_t>(
+      std::count_if(mask.begin(), mask.end(), [](std::uint8_t m) { return m != 0; }));
+}
+
+}  // namespace
+
 void write_map(const std::filesystem::path& path, int width, int height, int channels,
                std::span<const std::uint16_t> codes, int threads) {
   if (has_png_extension(path)) {
@@ -29,13 +36,6 @@ void write_map(const std::filesystem::path& path, int width, int height, int cha
     writeExr(path, width, height, channels, codes, kExrFloat, threads);
   }
 }
-
-std::uint64_t count_set(const std::vector<std::uint8_t>& mask) {
-  return static_cast<std::uint64_t>(
-      std::count_if(mask.begin(), mask.end(), [](std::uint8_t m) { return m != 0; }));
-}
-
-}  // namespace
 
 PaddingCount pad_normal_map(NormalBakeResult& result, const NormalBakeSettings& settings) {
   ImageView view;

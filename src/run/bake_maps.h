@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
+#include <span>
 
 #include "normal/normal_bake.h"
 
@@ -16,6 +18,11 @@ struct PaddingCount {
 // Pads the Normal map; the Opacity map keeps its coverage as baked, since
 // spreading it would mark the gutter as opaque.
 PaddingCount pad_normal_map(NormalBakeResult& result, const NormalBakeSettings& settings);
+
+// Writes one map of UNORM16 codes: a 16-bit PNG for a .png path, else a
+// float EXR.
+void write_map(const std::filesystem::path& path, int width, int height, int channels,
+               std::span<const std::uint16_t> codes, int threads);
 
 // Writes the Normal map and, when one is set, the Opacity map: PNG for a
 // .png path, else EXR.
