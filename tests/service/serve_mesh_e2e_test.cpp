@@ -258,6 +258,21 @@ TEST(ServeMeshes, MemoryBudgetEstimatesAndRefusesAJobThatCannotFit) {
   // A bake that fits still runs.
   EXPECT_EQ(client.request(bake(9, "low", "high", dir / "small.exr", "64"))["ok"], true);
   EXPECT_EQ(client.finish(), 0);
+
+  // Without the option the budget is taken from the memory free at the
+  // start, the same in every reply.
+  ServiceClient automatic;
+  const std::uint64_t budget =
+      automatic.request(make_request(1, "cache.status"))["memory_budget_mb"];
+  EXPECT_GT(budget, 0u);
+  Json request = make_request(2, "memory.estimate");
+  request.update(Json{{"size", 64},
+                      {"antialias", 1},
+                      {"maps", {"normal"}},
+                      {"backend", "cpu"},
+                      {"high_triangles", 1}});
+  EXPECT_EQ(automatic.request(request)["limit_mb"], budget);
+  EXPECT_EQ(automatic.finish(), 0);
 }
 
 }  // namespace
