@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <functional>
@@ -357,15 +358,32 @@ void apply_final_rules(ParseState& p) {
   }
 }
 
-}  // namespace
+// Options that name the meshes or files of the command line itself; the
+// service gives those as fields of its own.
+bool is_command_line_only(std::string_view option) {
+  static constexpr std::array<std::string_view, 6> options = {"--target", "--source-uvs", "--high",
+                                                              "--report", "--help",       "-h"};
+  return std::find(options.begin(), options.end(), option) != options.end();
+}
 
-TransferSettings parse_transfer_options(const std::vector<std::string>& args) {
-  ParseState p;
-  for (std::size_t i = 2; i < args.size(); i += 2) {
-    const std::string& option = args[i];
+// The options of a texture and output group.
+bool is_output_option(std::string_view option) {
+  static constexpr std::array<std::string_view, 9> options = {
+      "--texture", "--bind",     "--bind-object", "--bind-material",    "--source-tile",
+      "--out",     "--out-mask", "--out-srgb",    "--out-padding-color"};
+  return std::find(options.begin(), options.end(), option) != options.end();
+}
+
+// Reads option and value pairs from `start` on; `allow` throws for an option
+// the list may not hold. True when --help ended the list.
+bool read_options(ParseState& p, const std::vector<std::string>& list, std::size_t start,
+                  const std::function<void(std::string_view)>& allow) {
+  for (std::size_t i = start; i < list.size(); i += 2) {
+    const std::string& option = list[i];
+    allow(option);
     if (option == "--help" || option == "-h") {
       p.settings.help = true;
-      return p.settings;
+      return true;
     }
     if (option.size() < 2 || option.compare(0, 2, "--") != 0) {
       throw UsageError("unexpected argument '" + option + "'");
@@ -375,12 +393,63 @@ TransferSettings parse_transfer_options(const std::vector<std::string>& args) {
     if (found == table.end()) {
       throw UsageError("unknown option " + option);
     }
-    if (i + 1 >= args.size()) {
+    if (i + 1 >= list.size()) {
       throw UsageError("missing value for " + option);
     }
-    found->second(p, option, args[i + 1]);
+    found->second(p, option, list[i + 1]);
+  }
+  return false;
+}
+
+}  // namespace
+
+TransferSettings parse_transfer_options(const std::vector<std::string>& args) {
+  ParseState p;
+  if (read_options(p, args, 2, [](std::string_view) {})) {
+    return p.settings;
   }
   apply_final_rules(p);
+  return p.settings;
+}
+
+TransferSettings parse_transfer_settings(const std::vector<std::string>& settings,
+                                         const std::vector<std::string>& outputs,
+                                         bool* outputs_failed) {
+  ParseState p;
+  *outputs_failed = false;
+  read_options(p, settings, 0, [](std::string_view option) {
+    if (is_command_line_only(option)) {
+      throw UsageError(std::string(option) + " is not a setting");
+    }
+    if (is_output_option(option)) {
+      throw UsageError(std::string(option) + " belongs in outputs");
+    }
+  });
+  if (!p.mode_given || !p.size_given) {
+    throw UsageError("settings need --mode and --size");
+  }
+  if (!p.settings.dump_hits.empty() && p.settings.mode != TransferMode::m2m) {
+    throw UsageError("--dump-hits is for --mode m2m");
+  }
+  *outputs_failed = true;
+  read_options(p, outputs, 0, [](std::string_view option) {
+    if (is_command_line_only(option)) {
+      throw UsageError(std::string(option) + " is not a setting");
+    }
+    if (!is_output_option(option)) {
+      throw UsageError(std::string(option) + " belongs in settings");
+    }
+  });
+  if (!p.pending.empty()) {
+    throw UsageError("every --texture needs an --out after it");
+  }
+  if (p.settings.outputs.empty()) {
+    throw UsageError("outputs need at least one --texture and --out");
+  }
+  *outputs_failed = false;
+  if (!p.height_given) {
+    p.settings.height = p.settings.width;
+  }
   return p.settings;
 }
 
