@@ -66,7 +66,7 @@ void SecondaryRays::add_ray(const Vec3f& origin, const Vec3f& direction, float t
 
 void SecondaryRays::nearest(double offset) {
   hits_.resize(queries_.size());
-  tracer_.trace_batch(queries_.data(), hits_.data(), queries_.size(), WorkerPool::serial());
+  tracer_.trace_fanned_batch(queries_.data(), hits_.data(), queries_.size(), WorkerPool::serial());
   rays_cast_ += queries_.size();
   distances_.resize(queries_.size());
   for (std::size_t i = 0; i < queries_.size(); ++i) {
