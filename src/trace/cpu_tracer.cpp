@@ -658,6 +658,12 @@ void CpuTracer::occluded_batch(const OcclusionQuery* queries, std::uint8_t* occl
   });
 }
 
+bool CpuTracer::occluded(const OcclusionQuery& q) const {
+  return q.t_near >= 0.0f && q.t_far >= q.t_near &&
+         embree::occluded1(static_cast<embree::Scene>(scene_), q.origin.data(), q.direction.data(),
+                           q.t_near, q.t_far);
+}
+
 bool CpuTracer::check_known_hit(const RayQuery& query, RayHit& hit) const {
   if (hit.triangle < 0 || static_cast<std::uint64_t>(hit.triangle) >= high_.triangles.size()) {
     return false;

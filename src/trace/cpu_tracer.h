@@ -77,6 +77,8 @@ class CpuTracer final : public Tracer {
   void occluded_batch(const OcclusionQuery* queries, std::uint8_t* occluded, std::uint64_t count,
                       const WorkerPool& pool) const override;
   bool check_known_hit(const RayQuery& query, RayHit& hit) const override;
+  // One occlusion query as a single ray; occluded_batch gives the same answers.
+  bool occluded(const OcclusionQuery& query) const;
   bool has_name_groups() const override { return !name_groups_.empty(); }
   GpuTraceStatistics gpu_statistics() const override { return {0, 0, 0, 0, 0}; }
 

@@ -83,8 +83,9 @@ class Tracer {
                            const WorkerPool& pool) const = 0;
 
   // The same for rays fanned out from shared points in many directions, as
-  // secondary rays are, which a tracer may follow another way: in the same
-  // groups, with the same hits. By default, trace_batch.
+  // secondary rays are, which a tracer may follow another way, in the same
+  // groups. Only where two triangles lie at exactly the same distance along
+  // a ray may the winner differ from trace_batch's. By default, trace_batch.
   virtual void trace_fanned_batch(const RayQuery* queries, RayHit* hits, std::uint64_t count,
                                   const WorkerPool& pool) const {
     trace_batch(queries, hits, count, pool);
