@@ -5,7 +5,8 @@
 //   over the very same rays, and the whole AO bake against the plain
 //   primary rays plus that loop (targets: at least 0.8, at most 1.3);
 // - every map alone and all nine in one bake (target: all nine at most 1.5
-//   times the slowest single map);
+//   times the slowest single map), and that all nine come out the same bit
+//   for bit when every secondary ray is cast alone or in coherent packets;
 // - the peak memory of an all-maps bake under a budget (target: within it).
 // Times of the occlusion loops are summed over the threads on both sides.
 //
