@@ -64,9 +64,14 @@ void SecondaryRays::add_ray(const Vec3f& origin, const Vec3f& direction, float t
   queries_.push_back(q);
 }
 
-void SecondaryRays::nearest(double offset) {
+void SecondaryRays::nearest(double offset, bool parallel) {
   hits_.resize(queries_.size());
-  tracer_.trace_batch(queries_.data(), hits_.data(), queries_.size(), WorkerPool::serial());
+  if (parallel) {
+    tracer_.trace_batch(queries_.data(), hits_.data(), queries_.size(), WorkerPool::serial());
+  } else {
+    tracer_.trace_fanned_batch(queries_.data(), hits_.data(), queries_.size(),
+                               WorkerPool::serial());
+  }
   rays_cast_ += queries_.size();
   distances_.resize(queries_.size());
   for (std::size_t i = 0; i < queries_.size(); ++i) {
@@ -246,7 +251,7 @@ double SecondaryRays::curvature(const MapRays& m, const HitSurface& s,
     }
     add_ray(origin, down, 0.0f, static_cast<float>(2.0 * r), m.same_name ? s.group : -1, true);
   }
-  nearest(0.0);
+  nearest(0.0, true);
   double sum = 0.0;
   std::uint32_t count = 0;
   for (const double d : distances_) {

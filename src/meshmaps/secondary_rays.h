@@ -94,7 +94,9 @@ class SecondaryRays {
             const std::array<double, 2>& rotation, bool as_nearest);
   // distances_ of the prepared queries (negative: escaped): their hit
   // distance plus `offset`, or `far` for a blocked occlusion query.
-  void nearest(double offset);
+  // `parallel`: the rays run side by side (curvature's) rather than fanned
+  // out from the hit point.
+  void nearest(double offset, bool parallel = false);
   void occluded(double far);
   void add_ray(const Vec3f& origin, const Vec3f& direction, float t_near, float t_far,
                std::int32_t group, bool as_nearest);

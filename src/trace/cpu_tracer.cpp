@@ -526,7 +526,7 @@ RayHit CpuTracer::trace_one(const RayQuery& query, std::int64_t excluded, Thread
 }
 
 void CpuTracer::trace_packet(const RayQuery* queries, RayHit* hits, unsigned count,
-                             ThreadState& thread, std::uint32_t fp_state) const {
+                             ThreadState& thread, std::uint32_t fp_state, bool coherent) const {
   alignas(32) int valid[embree::kPacketLanes];
   alignas(32) embree::RayHit8 packet;
   bool any = false;
@@ -553,7 +553,8 @@ void CpuTracer::trace_packet(const RayQuery* queries, RayHit* hits, unsigned cou
     context.excluded = -1;
     context.thread = &thread;
     context.fp_state = fp_state;
-    embree::intersect8(valid, static_cast<embree::Scene>(scene_), &context.base, &packet);
+    embree::intersect8(valid, static_cast<embree::Scene>(scene_), &context.base, &packet,
+                       coherent ? embree::Coherence::coherent : embree::Coherence::incoherent);
   }
   for (unsigned lane = 0; lane < count; ++lane) {
     hits[lane] = valid[lane] != 0 && packet.hit.geomID[lane] != embree::kInvalidId
@@ -585,6 +586,16 @@ RayHit CpuTracer::winner(const RayQuery& query, std::uint32_t primitive, float u
 
 void CpuTracer::trace_batch(const RayQuery* queries, RayHit* hits, std::uint64_t count,
                             const WorkerPool& pool) const {
+  trace_packets(queries, hits, count, pool, true);
+}
+
+void CpuTracer::trace_fanned_batch(const RayQuery* queries, RayHit* hits, std::uint64_t count,
+                                   const WorkerPool& pool) const {
+  trace_packets(queries, hits, count, pool, false);
+}
+
+void CpuTracer::trace_packets(const RayQuery* queries, RayHit* hits, std::uint64_t count,
+                              const WorkerPool& pool, bool coherent) const {
   pool.for_chunks(
       count, kBatchTask, [&](std::uint64_t /*task*/, std::uint64_t begin, std::uint64_t end) {
         // Nothing a task runs changes the thread or the floating-point control state.
@@ -594,24 +605,63 @@ void CpuTracer::trace_batch(const RayQuery* queries, RayHit* hits, std::uint64_t
         // same neighbours on any thread count.
         for (std::uint64_t i = begin; i < end; i += kTraceGroup) {
           const auto lanes = static_cast<unsigned>(std::min<std::uint64_t>(kTraceGroup, end - i));
-          trace_packet(queries + i, hits + i, lanes, thread, fp_state);
+          trace_packet(queries + i, hits + i, lanes, thread, fp_state, coherent);
         }
       });
 }
 
+namespace {
+
+// Up to eight occlusion queries in one packet; a query that sees nothing
+// (see OcclusionQuery) gets no lane and answers 0.
+void occluded_packet(embree::Scene scene, const OcclusionQuery* queries, std::uint8_t* occluded,
+                     unsigned count) {
+  alignas(32) int valid[embree::kPacketLanes];
+  alignas(32) embree::Ray8 packet;
+  bool any = false;
+  for (unsigned lane = 0; lane < embree::kPacketLanes; ++lane) {
+    // Unused lanes get harmless values: Embree loads whole vectors.
+    static constexpr float kNowhere[3] = {0.0f, 0.0f, 0.0f};
+    static constexpr float kUp[3] = {0.0f, 0.0f, 1.0f};
+    const OcclusionQuery* q = lane < count ? &queries[lane] : nullptr;
+    const bool cast = q != nullptr && q->t_near >= 0.0f && q->t_far >= q->t_near;
+    valid[lane] = cast ? -1 : 0;
+    if (cast) {
+      embree::set_packet_segment(packet, lane, q->origin.data(), q->direction.data(), q->t_near,
+                                 q->t_far);
+      any = true;
+    } else {
+      embree::set_packet_segment(packet, lane, kNowhere, kUp, 0.0f, 0.0f);
+    }
+  }
+  if (any) {
+    embree::occluded8(valid, scene, &packet);
+  }
+  for (unsigned lane = 0; lane < count; ++lane) {
+    occluded[lane] = valid[lane] != 0 && embree::occluded_lane(packet, lane) ? 1 : 0;
+  }
+}
+
+}  // namespace
+
 void CpuTracer::occluded_batch(const OcclusionQuery* queries, std::uint8_t* occluded,
                                std::uint64_t count, const WorkerPool& pool) const {
-  // No filter runs for occlusion rays: any triangle along the segment counts.
+  // No filter runs for occlusion rays: any triangle along the segment counts,
+  // whichever order the packet meets them in.
   const auto scene = static_cast<embree::Scene>(scene_);
   pool.for_chunks(count, kBatchTask, [&](std::uint64_t, std::uint64_t begin, std::uint64_t end) {
-    for (std::uint64_t i = begin; i < end; ++i) {
-      const OcclusionQuery& q = queries[i];
-      const bool along =
-          q.t_near >= 0.0f && q.t_far >= q.t_near &&
-          embree::occluded1(scene, q.origin.data(), q.direction.data(), q.t_near, q.t_far);
-      occluded[i] = along ? 1 : 0;
+    for (std::uint64_t i = begin; i < end; i += embree::kPacketLanes) {
+      const auto lanes =
+          static_cast<unsigned>(std::min<std::uint64_t>(embree::kPacketLanes, end - i));
+      occluded_packet(scene, queries + i, occluded + i, lanes);
     }
   });
+}
+
+bool CpuTracer::occluded(const OcclusionQuery& q) const {
+  return q.t_near >= 0.0f && q.t_far >= q.t_near &&
+         embree::occluded1(static_cast<embree::Scene>(scene_), q.origin.data(), q.direction.data(),
+                           q.t_near, q.t_far);
 }
 
 bool CpuTracer::check_known_hit(const RayQuery& query, RayHit& hit) const {

@@ -72,9 +72,13 @@ class CpuTracer final : public Tracer {
   bool runs_on_gpu() const override { return false; }
   void trace_batch(const RayQuery* queries, RayHit* hits, std::uint64_t count,
                    const WorkerPool& pool) const override;
+  void trace_fanned_batch(const RayQuery* queries, RayHit* hits, std::uint64_t count,
+                          const WorkerPool& pool) const override;
   void occluded_batch(const OcclusionQuery* queries, std::uint8_t* occluded, std::uint64_t count,
                       const WorkerPool& pool) const override;
   bool check_known_hit(const RayQuery& query, RayHit& hit) const override;
+  // One occlusion query as a single ray; occluded_batch gives the same answers.
+  bool occluded(const OcclusionQuery& query) const;
   bool has_name_groups() const override { return !name_groups_.empty(); }
   GpuTraceStatistics gpu_statistics() const override { return {0, 0, 0, 0, 0}; }
 
@@ -98,7 +102,10 @@ class CpuTracer final : public Tracer {
   // Up to eight rays in one Embree packet on the calling thread; a query
   // whose t_max is not above 0 misses without a lane.
   void trace_packet(const RayQuery* queries, RayHit* hits, unsigned count, ThreadState& thread,
-                    std::uint32_t fp_state) const;
+                    std::uint32_t fp_state, bool coherent) const;
+  // A batch in packets from its first query, on the pool's threads.
+  void trace_packets(const RayQuery* queries, RayHit* hits, std::uint64_t count,
+                     const WorkerPool& pool, bool coherent) const;
   // The refined hit of the winning primitive of ray `lane`, from the refine
   // cache when it holds this very candidate.
   RayHit winner(const RayQuery& query, std::uint32_t primitive, float u, float v, float t,

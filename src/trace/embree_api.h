@@ -220,20 +220,68 @@ inline void set_packet_ray(RayHit8& packet, unsigned lane, const float origin[3]
   packet.hit.instID[0][lane] = kInvalidId;
 }
 
+// How the rays of a packet run. Coherent: side by side, as the primary rays
+// of neighbouring texels; without that hint Embree traces such a packet no
+// faster than its rays one by one. Incoherent: fanned out from one point, as
+// secondary rays; Embree then follows each ray alone where their paths part.
+enum class Coherence { coherent, incoherent };
+
 // Closest hits of the lanes whose valid entry is -1 (0: lane unused), with
-// the geometry filters seeing `context`. The rays are declared coherent:
-// without that hint Embree traces a packet no faster than its rays one by one.
-inline void intersect8(const int* valid, Scene scene, RayQueryContext* context, RayHit8* packet) {
+// the geometry filters seeing `context`.
+inline void intersect8(const int* valid, Scene scene, RayQueryContext* context, RayHit8* packet,
+                       Coherence coherence) {
+  const bool coherent = coherence == Coherence::coherent;
 #if RTC_VERSION_MAJOR >= 4
   RTCIntersectArguments args;
   rtcInitIntersectArguments(&args);
-  args.flags = RTC_RAY_QUERY_FLAG_COHERENT;
+  args.flags = coherent ? RTC_RAY_QUERY_FLAG_COHERENT : RTC_RAY_QUERY_FLAG_INCOHERENT;
   args.context = context;
   rtcIntersect8(valid, scene, packet, &args);
 #else
-  context->flags = RTC_INTERSECT_CONTEXT_FLAG_COHERENT;
+  context->flags =
+      coherent ? RTC_INTERSECT_CONTEXT_FLAG_COHERENT : RTC_INTERSECT_CONTEXT_FLAG_INCOHERENT;
   rtcIntersect8(valid, scene, context, packet);
 #endif
+}
+
+using Ray8 = RTCRay8;
+
+// Lane `lane` of an occlusion packet: every mask bit set, distances
+// [t_near, t_far].
+inline void set_packet_segment(Ray8& packet, unsigned lane, const float origin[3],
+                               const float direction[3], float t_near, float t_far) {
+  packet.org_x[lane] = origin[0];
+  packet.org_y[lane] = origin[1];
+  packet.org_z[lane] = origin[2];
+  packet.tnear[lane] = t_near;
+  packet.dir_x[lane] = direction[0];
+  packet.dir_y[lane] = direction[1];
+  packet.dir_z[lane] = direction[2];
+  packet.time[lane] = 0.0f;
+  packet.tfar[lane] = t_far;
+  packet.mask[lane] = 0xFFFFFFFFu;
+  packet.id[lane] = lane;
+  packet.flags[lane] = 0;
+}
+
+// Occlusion of the valid lanes (-1; 0: unused) with a default context, the
+// rays declared incoherent; afterwards occluded_lane tells each lane's answer.
+inline void occluded8(const int* valid, Scene scene, Ray8* packet) {
+#if RTC_VERSION_MAJOR >= 4
+  RTCOccludedArguments args;
+  rtcInitOccludedArguments(&args);
+  args.flags = RTC_RAY_QUERY_FLAG_INCOHERENT;
+  rtcOccluded8(valid, scene, packet, &args);
+#else
+  RTCIntersectContext context;
+  rtcInitIntersectContext(&context);
+  context.flags = RTC_INTERSECT_CONTEXT_FLAG_INCOHERENT;
+  rtcOccluded8(valid, scene, &context, packet);
+#endif
+}
+// Embree marks an occluded ray by setting tfar to minus infinity.
+inline bool occluded_lane(const Ray8& packet, unsigned lane) {
+  return !(packet.tfar[lane] >= 0.0f);
 }
 
 // ---- inside a filter function ----------------------------------------------

@@ -82,6 +82,15 @@ class Tracer {
   virtual void trace_batch(const RayQuery* queries, RayHit* hits, std::uint64_t count,
                            const WorkerPool& pool) const = 0;
 
+  // The same for rays fanned out from shared points in many directions, as
+  // secondary rays are, which a tracer may follow another way, in the same
+  // groups. Only where two triangles lie at exactly the same distance along
+  // a ray may the winner differ from trace_batch's. By default, trace_batch.
+  virtual void trace_fanned_batch(const RayQuery* queries, RayHit* hits, std::uint64_t count,
+                                  const WorkerPool& pool) const {
+    trace_batch(queries, hits, count, pool);
+  }
+
   // occluded[i] = 1 when any high triangle lies along queries[i], else 0,
   // for every i below count, on the pool's threads. By default tracers
   // cannot answer occlusion queries and raise an Error.

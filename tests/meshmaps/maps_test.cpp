@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <functional>
 #include <numbers>
@@ -16,6 +17,7 @@
 #include "meshmaps/meshmaps_bake.h"
 #include "meshmaps/meshmaps_options.h"
 #include "support/bake_test_meshes.h"
+#include "trace/cpu_tracer.h"
 
 namespace kv::meshmaps {
 namespace {
@@ -535,6 +537,91 @@ TEST(MeshMapsDeterminism, SameMapsOnAnyThreadCountBandAndBudget) {
   EXPECT_LT(budget.memory.band_rows, 48u);
   EXPECT_FALSE(budget.memory.notices.empty());
   expect_same_buffers(one.buffers, budget.buffers);
+}
+
+// The bake's tracer with every secondary ray cast alone: nearest hits one
+// by one, occlusion one ray at a time. Primary rays keep their packets.
+class SingleRayTracer final : public Tracer {
+ public:
+  explicit SingleRayTracer(const CpuTracer& inner) : inner_(inner) {}
+  std::string description() const override { return inner_.description(); }
+  RayHit trace(const RayQuery& q) const override { return inner_.trace(q); }
+  bool runs_on_gpu() const override { return false; }
+  void trace_batch(const RayQuery* q, RayHit* h, std::uint64_t n,
+                   const WorkerPool& pool) const override {
+    inner_.trace_batch(q, h, n, pool);
+  }
+  void trace_fanned_batch(const RayQuery* q, RayHit* h, std::uint64_t n,
+                          const WorkerPool&) const override {
+    for (std::uint64_t i = 0; i < n; ++i) {
+      h[i] = inner_.trace(q[i]);
+    }
+    fanned_rays_ += n;
+  }
+  void occluded_batch(const OcclusionQuery* q, std::uint8_t* o, std::uint64_t n,
+                      const WorkerPool&) const override {
+    for (std::uint64_t i = 0; i < n; ++i) {
+      o[i] = inner_.occluded(q[i]) ? 1 : 0;
+    }
+    occlusion_rays_ += n;
+  }
+  bool check_known_hit(const RayQuery& q, RayHit& h) const override {
+    return inner_.check_known_hit(q, h);
+  }
+  bool has_name_groups() const override { return false; }
+  GpuTraceStatistics gpu_statistics() const override { return {}; }
+
+  mutable std::atomic<std::uint64_t> fanned_rays_{0};
+  mutable std::atomic<std::uint64_t> occlusion_rays_{0};
+
+ private:
+  const CpuTracer& inner_;
+};
+
+TEST(MeshMapsDeterminism, RayPacketsGiveTheSingleRaysMaps) {
+  Mesh low;
+  PlaneSpec p = test::square(0.0f);
+  p.with_uvs = true;
+  add_plane(low, p);
+  // A bumpy field under a tilted roof, so that rays both escape and hit.
+  Mesh high = test::bumpy_field(24);
+  add_triangle(high, {{{-2, -2, 0.05f}, {2, -2, 0.3f}, {2, 2, 0.05f}}});
+  const std::vector<std::string> all = {"opacity",   "ao",     "thickness",
+                                        "curvature", "height", "world_normal",
+                                        "position",  "id",     "bent_normals"};
+  const CpuTracer tracer(high, {}, {}, 2);
+  const SingleRayTracer single(tracer);
+  // Ray counts that leave part-filled packets; occlusion with and without
+  // bent normals of their own, nearest hits for the attenuated occlusion.
+  const std::vector<std::vector<std::string>> cases = {
+      {"--ao-rays", "13", "--bent-rays", "13", "--ao-max", "0.4", "--bent-max", "0.4"},
+      {"--ao-rays", "13", "--ao-attenuation", "none", "--bent-rays", "9", "--ao-max", "0.4"},
+  };
+  for (const std::vector<std::string>& extra : cases) {
+    std::vector<std::string> options = {"--antialias",      "2", "--thickness-rays",   "11",
+                                        "--curvature-rays", "5", "--curvature-radius", "0.02"};
+    options.insert(options.end(), extra.begin(), extra.end());
+    const MeshMapsSettings s = settings_for(40, all, options);
+    const MeshMapsRun packed = bake_mesh_maps_on(low, high, s, {}, tracer, 0, 2);
+    const std::uint64_t fanned_before = single.fanned_rays_.load();
+    const std::uint64_t occlusion_before = single.occlusion_rays_.load();
+    const MeshMapsRun alone = bake_mesh_maps_on(low, high, s, {}, single, 0, 2);
+    EXPECT_GT(packed.buffers.counters.texels_hit, 1000u);
+    expect_same_buffers(packed.buffers, alone.buffers);
+    // Every secondary ray but curvature's went through the single-ray side;
+    // curvature's rays run side by side, as the primary rays, five a hit.
+    EXPECT_EQ(single.fanned_rays_.load() - fanned_before +
+                  (single.occlusion_rays_.load() - occlusion_before) +
+                  5 * alone.buffers.counters.hits,
+              alone.buffers.counters.secondary_rays);
+    // AO and bent normals in occlusion queries in the second case only.
+    EXPECT_EQ(single.occlusion_rays_.load() > occlusion_before, extra[3] == "none");
+    // Occlusion differs over the map: some rays are blocked, some escape.
+    const std::vector<float>& ao = packed.buffers.ao;
+    const auto [least, most] = std::minmax_element(ao.begin(), ao.end());
+    EXPECT_LT(*least, 0.5f);
+    EXPECT_GT(*most, *least + 0.1f);
+  }
 }
 
 }  // namespace

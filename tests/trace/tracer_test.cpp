@@ -456,6 +456,115 @@ TEST(TracerOcclusion, AnyTriangleAlongTheSegmentWithoutTheBakesRules) {
   EXPECT_EQ(blocked + static_cast<std::size_t>(std::count(one.begin(), one.end(), 0)), many.size());
 }
 
+// Rays fanned out from points of the bumpy field, as secondary rays are:
+// aimed exactly at grid corners and edge midpoints (where neighbouring
+// triangles meet), grazing along the surface, and scattered over the
+// hemisphere; a fixed sequence makes them the same every run.
+std::vector<std::pair<std::array<float, 3>, std::array<float, 3>>> fanned_rays(const Mesh& field,
+                                                                               std::size_t count) {
+  std::uint64_t state = 977;
+  auto next = [&] {
+    state = state * 6364136223846793005ull + 1442695040888963407ull;
+    return static_cast<float>((state >> 40) & 0xFFFFFF) / 16777216.0f;  // [0, 1)
+  };
+  auto vertex = [&] {
+    const auto& t = field.triangles[static_cast<std::size_t>(
+        next() * 0.999f * static_cast<float>(field.triangles.size()))];
+    return std::pair(field.positions[t.corners[0].position],
+                     field.positions[t.corners[1].position]);
+  };
+  std::vector<std::pair<std::array<float, 3>, std::array<float, 3>>> rays;
+  while (rays.size() < count) {
+    const auto [a, b] = vertex();
+    const auto [c, d] = vertex();
+    const std::array<float, 3> origin = {a[0], a[1], a[2] + 0.002f * next()};
+    // Targets: another corner, the middle of an edge, or a random direction.
+    std::array<float, 3> target = c;
+    switch (rays.size() % 4) {
+      case 1:
+        target = {(c[0] + d[0]) * 0.5f, (c[1] + d[1]) * 0.5f, (c[2] + d[2]) * 0.5f};
+        break;
+      case 2:
+        target = {origin[0] + next() - 0.5f, origin[1] + next() - 0.5f, origin[2] + 0.01f * next()};
+        break;
+      case 3:
+        target = {origin[0] + next() - 0.5f, origin[1] + next() - 0.5f, origin[2] + next() - 0.5f};
+        break;
+      default:
+        break;
+    }
+    std::array<float, 3> dir = {target[0] - origin[0], target[1] - origin[1],
+                                target[2] - origin[2]};
+    const float length = std::sqrt(dir[0] * dir[0] + dir[1] * dir[1] + dir[2] * dir[2]);
+    if (!(length > 0.0f)) {
+      continue;
+    }
+    for (float& x : dir) {
+      x /= length;
+    }
+    rays.emplace_back(origin, dir);
+  }
+  return rays;
+}
+
+TEST(TracerFanned, PacketsAnswerAsSingleRays) {
+  const Mesh field = test::bumpy_field(40);
+  const CpuTracer tracer(field, {}, {}, 2);
+  constexpr std::size_t kRays = 4 * 1024 + 5;
+  const auto rays = fanned_rays(field, kRays);
+  std::vector<OcclusionQuery> segments;
+  std::vector<RayQuery> nearest;
+  for (std::size_t i = 0; i < rays.size(); ++i) {
+    const auto& [origin, dir] = rays[i];
+    const float far = i % 3 == 0 ? 3.0f : 0.05f + 0.5f * static_cast<float>(i % 7) / 7.0f;
+    segments.push_back(segment(origin, dir, i % 5 == 0 ? 0.0f : 1e-5f, far));
+    RayQuery q;
+    q.origin = origin;
+    q.direction = dir;
+    q.t_max = far;
+    q.surface_point = origin;
+    q.surface_normal = dir;
+    q.front = far * 2.0f + 1.0f;
+    q.rear = 1.0f;
+    q.ignore_backface = 0;
+    nearest.push_back(q);
+  }
+  // Occlusion: packets give every single ray's answer, whichever rays share
+  // them (a batch from the third query has other neighbours).
+  const std::vector<std::uint8_t> packed = occluded_all(tracer, segments, 2);
+  std::vector<std::uint8_t> shifted(kRays, 7);
+  tracer.occluded_batch(segments.data() + 3, shifted.data() + 3, kRays - 3, WorkerPool(1));
+  std::size_t blocked = 0;
+  for (std::size_t i = 0; i < kRays; ++i) {
+    const std::uint8_t single = tracer.occluded(segments[i]) ? 1 : 0;
+    ASSERT_EQ(packed[i], single) << i;
+    if (i >= 3) {
+      ASSERT_EQ(shifted[i], single) << i;
+    }
+    blocked += single;
+  }
+  EXPECT_EQ(shifted[0], 7);  // a batch writes only its own slots
+  EXPECT_GT(blocked, kRays / 10);
+  EXPECT_LT(blocked, kRays * 9 / 10);
+
+  // Nearest hits: fanned packets give the single rays' very bits, on one and
+  // two threads. (Coherent packets may break exact ties between triangles
+  // that share the aimed-at corner another way.)
+  std::vector<RayHit> fanned(kRays, RayHit{7, 1, 1, 1});
+  tracer.trace_fanned_batch(nearest.data(), fanned.data(), kRays, WorkerPool(2));
+  std::vector<RayHit> fanned_one(kRays, RayHit{7, 1, 1, 1});
+  tracer.trace_fanned_batch(nearest.data(), fanned_one.data(), kRays, WorkerPool(1));
+  EXPECT_TRUE(same_bits(fanned, fanned_one));
+  std::size_t hits = 0;
+  for (std::size_t i = 0; i < kRays; ++i) {
+    const RayHit single = tracer.trace(nearest[i]);
+    ASSERT_EQ(std::memcmp(&single, &fanned[i], sizeof(RayHit)), 0) << i;
+    hits += single.triangle >= 0 ? 1 : 0;
+  }
+  EXPECT_GT(hits, kRays / 10);
+  EXPECT_LT(hits, kRays * 9 / 10);
+}
+
 // A tracer that keeps the interface's defaults for exclusion and occlusion.
 class NoExclusionTracer final : public Tracer {
  public:
