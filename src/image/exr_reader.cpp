@@ -402,12 +402,20 @@ Layout plan(Source& in, Header& header) {
 // Undoes the byte delta and the split into even and odd bytes that RLE and
 // ZIP apply before packing.
 void unpredict(std::vector<std::uint8_t>& packed, std::vector<std::uint8_t>& out) {
-  for (std::size_t i = 1; i < packed.size(); ++i) {
-    packed[i] = static_cast<std::uint8_t>(packed[i - 1] + packed[i] - 128);
+  const std::size_t n = packed.size();
+  std::uint8_t* bytes = packed.data();
+  for (std::size_t i = 1; i < n; ++i) {
+    bytes[i] = static_cast<std::uint8_t>(bytes[i - 1] + bytes[i] - 128);
   }
-  const std::size_t half = (packed.size() + 1) / 2;
-  for (std::size_t i = 0; i < packed.size(); ++i) {
-    out[i] = (i % 2 == 0) ? packed[i / 2] : packed[half + i / 2];
+  const std::uint8_t* even = bytes;
+  const std::uint8_t* odd = bytes + (n + 1) / 2;
+  std::uint8_t* to = out.data();
+  for (std::size_t i = 0; i < n / 2; ++i) {
+    to[2 * i] = even[i];
+    to[2 * i + 1] = odd[i];
+  }
+  if (n % 2 != 0) {
+    to[n - 1] = even[n / 2];
   }
 }
 
@@ -486,17 +494,21 @@ void store_lines(const Layout& layout, const std::vector<Channel>& channels, std
       }
       const std::uint8_t* values = line + channel.line_offset;
       const auto k = static_cast<std::size_t>(channel.output);
-      for (std::size_t x = 0; x < width; ++x) {
-        const std::size_t sample = first + x * components + k;
-        if (image.type == ComponentType::kF16) {
-          std::memcpy(image.data.data() + 2 * sample, values + 2 * x, 2);
-        } else if (channel.type == kHalf) {
+      std::uint8_t* texels = image.data.data() + (first + k) * component_bytes(image.type);
+      if (image.type == ComponentType::kF16) {
+        for (std::size_t x = 0; x < width; ++x) {
+          std::memcpy(texels + 2 * components * x, values + 2 * x, 2);
+        }
+      } else if (channel.type == kHalf) {
+        for (std::size_t x = 0; x < width; ++x) {
           std::uint16_t bits = 0;
           std::memcpy(&bits, values + 2 * x, 2);
           const auto widened = static_cast<float>(half_bits_to_double(bits));  // exact
-          std::memcpy(image.data.data() + 4 * sample, &widened, 4);
-        } else {
-          std::memcpy(image.data.data() + 4 * sample, values + 4 * x, 4);
+          std::memcpy(texels + 4 * components * x, &widened, 4);
+        }
+      } else {
+        for (std::size_t x = 0; x < width; ++x) {
+          std::memcpy(texels + 4 * components * x, values + 4 * x, 4);
         }
       }
     }
