@@ -13,6 +13,17 @@ if(KV_SANITIZE)
   add_link_options(-fsanitize=address,undefined)
 endif()
 
+# Fuzzing: every library instrumented for libFuzzer's coverage feedback and
+# checked by the same sanitizers; the fuzz targets link libFuzzer itself.
+if(KV_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "KV_FUZZ needs clang (scripts/fuzz.sh sets it up)")
+  endif()
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer
+                      -fno-sanitize-recover=undefined -g)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
 # Every library of the project: one folder, one static library, sources
 # picked up from the folder so adding a file needs no CMake edit.
 function(kv_library name)

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Installs every Debian package korvane needs, then configures and builds.
 # Safe to run again: installed packages are skipped and the build is
-# incremental. Usage: scripts/setup.sh [normal|asan] (default: normal)
+# incremental. Usage: scripts/setup.sh [normal|asan|fuzz] (default: normal)
+# "fuzz" adds clang with its libFuzzer runtime and builds the fuzz targets
+# in build-fuzz/; the other flavours do not install them.
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
@@ -12,6 +14,11 @@ packages=(
   libembree-dev libtbb-dev nlohmann-json3-dev liblodepng-dev libtinygltf-dev
   libassimp-dev zlib1g-dev libopenexr-dev libtinyobjloader-dev libgtest-dev libgmock-dev
 )
+# Only the fuzz build needs clang and libFuzzer; llvm brings llvm-profdata and
+# llvm-cov for the coverage of a corpus.
+if [[ "$flavour" == fuzz ]]; then
+  packages+=(clang libclang-rt-14-dev llvm)
+fi
 
 missing=()
 for p in "${packages[@]}"; do
@@ -42,8 +49,13 @@ case "$flavour" in
     cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Release -DKV_SANITIZE=ON >/dev/null
     cmake --build build-asan -j "$jobs"
     ;;
+  fuzz)
+    CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=Release \
+      -DKV_FUZZ=ON >/dev/null
+    cmake --build build-fuzz -j "$jobs" --target fuzz_all
+    ;;
   *)
-    echo "usage: scripts/setup.sh [normal|asan]" >&2
+    echo "usage: scripts/setup.sh [normal|asan|fuzz]" >&2
     exit 2
     ;;
 esac

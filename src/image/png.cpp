@@ -290,6 +290,23 @@ OutOfMemory png_out_of_memory(const std::filesystem::path& path) {
   return OutOfMemory(path.string() + ": PNG: out of memory while reading the image");
 }
 
+// The decoder holds the inflated rows and the texels at once, and its texels
+// are copied out once more: about twice the texels at the peak. An image that
+// needs more than the memory available is refused before it is decoded.
+void check_decode_memory(const std::filesystem::path& path, unsigned width, unsigned height,
+                         const LodePNGColorMode& raw) {
+  const std::uint64_t texel_bytes = std::uint64_t{width} * height * lodepng_get_bpp(&raw) / 8;
+  const std::uint64_t need = 2 * texel_bytes;
+  const std::uint64_t available = platform::memory_available_bytes();
+  if (available != 0 && need > available) {
+    const std::uint64_t mib = std::uint64_t{1} << 20;
+    throw OutOfMemory(path.string() + ": PNG: decoding " + std::to_string(width) + " x " +
+                      std::to_string(height) + " texels needs about " +
+                      std::to_string((need + mib - 1) / mib) + " MB; " +
+                      std::to_string(available / mib) + " MB of memory are available");
+  }
+}
+
 // The decoder's failure; it reports an allocation it could not make as a code.
 [[noreturn]] void throw_decode_error(const std::filesystem::path& path, unsigned code) {
   if (code == kLodepngAllocationFailed) {
@@ -330,6 +347,7 @@ TexelImage read_png(const std::filesystem::path& path) {
       throw Error("PNG: unsupported colour type");
   }
   check_png_size(path, width, height, state.info_png.color, bytes.size());
+  check_decode_memory(path, width, height, state.info_raw);
   std::vector<unsigned char> decoded;
   code = lodepng::decode(decoded, width, height, state, bytes.data(), bytes.size());
   if (code != 0) {

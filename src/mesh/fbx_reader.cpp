@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <limits>
 #include <optional>
 #include <string>
 #include <vector>
@@ -16,6 +17,7 @@
 #include "core/parallel.h"
 #include "mesh/mesh_format.h"
 #include "mesh/node_transform.h"
+#include "mesh/read_budget.h"
 #include "mesh/triangulate.h"
 #include "platform/platform.h"
 
@@ -38,11 +40,13 @@ class FbxReader {
   FbxReader(const std::filesystem::path& path, const aiScene& scene, const FacePolicy& policy)
       : path_(path), prefix_(path.string() + ": "), scene_(scene), policy_(policy) {}
 
-  Mesh read(const WorkerPool& pool, MeshStats& stats);
+  Mesh read(const WorkerPool& pool, const ReadBudget& budget, MeshStats& stats);
 
  private:
   [[noreturn]] void fail(const std::string& message) const { throw Error(prefix_ + message); }
 
+  MeshEstimate mesh_counts(unsigned int index) const;
+  void check_placed_counts(const ReadBudget& budget) const;
   void add_node(const aiNode& node, const Mat4& world);
   void add_mesh(const aiMesh& source, const Mat4& world, std::uint32_t object);
   std::uint32_t material_index(unsigned int material);
@@ -159,6 +163,70 @@ void FbxReader::add_mesh(const aiMesh& source, const Mat4& world, std::uint32_t 
   }
 }
 
+// The elements add_mesh pushes for one mesh; none for a reference that does
+// not resolve (add_node refuses it).
+MeshEstimate FbxReader::mesh_counts(unsigned int index) const {
+  MeshEstimate counts;
+  if (index >= scene_.mNumMeshes || scene_.mMeshes[index] == nullptr) {
+    return counts;
+  }
+  const aiMesh& source = *scene_.mMeshes[index];
+  std::uint64_t largest_face = 0;
+  for (unsigned int f = 0; f < source.mNumFaces; ++f) {
+    const std::uint64_t n = source.mFaces[f].mNumIndices;
+    counts.triangles += n >= 3 ? n - 2 : 0;
+    largest_face = std::max(largest_face, n);
+  }
+  counts.positions = source.mNumVertices;
+  counts.normals = source.mNormals != nullptr ? source.mNumVertices : 0;
+  counts.uvs = source.mTextureCoords[0] != nullptr ? source.mNumVertices : 0;
+  counts.working_bytes = 4 * largest_face;
+  return counts;
+}
+
+// Nodes may share a mesh, each placing its elements anew: the totals are held
+// against the mesh limits and the memory budget before anything is pushed.
+void FbxReader::check_placed_counts(const ReadBudget& budget) const {
+  std::vector<MeshEstimate> per_mesh(scene_.mNumMeshes);
+  for (unsigned int m = 0; m < scene_.mNumMeshes; ++m) {
+    per_mesh[m] = mesh_counts(m);
+  }
+  const auto capped = [](std::uint64_t a, std::uint64_t b) {
+    return std::min(a + b, kMaxElements + 1);  // each term is below 2^33
+  };
+  MeshEstimate total;
+  std::vector<const aiNode*> stack = {scene_.mRootNode};
+  while (!stack.empty()) {
+    const aiNode* node = stack.back();
+    stack.pop_back();
+    for (unsigned int k = 0; k < node->mNumMeshes; ++k) {
+      if (node->mMeshes[k] < per_mesh.size()) {
+        const MeshEstimate& e = per_mesh[node->mMeshes[k]];
+        total.positions = capped(total.positions, e.positions);
+        total.normals = capped(total.normals, e.normals);
+        total.uvs = capped(total.uvs, e.uvs);
+        total.triangles = capped(total.triangles, std::min(e.triangles, kMaxElements + 1));
+        total.working_bytes = std::max(total.working_bytes, e.working_bytes);
+      }
+    }
+    for (unsigned int c = 0; c < node->mNumChildren; ++c) {
+      if (node->mChildren[c] != nullptr) {
+        stack.push_back(node->mChildren[c]);
+      }
+    }
+  }
+  const std::pair<std::uint64_t, const char*> totals[] = {{total.positions, "vertex positions"},
+                                                          {total.uvs, "texture coordinates"},
+                                                          {total.normals, "normals"},
+                                                          {total.triangles, "triangles"}};
+  for (const auto& [count, name] : totals) {
+    if (count > kMaxElements) {
+      fail("mesh has more than " + std::to_string(kMaxElements) + " " + name);
+    }
+  }
+  budget.check_mesh(path_, total);
+}
+
 void FbxReader::add_node(const aiNode& node, const Mat4& world) {
   if (node.mNumMeshes == 0) {
     return;
@@ -183,10 +251,11 @@ void FbxReader::add_node(const aiNode& node, const Mat4& world) {
   }
 }
 
-Mesh FbxReader::read(const WorkerPool& pool, MeshStats& stats) {
+Mesh FbxReader::read(const WorkerPool& pool, const ReadBudget& budget, MeshStats& stats) {
   if (scene_.mRootNode == nullptr) {
     fail("the file holds no scene");
   }
+  check_placed_counts(budget);
   // Depth first, children in their stored order, without recursion.
   struct Pending {
     const aiNode* node;
@@ -223,11 +292,9 @@ Mesh FbxReader::read(const WorkerPool& pool, MeshStats& stats) {
 }  // namespace
 
 Mesh read_fbx(const std::filesystem::path& path, const MeshReadOptions& options, MeshStats* stats) {
-  int error = 0;
-  const std::optional<std::string> bytes = platform::read_file(path, &error);
-  if (!bytes) {
-    throw Error("cannot open mesh file: " + path.string());
-  }
+  ReadBudget budget(options);
+  const std::string bytes =
+      budget.read_whole_file(path, std::numeric_limits<std::size_t>::max(), "an FBX file");
   Assimp::Importer importer;
   // Pivots evaluated into the node transforms, so every mesh hangs below the
   // node that names it; only geometry and material names are wanted.
@@ -237,7 +304,7 @@ Mesh read_fbx(const std::filesystem::path& path, const MeshReadOptions& options,
   importer.SetPropertyBool(AI_CONFIG_IMPORT_FBX_READ_CAMERAS, false);
   importer.SetPropertyBool(AI_CONFIG_IMPORT_FBX_READ_LIGHTS, false);
   // No post-processing: polygons arrive as stored and our own rule splits them.
-  const aiScene* scene = importer.ReadFileFromMemory(bytes->data(), bytes->size(), 0, "fbx");
+  const aiScene* scene = importer.ReadFileFromMemory(bytes.data(), bytes.size(), 0, "fbx");
   if (scene == nullptr) {
     std::string reason = importer.GetErrorString();
     while (!reason.empty() && (reason.back() == '\n' || reason.back() == ' ')) {
@@ -252,7 +319,7 @@ Mesh read_fbx(const std::filesystem::path& path, const MeshReadOptions& options,
   MeshStats local;
   WorkerPool pool(options.threads);
   FbxReader reader(path, *scene, policy);
-  Mesh mesh = reader.read(pool, local);
+  Mesh mesh = reader.read(pool, budget, local);
   if (stats != nullptr) {
     *stats = local;
   }

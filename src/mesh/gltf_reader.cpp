@@ -16,6 +16,7 @@
 #include "core/error.h"
 #include "mesh/mesh_format.h"
 #include "mesh/node_transform.h"
+#include "mesh/read_budget.h"
 #include "platform/platform.h"
 
 namespace kv {
@@ -53,6 +54,7 @@ struct ElementCounts {
   std::uint64_t uvs = 0;
   std::uint64_t normals = 0;
   std::uint64_t triangles = 0;
+  std::uint64_t working_bytes = 0;  // of the largest primitive, read at once
 
   static std::uint64_t capped(std::uint64_t n) { return std::min(n, kMaxElements + 1); }
 
@@ -61,13 +63,15 @@ struct ElementCounts {
     uvs = capped(uvs + other.uvs);
     normals = capped(normals + other.normals);
     triangles = capped(triangles + other.triangles);
+    working_bytes = std::max(working_bytes, other.working_bytes);
   }
 };
 
 class GltfReader {
  public:
-  GltfReader(const std::filesystem::path& path, const tinygltf::Model& model)
-      : path_(path), model_(model) {}
+  GltfReader(const std::filesystem::path& path, const tinygltf::Model& model,
+             const ReadBudget& budget)
+      : path_(path), model_(model), budget_(budget) {}
 
   Mesh read();
 
@@ -78,7 +82,7 @@ class GltfReader {
 
   std::vector<int> scene_roots() const;
   ElementCounts primitive_counts(const tinygltf::Primitive& prim) const;
-  void check_placed_counts(const std::vector<int>& roots) const;
+  void check_placed_counts(const std::vector<int>& roots);
   Mat4 local_transform(int node_index) const;
   void add_node(int node_index, const Mat4& world);
   void add_primitive(int mesh_index, std::size_t primitive_index, const Mat4& world,
@@ -86,9 +90,9 @@ class GltfReader {
   const tinygltf::Accessor& checked_accessor(int index, int components,
                                              const std::string& what) const;
   std::vector<double> read_accessor(int index, int components, const std::string& what) const;
-  std::vector<double> read_attribute(const tinygltf::Primitive& prim, const char* attribute,
-                                     int components, std::uint64_t vertex_count,
-                                     const std::string& what, const char* plural) const;
+  int attribute_accessor(const tinygltf::Primitive& prim, const char* attribute, int components,
+                         std::uint64_t vertex_count, const std::string& what,
+                         const char* plural) const;
   std::vector<std::uint32_t> read_indices(int index, std::uint64_t vertex_count,
                                           const std::string& what) const;
   const tinygltf::BufferView& view(int index, const std::string& what) const;
@@ -98,6 +102,9 @@ class GltfReader {
 
   const std::filesystem::path& path_;
   const tinygltf::Model& model_;
+  const ReadBudget& budget_;
+  MeshEstimate placed_;  // what the scene's nodes place, counted up front
+  bool budget_checked_ = false;
   Mesh mesh_;
   UniqueNames object_names_;
   MaterialTable materials_;
@@ -425,23 +432,22 @@ std::uint32_t GltfReader::material_index(int material) {
   return materials_.index_of(name, mesh_.materials);
 }
 
-// The values of the primitive's `attribute`, none when it has none. The count
-// is compared with the positions' first, so an unlike one is never read.
-std::vector<double> GltfReader::read_attribute(const tinygltf::Primitive& prim,
-                                               const char* attribute, int components,
-                                               std::uint64_t vertex_count, const std::string& what,
-                                               const char* plural) const {
+// The accessor of the primitive's `attribute`, -1 when it has none, once its
+// count equals the positions': an unlike one is never read.
+int GltfReader::attribute_accessor(const tinygltf::Primitive& prim, const char* attribute,
+                                   int components, std::uint64_t vertex_count,
+                                   const std::string& what, const char* plural) const {
   const auto it = prim.attributes.find(attribute);
   if (it == prim.attributes.end()) {
-    return {};
+    return -1;
   }
-  const std::string name = what + " " + attribute;
-  const std::uint64_t count = checked_accessor(it->second, components, name).count;
+  const std::uint64_t count =
+      checked_accessor(it->second, components, what + " " + attribute).count;
   if (count != vertex_count) {
     fail(what + " has " + std::to_string(count) + " " + plural + " for " +
          std::to_string(vertex_count) + " positions");
   }
-  return read_accessor(it->second, components, name);
+  return it->second;
 }
 
 // Appends the triangles of one primitive, its vertices placed by `world`.
@@ -467,13 +473,28 @@ void GltfReader::add_primitive(int mesh_index, std::size_t primitive_index, cons
       fail(unsupported_extension("KHR_draco_mesh_compression"));
     }
   }
+  // Every accessor is checked before any is read, and the scene's estimate
+  // weighed before the first is: a fault of the file is named first, and
+  // nothing is sized from counts the budget refuses.
+  const std::uint64_t vertex_count =
+      checked_accessor(position_it->second, 3, what + " POSITION").count;
+  const int normal_accessor = attribute_accessor(prim, "NORMAL", 3, vertex_count, what, "normals");
+  const int uv_accessor =
+      attribute_accessor(prim, "TEXCOORD_0", 2, vertex_count, what, "texture coordinates");
+  if (prim.indices >= 0) {
+    checked_accessor(prim.indices, 1, what + " indices");
+  }
+  if (!budget_checked_) {
+    budget_.check_mesh(path_, placed_);
+    budget_checked_ = true;
+  }
   const std::vector<double> positions = read_accessor(position_it->second, 3, what + " POSITION");
-  const std::uint64_t vertex_count = positions.size() / 3;
-
-  const std::vector<double> normals =
-      read_attribute(prim, "NORMAL", 3, vertex_count, what, "normals");
-  const std::vector<double> uvs =
-      read_attribute(prim, "TEXCOORD_0", 2, vertex_count, what, "texture coordinates");
+  const std::vector<double> normals = normal_accessor >= 0
+                                          ? read_accessor(normal_accessor, 3, what + " NORMAL")
+                                          : std::vector<double>();
+  const std::vector<double> uvs = uv_accessor >= 0
+                                      ? read_accessor(uv_accessor, 2, what + " TEXCOORD_0")
+                                      : std::vector<double>();
   std::vector<std::uint32_t> indices;
   if (prim.indices >= 0) {
     indices = read_indices(prim.indices, vertex_count, what);
@@ -646,13 +667,17 @@ ElementCounts GltfReader::primitive_counts(const tinygltf::Primitive& prim) cons
   counts.positions = vertices;
   counts.normals = prim.attributes.count("NORMAL") != 0 ? vertices : 0;
   counts.uvs = prim.attributes.count("TEXCOORD_0") != 0 ? vertices : 0;
+  // Attributes are read as doubles, indices as 32 bits, faces as triples.
+  counts.working_bytes = 8 * (3 * counts.positions + 3 * counts.normals + 2 * counts.uvs) +
+                         4 * corners + 12 * counts.triangles;
   return counts;
 }
 
 // Refuses a scene whose nodes, each placing its mesh's elements anew, would
-// exceed the mesh limits: counted from the accessors before anything is read,
-// since a few nodes can multiply a small file into billions of vertices.
-void GltfReader::check_placed_counts(const std::vector<int>& roots) const {
+// exceed the mesh limits, and keeps the totals for the memory budget: counted
+// from the accessors before anything is read, since a few nodes can multiply
+// a small file into billions of vertices.
+void GltfReader::check_placed_counts(const std::vector<int>& roots) {
   std::vector<ElementCounts> per_mesh(model_.meshes.size());
   for (std::size_t m = 0; m < model_.meshes.size(); ++m) {
     for (const tinygltf::Primitive& prim : model_.meshes[m].primitives) {
@@ -687,6 +712,8 @@ void GltfReader::check_placed_counts(const std::vector<int>& roots) const {
       fail("mesh has more than " + std::to_string(kMaxElements) + " " + name);
     }
   }
+  placed_ =
+      MeshEstimate{total.positions, total.uvs, total.normals, total.triangles, total.working_bytes};
 }
 
 Mesh GltfReader::read() {
@@ -739,11 +766,20 @@ bool skip_image(tinygltf::Image*, const int, std::string*, std::string*, int, in
   return true;
 }
 
-// Files beside the glTF (buffers) are read through the platform layer.
+// Files beside the glTF (buffers) are read through the platform layer, each
+// sized against the read's memory budget before it is read. A refusal is
+// kept here and reported after the parser gives up.
+struct BufferFiles {
+  ReadBudget* budget = nullptr;
+  std::string refusal;
+};
+
+// Regular files only (or links, followed when read): a named pipe would block
+// the read for good.
 bool file_exists(const std::string& path, void*) {
   int error = 0;
   const auto status = platform::file_status(path, &error);
-  return status.has_value() && !status->is_directory;
+  return status.has_value() && (status->is_regular || status->is_symlink);
 }
 
 std::string expand_path(const std::string& path, void*) {
@@ -751,17 +787,26 @@ std::string expand_path(const std::string& path, void*) {
 }
 
 bool read_whole_file(std::vector<unsigned char>* out, std::string* err, const std::string& path,
-                     void*) {
+                     void* user_data) {
+  auto& files = *static_cast<BufferFiles*>(user_data);
   int error = 0;
-  const std::optional<std::string> bytes = platform::read_file(path, &error);
-  if (!bytes) {
-    if (err != nullptr) {
-      *err += "cannot read " + path + ": " + platform::system_error_text(error) + "\n";
-    }
+  platform::File file = platform::File::open_read(path, &error);
+  const std::int64_t size = file.is_open() ? file.size(&error) : -1;
+  if (size >= 0 && !files.budget->take_file(static_cast<std::uint64_t>(size))) {
+    files.refusal =
+        "the buffer file " + path + ": " + files.budget->refusal(static_cast<std::uint64_t>(size));
     return false;
   }
-  out->assign(bytes->begin(), bytes->end());
-  return true;
+  if (size >= 0) {
+    out->resize(static_cast<std::size_t>(size));
+    if (file.read_full(out->data(), out->size(), &error) == size) {
+      return true;
+    }
+  }
+  if (err != nullptr) {
+    *err += "cannot read " + path + ": " + platform::system_error_text(error) + "\n";
+  }
+  return false;
 }
 
 bool refuse_write(std::string* err, const std::string&, const std::vector<unsigned char>&, void*) {
@@ -829,44 +874,44 @@ std::string one_line(std::string text) {
 
 Mesh read_gltf(const std::filesystem::path& path, const MeshReadOptions& options,
                MeshStats* stats) {
-  (void)options;  // glTF holds triangles only: the face policies never apply
+  // glTF holds triangles only: the face policies never apply.
   if (stats != nullptr) {
     *stats = MeshStats{};
   }
-  int error = 0;
-  const std::optional<std::string> bytes = platform::read_file(path, &error);
-  if (!bytes) {
-    throw Error("cannot open mesh file: " + path.string());
-  }
-  if (bytes->size() > std::numeric_limits<unsigned int>::max()) {
-    throw Error(path.string() + ": the file is too large for a glTF file");
-  }
+  ReadBudget budget(options);
+  // The parser takes the file's length as 32 bits.
+  const std::string bytes =
+      budget.read_whole_file(path, std::numeric_limits<unsigned int>::max(), "a glTF file");
 
-  const bool binary = bytes->size() >= 4 && bytes->compare(0, 4, "glTF") == 0;
-  if (nests_deeper_than(binary ? glb_json_chunk(*bytes) : std::string_view(*bytes),
-                        kMaxJsonDepth)) {
+  const bool binary = bytes.size() >= 4 && bytes.compare(0, 4, "glTF") == 0;
+  if (nests_deeper_than(binary ? glb_json_chunk(bytes) : std::string_view(bytes), kMaxJsonDepth)) {
     throw Error(path.string() + ": the file's JSON nests deeper than " +
                 std::to_string(kMaxJsonDepth) + " levels");
   }
 
   tinygltf::TinyGLTF loader;
   loader.SetImageLoader(&skip_image, nullptr);
-  loader.SetFsCallbacks({&file_exists, &expand_path, &read_whole_file, &refuse_write, nullptr});
+  BufferFiles buffer_files{&budget, {}};
+  loader.SetFsCallbacks(
+      {&file_exists, &expand_path, &read_whole_file, &refuse_write, &buffer_files});
   tinygltf::Model model;
   std::string err;
   std::string warn;
   const std::string base_dir = path.parent_path().string();
-  const auto size = static_cast<unsigned int>(bytes->size());
+  const auto size = static_cast<unsigned int>(bytes.size());
   const bool loaded =
       binary ? loader.LoadBinaryFromMemory(&model, &err, &warn,
-                                           reinterpret_cast<const unsigned char*>(bytes->data()),
+                                           reinterpret_cast<const unsigned char*>(bytes.data()),
                                            size, base_dir)
-             : loader.LoadASCIIFromString(&model, &err, &warn, bytes->data(), size, base_dir);
+             : loader.LoadASCIIFromString(&model, &err, &warn, bytes.data(), size, base_dir);
+  if (!loaded && !buffer_files.refusal.empty()) {
+    throw OutOfMemory(path.string() + ": " + buffer_files.refusal);
+  }
   if (!loaded) {
     err = one_line(err);
     throw Error(path.string() + ": not a readable glTF file" + (err.empty() ? "" : ": " + err));
   }
-  GltfReader reader(path, model);
+  GltfReader reader(path, model, budget);
   return reader.read();
 }
 

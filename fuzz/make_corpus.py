@@ -1,0 +1,333 @@
+#!/usr/bin/env python3
+"""Writes the small seed inputs of fuzz/corpus/<target>/ (deterministic).
+
+Run from anywhere: python3 fuzz/make_corpus.py. The files are committed; this
+script only says how they were made.
+"""
+import base64
+import json
+import os
+import struct
+import zlib
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+
+
+def put(target, name, data):
+    folder = os.path.join(HERE, "corpus", target)
+    os.makedirs(folder, exist_ok=True)
+    if isinstance(data, str):
+        data = data.encode()
+    with open(os.path.join(folder, name), "wb") as f:
+        f.write(data)
+
+
+OBJS = {
+    "triangle.obj": "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n",
+    "full.obj": (
+        "# a quad and a pentagon\nmtllib a.mtl\no Body\nv 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\n"
+        "v 0.5 1.5 0\nvt 0 0\nvt 1 0\nvt 1 1\nvt 0 1\nvn 0 0 1\nusemtl skin\n"
+        "f 1/1/1 2/2/1 3/3/1 4/4/1\ng part\nusemtl cloth\nf 1//1 2//1 3//1 5//1 4//1\n"),
+    "relative.obj": "v 0 0 0 1 0 0\nv 1 0 0 0 1 0\nv 0 1 0 0 0 1\nvt 0.5 0.5 0\nf -3/-1 -2/-1 -1/-1\nl 1 2\n",
+    "groups.obj": "g a\nv 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\no b\ng a\nf +1 +2 +3 # end\n",
+}
+
+def kvm(flags, positions, uvs, normals, tris, objects, materials=None, blocks=None):
+    out = b"KVMESH1\0" + struct.pack("<II5Q", 1, flags, len(positions), len(uvs), len(normals),
+                                     len(tris), len(objects))
+    for p in positions:
+        out += struct.pack("<3f", *p)
+    for uv in uvs:
+        out += struct.pack("<2d" if flags & 1 else "<2f", *uv)
+    for n in normals:
+        out += struct.pack("<3f", *n)
+    for corners, obj in tris:
+        for c in corners:
+            out += struct.pack("<Iii", *c)
+        out += struct.pack("<I", obj)
+    for name in objects:
+        out += struct.pack("<I", len(name)) + name.encode()
+    if flags & 4:
+        names, per_tri = materials
+        out += struct.pack("<Q", len(names))
+        for name in names:
+            out += struct.pack("<I", len(name)) + name.encode()
+        out += b"".join(struct.pack("<I", m) for m in per_tri)
+    if flags & 8:
+        names, per_obj = blocks
+        out += struct.pack("<Q", len(names))
+        for name in names:
+            out += struct.pack("<I", len(name)) + name.encode()
+        out += b"".join(struct.pack("<I", b) for b in per_obj)
+    return out
+
+TRI = [((0, 0, 0), (1, 1, 0), (2, 2, 0))]
+KVMS = {
+    "plain.kvm": kvm(0, [(0, 0, 0), (1, 0, 0), (0, 1, 0)], [(0, 0), (1, 0), (0, 1)],
+                     [(0, 0, 2)], [(TRI[0], 0)], ["a"]),
+    "double_as_is.kvm": kvm(3, [(0, 0, 0), (1, 0, 0), (0, 1, 0)], [(0, 0), (1, 0), (0, 1)],
+                            [(0, 0, 1)], [(((0, -1, -1), (1, -1, -1), (2, -1, -1)), 0)], ["a"]),
+    "tables.kvm": kvm(15, [(0, 0, 0), (1, 0, 0), (0, 1, 0)], [(0, 0), (1, 0), (0, 1)],
+                      [(0, 0, 1)], [(TRI[0], 0), (TRI[0], 1)], ["a", "b"],
+                      (["m"], [0, 0]), (["blk"], [0, 0])),
+}
+
+
+def gltf_triangle(extra_nodes=False, strip=False, sparse=False):
+    positions = struct.pack("<9f", 0, 0, 0, 1, 0, 0, 0, 1, 0)
+    normals = struct.pack("<9f", 0, 0, 1, 0, 0, 1, 0, 0, 1)
+    uvs = struct.pack("<6f", 0, 0, 1, 0, 0, 1)
+    indices = struct.pack("<3H", 0, 1, 2) + b"\0\0"
+    sparse_bytes = struct.pack("<H", 1) + b"\0\0" + struct.pack("<3f", 2, 0, 0)
+    data = positions + normals + uvs + indices + sparse_bytes
+    doc = {
+        "asset": {"version": "2.0"},
+        "buffers": [{"byteLength": len(data)}],
+        "bufferViews": [
+            {"buffer": 0, "byteOffset": 0, "byteLength": 36},
+            {"buffer": 0, "byteOffset": 36, "byteLength": 36},
+            {"buffer": 0, "byteOffset": 72, "byteLength": 24},
+            {"buffer": 0, "byteOffset": 96, "byteLength": 6},
+            {"buffer": 0, "byteOffset": 104, "byteLength": 16},
+        ],
+        "accessors": [
+            {"bufferView": 0, "componentType": 5126, "count": 3, "type": "VEC3"},
+            {"bufferView": 1, "componentType": 5126, "count": 3, "type": "VEC3"},
+            {"bufferView": 2, "componentType": 5126, "count": 3, "type": "VEC2"},
+            {"bufferView": 3, "componentType": 5123, "count": 3, "type": "SCALAR"},
+        ],
+        "materials": [{"name": "skin"}],
+        "meshes": [{"name": "tri", "primitives": [{
+            "attributes": {"POSITION": 0, "NORMAL": 1, "TEXCOORD_0": 2},
+            "indices": 3, "material": 0, "mode": 5 if strip else 4}]}],
+        "nodes": [{"name": "a", "mesh": 0}],
+        "scenes": [{"nodes": [0]}],
+        "scene": 0,
+    }
+    if sparse:
+        doc["accessors"][0]["sparse"] = {
+            "count": 1, "indices": {"bufferView": 4, "componentType": 5123},
+            "values": {"bufferView": 4, "byteOffset": 4}}
+    if extra_nodes:
+        doc["nodes"] = [
+            {"name": "root", "children": [1, 2], "translation": [1, 2, 3]},
+            {"name": "a", "mesh": 0, "scale": [-1, 1, 1]},
+            {"name": "a", "mesh": 0, "rotation": [0, 0, 0.7071, 0.7071],
+             "extras": {"k": [1, {"x": 2}]}},
+        ]
+    return doc, data
+
+
+def gltf_text(doc, data):
+    doc = json.loads(json.dumps(doc))
+    doc["buffers"][0]["uri"] = ("data:application/octet-stream;base64," +
+                                base64.b64encode(data).decode())
+    return json.dumps(doc, separators=(",", ":"))
+
+
+def glb(doc, data):
+    text = json.dumps(doc, separators=(",", ":")).encode()
+    text += b" " * (-len(text) % 4)
+    data += b"\0" * (-len(data) % 4)
+    chunks = struct.pack("<I4s", len(text), b"JSON") + text + struct.pack("<I4s", len(data), b"BIN\0") + data
+    return struct.pack("<4sII", b"glTF", 2, 12 + len(chunks)) + chunks
+
+GLTFS = {
+    "triangle.gltf": gltf_text(*gltf_triangle()),
+    "nodes.gltf": gltf_text(*gltf_triangle(extra_nodes=True)),
+    "strip_sparse.gltf": gltf_text(*gltf_triangle(strip=True, sparse=True)),
+}
+GLBS = {
+    "triangle.glb": glb(*gltf_triangle()),
+    "nodes.glb": glb(*gltf_triangle(extra_nodes=True)),
+    "strip_sparse.glb": glb(*gltf_triangle(strip=True, sparse=True)),
+}
+
+FBX_ASCII = """; FBX 7.4.0 project file
+FBXHeaderExtension:  {
+\tFBXHeaderVersion: 1003
+\tFBXVersion: 7400
+}
+Objects:  {
+\tGeometry: 1000, "Geometry::quad", "Mesh" {
+\t\tVertices: *12 {
+\t\t\ta: 0,0,0,1,0,0,1,1,0,0,1,0
+\t\t}
+\t\tPolygonVertexIndex: *4 {
+\t\t\ta: 0,1,2,-4
+\t\t}
+\t\tGeometryVersion: 124
+\t\tLayerElementNormal: 0 {
+\t\t\tVersion: 101
+\t\t\tMappingInformationType: "ByPolygonVertex"
+\t\t\tReferenceInformationType: "Direct"
+\t\t\tNormals: *12 {
+\t\t\t\ta: 0,0,1,0,0,1,0,0,1,0,0,1
+\t\t\t}
+\t\t}
+\t\tLayerElementUV: 0 {
+\t\t\tVersion: 101
+\t\t\tName: "map1"
+\t\t\tMappingInformationType: "ByPolygonVertex"
+\t\t\tReferenceInformationType: "IndexToDirect"
+\t\t\tUV: *8 {
+\t\t\t\ta: 0,0,1,0,1,1,0,1
+\t\t\t}
+\t\t\tUVIndex: *4 {
+\t\t\t\ta: 0,1,2,3
+\t\t\t}
+\t\t}
+\t\tLayer: 0 {
+\t\t\tVersion: 100
+\t\t\tLayerElement:  {
+\t\t\t\tType: "LayerElementNormal"
+\t\t\t\tTypedIndex: 0
+\t\t\t}
+\t\t\tLayerElement:  {
+\t\t\t\tType: "LayerElementUV"
+\t\t\t\tTypedIndex: 0
+\t\t\t}
+\t\t}
+\t}
+\tModel: 2000, "Model::body", "Mesh" {
+\t\tVersion: 232
+\t\tProperties70:  {
+\t\t\tP: "Lcl Translation", "Lcl Translation", "", "A",1,2,3
+\t\t}
+\t}
+\tMaterial: 3000, "Material::skin", "" {
+\t\tVersion: 102
+\t}
+}
+Connections:  {
+\tC: "OO",2000,0
+\tC: "OO",1000,2000
+\tC: "OO",3000,2000
+}
+"""
+
+
+def fbx_binary(vertices=None):
+    """A binary FBX 7400 file with the same quad, written record by record;
+    `vertices`, when given, is the encoded property of the Vertices record."""
+    def prop(kind, value):
+        if kind == "L":
+            return b"L" + struct.pack("<q", value)
+        if kind == "I":
+            return b"I" + struct.pack("<i", value)
+        if kind == "S":
+            return b"S" + struct.pack("<I", len(value)) + value
+        if kind == "d":
+            return b"d" + struct.pack("<Iii", len(value), 0, 8 * len(value)) + b"".join(
+                struct.pack("<d", v) for v in value)
+        if kind == "i":
+            return b"i" + struct.pack("<Iii", len(value), 0, 4 * len(value)) + b"".join(
+                struct.pack("<i", v) for v in value)
+        raise ValueError(kind)
+
+    def node(offset, name, props, children):
+        body = b"".join(props)
+        head_len = 13 + len(name)
+        nested = b""
+        cursor = offset + head_len + len(body)
+        for child in children:
+            encoded = child(cursor)
+            nested += encoded
+            cursor += len(encoded)
+        if children:
+            nested += b"\0" * 13
+        end = offset + head_len + len(body) + len(nested)
+        return struct.pack("<IIIB", end, len(props), len(body), len(name)) + name + body + nested
+
+    def n(name, props, children=()):
+        return lambda offset: node(offset, name, props, list(children))
+
+    top = [
+        n(b"FBXHeaderExtension", [], [n(b"FBXVersion", [prop("I", 7400)])]),
+        n(b"Objects", [], [
+            n(b"Geometry", [prop("L", 1000), prop("S", b"quad\x00\x01Geometry"), prop("S", b"Mesh")], [
+                n(b"Vertices", [vertices or prop("d", [0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0])]),
+                n(b"PolygonVertexIndex", [prop("i", [0, 1, 2, -4])]),
+                n(b"GeometryVersion", [prop("I", 124)]),
+            ]),
+            n(b"Model", [prop("L", 2000), prop("S", b"body\x00\x01Model"), prop("S", b"Mesh")],
+              [n(b"Version", [prop("I", 232)])]),
+        ]),
+        n(b"Connections", [], [
+            n(b"C", [prop("S", b"OO"), prop("L", 2000), prop("L", 0)]),
+            n(b"C", [prop("S", b"OO"), prop("L", 1000), prop("L", 2000)]),
+        ]),
+    ]
+    out = b"Kaydara FBX Binary  \x00\x1a\x00" + struct.pack("<I", 7400)
+    for record in top:
+        out += record(len(out))
+    out += b"\0" * 13
+    return out + b"\0" * 160
+
+
+def png(width, height, colour, depth, rows, palette=None, trns=None):
+    def chunk(kind, body):
+        return struct.pack(">I", len(body)) + kind + body + struct.pack(">I", zlib.crc32(kind + body))
+    raw = b"".join(b"\0" + row for row in rows)
+    out = b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", struct.pack(">IIBBBBB", width, height, depth, colour, 0, 0, 0))
+    if palette:
+        out += chunk(b"PLTE", palette)
+    if trns:
+        out += chunk(b"tRNS", trns)
+    return out + chunk(b"IDAT", zlib.compress(raw, 9)) + chunk(b"IEND", b"")
+
+PNGS = {
+    "grey8.png": png(2, 2, 0, 8, [b"\x00\x80", b"\xff\x10"]),
+    "grey1.png": png(3, 1, 0, 1, [b"\xa0"]),
+    "rgb16.png": png(1, 2, 2, 16, [b"\x12\x34" * 3, b"\xff\xff" * 3]),
+    "rgba8.png": png(2, 1, 6, 8, [b"\x01\x02\x03\x04\x05\x06\x07\x08"]),
+    "greyalpha8.png": png(1, 1, 4, 8, [b"\x10\x20"]),
+    "palette.png": png(2, 1, 3, 8, [b"\x00\x01"], palette=b"\xff\x00\x00\x00\xff\x00"),
+    "palette_alpha.png": png(2, 1, 3, 4, [b"\x01"], palette=b"\xff\x00\x00\x00\xff\x00",
+                             trns=b"\x80"),
+}
+
+OPTIONS = {
+    "required": "\0".join(["", "--low", "l.obj", "--high", "h.obj", "--size", "512",
+                           "--out-normal", "n.exr"]),
+    "many": "\0".join(["", "--low", "l.kvm", "--high", "h.glb", "--size", "+1024", "--height", "512",
+                       "--out-normal", "n.png", "--aa", "4", "--front", "0.5e-1", "--padding",
+                       "color", "--padding-color", "1,+2.5,3", "--uv-tile", "1002",
+                       "--uv-snap-bits", "off", "--match", "objects", "--backend", "auto",
+                       "--gpu-pipeline", "resident", "--gpu-precision", "fp32",
+                       "--gpu-band-growth", "64", "--raster-material", "m",
+                       "--memory-budget-mb", "100", "--average-normals", "on"]),
+    "settings": "\x01" + "\0".join(["--size", "256", "--dilation", "8", "--threads", "2",
+                                    "--gpu-band-ms", "0.5", "--match", "name"]),
+    "help": "\0".join(["", "--size", "5", "--help", "--nonsense"]),
+}
+
+
+def main():
+    for name, text in OBJS.items():
+        put("obj", name, text)
+    for name, data in KVMS.items():
+        put("kvm", name, data)
+    for name, text in GLTFS.items():
+        put("gltf", name, text)
+    for name, data in GLBS.items():
+        put("glb", name, data)
+    put("fbx", "quad_ascii.fbx", FBX_ASCII)
+    put("fbx", "quad_binary.fbx", fbx_binary())
+    for name, data in PNGS.items():
+        put("png", name, data)
+    for name, data in OPTIONS.items():
+        put("bake_options", name, data)
+    # read_mesh: the first byte picks the file name (0 .obj, 1 .kvm, 2 .gltf,
+    # 3 .GLB, 4 .fbx, 5 none) and the face policies.
+    put("read_mesh", "obj", b"\x00" + OBJS["full.obj"].encode())
+    put("read_mesh", "obj_rejecting", b"\xc0" + OBJS["groups.obj"].encode())
+    put("read_mesh", "kvm_named_obj", b"\x00" + KVMS["tables.kvm"])
+    put("read_mesh", "gltf", b"\x02" + GLTFS["nodes.gltf"].encode())
+    put("read_mesh", "glb_no_extension", b"\x05" + GLBS["triangle.glb"])
+    put("read_mesh", "fbx", b"\x04" + FBX_ASCII.encode())
+    put("read_mesh", "fbx_binary_no_extension", b"\x05" + fbx_binary())
+
+
+if __name__ == "__main__":
+    main()
