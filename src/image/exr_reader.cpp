@@ -559,10 +559,28 @@ void read_chunk(Source& in, const Layout& layout, const std::vector<Channel>& ch
   store_lines(layout, channels, row, buffers.lines, image);
 }
 
+// The texels and one chunk's buffers (packed, unpacked, split) are held at
+// once; a read that needs more than the memory available is refused first.
+void check_read_memory(const std::filesystem::path& path, const Layout& layout) {
+  const TexelImage& image = layout.image;
+  const auto chunk_lines =
+      static_cast<std::uint64_t>(std::min(layout.compression->lines, image.height));
+  const std::uint64_t need = image.expected_bytes() + 3 * chunk_lines * layout.line_bytes;
+  const std::uint64_t available = platform::memory_available_bytes();
+  if (available != 0 && need > available) {
+    const std::uint64_t mib = std::uint64_t{1} << 20;
+    throw OutOfMemory(path.string() + ": EXR: reading " + std::to_string(image.width) + " x " +
+                      std::to_string(image.height) + " texels needs about " +
+                      std::to_string((need + mib - 1) / mib) + " MB; " +
+                      std::to_string(available / mib) + " MB of memory are available");
+  }
+}
+
 TexelImage read_file(const std::filesystem::path& path) {
   Source in(path);
   Header header = read_header(in);
   Layout layout = plan(in, header);
+  check_read_memory(path, layout);
   TexelImage image = std::move(layout.image);
   image.data.resize(image.expected_bytes());
   ChunkBuffers buffers;
