@@ -1,7 +1,8 @@
 // The resident service against the command line, in one run on the same
 // standard scene: a warm service bake (meshes loaded, LowPrep and tracer
 // kept) against the trace-and-resolve phases of the command-line bake; the
-// hello round trip while a bake runs; 10,000 malformed requests.
+// hello round trip while a bake runs; 10,000 malformed requests; a uv2uv
+// transfer on the kept low mesh against the command line's whole transfer.
 //
 //   service_bench [--threads N] [--size S] [--aa A]
 #include <algorithm>
@@ -13,6 +14,7 @@
 
 #include "common/bench_common.h"
 #include "core/json_line.h"
+#include "image/kvt_file.h"
 #include "mesh/kvm_file.h"
 #include "platform/platform.h"
 #include "scene/standard_scene.h"
@@ -56,6 +58,31 @@ Json bake_request(std::int64_t id, int size, int aa, int threads,
                {"--size", std::to_string(size), "--aa", std::to_string(aa), "--threads",
                 std::to_string(threads)}},
               {"outputs", {{"normal", out.string()}}}};
+}
+
+// A 1024 x 1024 RGBA8 texture of varied texels.
+void write_texture(const std::filesystem::path& path) {
+  kv::TexelImage image;
+  image.width = image.height = 1024;
+  image.channels = 4;
+  image.type = kv::ComponentType::kU8;
+  image.data.resize(image.expected_bytes());
+  for (std::size_t i = 0; i < image.data.size(); ++i) {
+    image.data[i] = static_cast<std::uint8_t>((i * 2654435761u) >> 13);
+  }
+  kv::write_kvt(path, image);
+}
+
+std::vector<std::string> transfer_settings(int size, int aa, int threads) {
+  return {"--mode",    "uv2uv",
+          "--size",    std::to_string(size),
+          "--aa",      std::to_string(aa),
+          "--threads", std::to_string(threads)};
+}
+
+bool same_file(const std::filesystem::path& a, const std::filesystem::path& b) {
+  int e = 0;
+  return kv::platform::read_file(a, &e) == kv::platform::read_file(b, &e);
 }
 
 double median(std::vector<double> values) {
@@ -141,13 +168,41 @@ int main(int argc, char** argv) {
   }
   const double malformed_seconds = seconds_since(start);
   writer.join();
+  // A transfer on the kept low mesh, against the command line's whole run
+  // (which reads the mesh itself).
+  write_texture(folder / "texture.kvt");
+  std::vector<std::string> args = {KV_BINARY,      "transfer",
+                                   "--target",     (folder / "low.kvm").string(),
+                                   "--source-uvs", (folder / "low.kvm").string()};
+  for (const std::string& s : transfer_settings(size, aa, threads)) {
+    args.push_back(s);
+  }
+  args.insert(args.end(), {"--texture", (folder / "texture.kvt").string(), "--out",
+                           (folder / "cli.kvt").string()});
+  start = Clock::now();
+  const kv::platform::ProcessResult cli_transfer = kv::platform::run_process(args, "");
+  const double cli_transfer_seconds = seconds_since(start);
+  start = Clock::now();
+  const Json transfer = call(
+      *service,
+      {{"id", 6},
+       {"op", "transfer"},
+       {"target", "low"},
+       {"source", "low"},
+       {"settings", transfer_settings(size, aa, threads)},
+       {"outputs",
+        {"--texture", (folder / "texture.kvt").string(), "--out", (folder / "svc.kvt").string()}}});
+  const double service_transfer_seconds = seconds_since(start);
+  if (cli_transfer.exit_code != 0 || transfer["ok"] != true) {
+    std::fprintf(stderr, "the transfer failed: %s %s", cli_transfer.err.c_str(),
+                 transfer.dump().c_str());
+    return 1;
+  }
+
   call(*service, {{"id", -1}, {"op", "shutdown"}});
   service->wait_exit(kTimeoutMs);
-  const bool same = [&] {
-    int e = 0;
-    return kv::platform::read_file(folder / "cli.exr", &e) ==
-           kv::platform::read_file(folder / "warm.exr", &e);
-  }();
+  const bool same = same_file(folder / "cli.exr", folder / "warm.exr");
+  const bool same_transfer = same_file(folder / "cli.kvt", folder / "svc.kvt");
   std::filesystem::remove_all(folder);
 
   std::printf("standard scene %dx%d aa %d, %d threads\n", size, size, aa, threads);
@@ -159,5 +214,10 @@ int main(int argc, char** argv) {
   std::printf("hello round trip while a bake runs: median %.3f ms (target < 1 ms)\n",
               median(round_trips) * 1000.0);
   std::printf("10,000 malformed requests: %.3f s (target < 2 s)\n", malformed_seconds);
-  return same ? 0 : 1;
+  std::printf(
+      "uv2uv transfer %dx%d: command line (whole process) %.3f s, service request %.3f s, "
+      "ratio %.3f; same file: %s\n",
+      size, size, cli_transfer_seconds, service_transfer_seconds,
+      service_transfer_seconds / cli_transfer_seconds, same_transfer ? "yes" : "NO");
+  return same && same_transfer ? 0 : 1;
 }

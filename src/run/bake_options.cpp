@@ -8,7 +8,7 @@
 
 #include "core/error.h"
 #include "core/parse_number.h"
-#include "core/utf8.h"
+#include "run/option_values.h"
 
 namespace kv::pipeline {
 namespace {
@@ -20,46 +20,6 @@ struct Given {
   bool height = false;
   bool udim = false;
 };
-
-[[noreturn]] void invalid_value(std::string_view option, std::string_view value) {
-  throw UsageError("invalid value for " + std::string(option) + ": '" + std::string(value) + "'");
-}
-
-std::int32_t read_int(std::string_view option, std::string_view value) {
-  const auto parsed = parse_int32(value);
-  if (!parsed) {
-    invalid_value(option, value);
-  }
-  return *parsed;
-}
-
-float read_number(std::string_view option, std::string_view value) {
-  const auto parsed = parse_float32(value);
-  if (!parsed) {
-    invalid_value(option, value);
-  }
-  return *parsed;
-}
-
-bool read_bool(std::string_view option, std::string_view value) {
-  if (value == "1" || value == "true" || value == "on") {
-    return true;
-  }
-  if (value == "0" || value == "false" || value == "off") {
-    return false;
-  }
-  throw UsageError(std::string(option) + " takes 0 or 1, not '" + std::string(value) + "'");
-}
-
-std::filesystem::path read_path(std::string_view value) {
-  if (value.find('\0') != std::string_view::npos) {
-    throw UsageError("a path holds a NUL character");
-  }
-  if (!is_valid_utf8(value)) {
-    throw UsageError("a path is not valid UTF-8");
-  }
-  return std::filesystem::path(std::u8string(value.begin(), value.end()));
-}
 
 // Index of value among words, or throws the option's own message.
 template <std::size_t N>
@@ -86,7 +46,7 @@ void read_padding_color(std::string_view option, std::string_view value,
     }
     const auto parsed = parse_float64(piece);  // skips one leading "+" itself
     if (!parsed) {
-      invalid_value(option, piece);
+      throw_invalid_value(option, piece);
     }
     color[stored++] = *parsed;
     if (comma == std::string_view::npos) {
@@ -105,7 +65,7 @@ const std::unordered_map<std::string_view, OptionReader>& option_table() {
     auto path_option = [&](std::string_view name,
                            std::filesystem::path NormalBakeSettings::*field) {
       t[name] = [field](NormalBakeSettings& s, Given&, std::string_view, std::string_view v) {
-        s.*field = read_path(v);
+        s.*field = read_path_value(v);
       };
     };
     path_option("--low", &NormalBakeSettings::low);
@@ -117,30 +77,30 @@ const std::unordered_map<std::string_view, OptionReader>& option_table() {
     path_option("--preview", &NormalBakeSettings::preview);
 
     t["--size"] = [](NormalBakeSettings& s, Given& g, std::string_view o, std::string_view v) {
-      s.width = read_int(o, v);
+      s.width = read_int_value(o, v);
       g.size = true;
     };
     t["--height"] = [](NormalBakeSettings& s, Given& g, std::string_view o, std::string_view v) {
-      s.height = read_int(o, v);
+      s.height = read_int_value(o, v);
       g.height = true;
     };
     t["--udim"] = [](NormalBakeSettings& s, Given& g, std::string_view o, std::string_view v) {
-      s.udim = read_int(o, v);
+      s.udim = read_int_value(o, v);
       g.udim = true;
     };
     t["--aa"] = [](NormalBakeSettings& s, Given&, std::string_view o, std::string_view v) {
-      s.aa = read_int(o, v);
+      s.aa = read_int_value(o, v);
     };
     t["--front"] = [](NormalBakeSettings& s, Given&, std::string_view o, std::string_view v) {
-      s.front = read_number(o, v);
+      s.front = read_float_value(o, v);
     };
     t["--rear"] = [](NormalBakeSettings& s, Given&, std::string_view o, std::string_view v) {
-      s.rear = read_number(o, v);
+      s.rear = read_float_value(o, v);
     };
 
     auto bool_option = [&](std::string_view name, bool NormalBakeSettings::*field) {
       t[name] = [field](NormalBakeSettings& s, Given&, std::string_view o, std::string_view v) {
-        s.*field = read_bool(o, v);
+        s.*field = read_bool_value(o, v);
       };
     };
     bool_option("--relative-scale", &NormalBakeSettings::relative_scale);
@@ -149,7 +109,7 @@ const std::unordered_map<std::string_view, OptionReader>& option_table() {
     bool_option("--progress", &NormalBakeSettings::progress);
 
     t["--dilation"] = [](NormalBakeSettings& s, Given&, std::string_view o, std::string_view v) {
-      const std::int32_t value = read_int(o, v);
+      const std::int32_t value = read_int_value(o, v);
       if (static_cast<std::uint32_t>(value) > 256u) {
         throw UsageError("--dilation takes 0 to 256");
       }
@@ -189,7 +149,7 @@ const std::unordered_map<std::string_view, OptionReader>& option_table() {
     t["--raster-material"] = [](NormalBakeSettings& s, Given&, std::string_view,
                                 std::string_view v) { s.raster_materials.emplace_back(v); };
     t["--uv-tile"] = [](NormalBakeSettings& s, Given&, std::string_view o, std::string_view v) {
-      const std::int32_t value = read_int(o, v);
+      const std::int32_t value = read_int_value(o, v);
       if (value < 1001 || value > 1999) {
         throw UsageError("--uv-tile takes 1001 to 1999");
       }
@@ -200,7 +160,7 @@ const std::unordered_map<std::string_view, OptionReader>& option_table() {
       s.quads = static_cast<std::uint32_t>(read_word(v, words, "--quads takes split or reject"));
     };
     t["--threads"] = [](NormalBakeSettings& s, Given&, std::string_view o, std::string_view v) {
-      const std::int32_t value = read_int(o, v);
+      const std::int32_t value = read_int_value(o, v);
       if (value < 0) {
         throw UsageError("--threads takes 0 or more");
       }
@@ -224,7 +184,7 @@ const std::unordered_map<std::string_view, OptionReader>& option_table() {
     };
     t["--gpu-band-pause-ms"] = [](NormalBakeSettings& s, Given&, std::string_view o,
                                   std::string_view v) {
-      const float value = read_number(o, v);
+      const float value = read_float_value(o, v);
       if (!(value >= 0.0f && value <= 100.0f)) {
         throw UsageError("--gpu-band-pause-ms takes 0 to 100");
       }
@@ -232,14 +192,14 @@ const std::unordered_map<std::string_view, OptionReader>& option_table() {
     };
     t["--gpu-band-growth"] = [](NormalBakeSettings& s, Given&, std::string_view o,
                                 std::string_view v) {
-      const float value = read_number(o, v);
+      const float value = read_float_value(o, v);
       if (!(value >= 0.0f && value <= 64.0f) || std::floor(value) != value) {
         throw UsageError("--gpu-band-growth takes a whole number 0 to 64");
       }
       s.gpu_band_growth = static_cast<std::int32_t>(value);
     };
     t["--gpu-band-ms"] = [](NormalBakeSettings& s, Given&, std::string_view o, std::string_view v) {
-      const float value = read_number(o, v);
+      const float value = read_float_value(o, v);
       if (!(value >= 0.5f && value <= 1000.0f)) {
         throw UsageError("--gpu-band-ms takes 0.5 to 1000");
       }
@@ -251,7 +211,7 @@ const std::unordered_map<std::string_view, OptionReader>& option_table() {
         s.uv_snap_bits = -1;
         return;
       }
-      const std::int32_t value = read_int(o, v);
+      const std::int32_t value = read_int_value(o, v);
       if (static_cast<std::uint32_t>(value) > 16u) {
         throw UsageError("--uv-snap-bits takes 0 to 16 or off");
       }
@@ -263,7 +223,7 @@ const std::unordered_map<std::string_view, OptionReader>& option_table() {
     };
     t["--memory-budget-mb"] = [](NormalBakeSettings& s, Given&, std::string_view o,
                                  std::string_view v) {
-      const std::int32_t value = read_int(o, v);
+      const std::int32_t value = read_int_value(o, v);
       if (value < 0) {
         throw UsageError("--memory-budget-mb takes 0 (automatic) or more");
       }
@@ -272,7 +232,7 @@ const std::unordered_map<std::string_view, OptionReader>& option_table() {
     };
     t["--preview-size"] = [](NormalBakeSettings& s, Given&, std::string_view o,
                              std::string_view v) {
-      const std::int32_t value = read_int(o, v);
+      const std::int32_t value = read_int_value(o, v);
       if (value < 1 || value > 16384) {
         throw UsageError("--preview-size takes 1 to 16384");
       }

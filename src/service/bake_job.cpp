@@ -5,9 +5,9 @@
 #include "core/error.h"
 #include "run/bake_options.h"
 #include "run/run_bake.h"
+#include "service/job_meshes.h"
 #include "service/job_sink.h"
 #include "service/memory_estimate.h"
-#include "service/mesh_join.h"
 #include "service/protocol_error.h"
 #include "service/request_rules.h"
 #include "service/scene_cache.h"
@@ -68,21 +68,6 @@ void read_outputs(const FieldReader& fields, NormalBakeSettings& settings) {
   }
 }
 
-// Keys a job releases when it ends, however it ends.
-class ReleaseAfter {
- public:
-  ReleaseAfter(std::function<void(const std::vector<std::string>&)> release,
-               std::vector<std::string> keys)
-      : release_(std::move(release)), keys_(std::move(keys)) {}
-  ~ReleaseAfter() { release_(keys_); }
-  ReleaseAfter(const ReleaseAfter&) = delete;
-  ReleaseAfter& operator=(const ReleaseAfter&) = delete;
-
- private:
-  std::function<void(const std::vector<std::string>&)> release_;
-  std::vector<std::string> keys_;
-};
-
 struct SceneKeys {
   std::string prep;
   std::string tracer;
@@ -98,14 +83,6 @@ SceneKeys scene_keys_of(const NormalBakeSettings& settings, const std::string& l
   }
   return {prep_key(settings, low, low_generation, high_text),
           tracer_key(settings, low, low_generation, high_text)};
-}
-
-StoredMesh stored_mesh(const MeshStore& store, const Job& job, const std::string& key) {
-  std::optional<StoredMesh> stored = store.find(key);
-  if (!stored) {
-    throw ProtocolError(job.id, job.op + ": no mesh is loaded under the key \"" + key + "\"");
-  }
-  return *stored;
 }
 
 }  // namespace
@@ -128,46 +105,23 @@ void Service::bake(const Request& request, const FieldReader& fields) {
     const ReleaseAfter release([this](const std::vector<std::string>& keys) { release_keys(keys); },
                                release_after);
     const Clock::time_point start = Clock::now();
-    if (job.cancel.load()) {
-      throw Cancelled(job.op + ": cancelled");
-    }
-    // The meshes are looked up when the job starts, after any load into
-    // their keys, so a bake may follow its loads without waiting for their
-    // replies.
-    std::vector<std::string> keys = high;
-    keys.push_back(low);
-    meshes_.wait_for_loads(keys, job.cancel);
-    if (job.cancel.load()) {
-      throw Cancelled(job.op + ": cancelled");
-    }
-    const StoredMesh low_mesh = stored_mesh(meshes_, job, low);
-    std::vector<std::pair<std::string, std::uint64_t>> used = {{low, low_mesh.generation}};
-    std::vector<StoredMesh> highs;
-    std::vector<const Mesh*> high_meshes;
-    for (const std::string& key : high) {
-      highs.push_back(stored_mesh(meshes_, job, key));
-      used.emplace_back(key, highs.back().generation);
-      high_meshes.push_back(highs.back().mesh.get());
-    }
+    JobMeshes found = find_job_meshes(meshes_, job, low, high);
+    const StoredMesh& low_mesh = found.first;
+    const std::vector<const Mesh*> high_meshes = found.other_meshes();
     check_budget(job, settings, *low_mesh.mesh, high_meshes);
     NormalBakeScene scene;
-    const SceneKeys scene_keys = scene_keys_of(settings, low, low_mesh.generation, used);
+    const SceneKeys scene_keys = scene_keys_of(settings, low, low_mesh.generation, found.used);
     scene.prep = scenes_.find_prep(scene_keys.prep);
     std::shared_ptr<const Mesh> high_mesh;
     if (std::optional<KeptTracer> kept = scenes_.find_tracer(scene_keys.tracer)) {
       scene.tracer = kept->tracer;
       high_mesh = kept->high;
-    } else if (highs.size() == 1) {
-      high_mesh = highs.front().mesh;
     } else {
       // Several high keys bake as one mesh, a joined copy kept with its
       // tracer.
-      high_mesh = std::make_shared<const Mesh>(join_meshes(high_meshes));
+      high_mesh = joined_others(found);
     }
-    std::uint64_t high_quads = 0;
-    for (const StoredMesh& h : highs) {
-      high_quads += h.stats.quads_split;
-    }
+    const std::uint64_t high_quads = found.other_quads_split();
     std::vector<std::string> all_keys = high;
     all_keys.push_back(low);
     // What the bake built is kept however it ends: a cancelled bake's scene
@@ -180,7 +134,7 @@ void Service::bake(const Request& request, const FieldReader& fields) {
         scenes_.keep_tracer(scene_keys.tracer, {scene.tracer, high_mesh}, all_keys);
       }
     };
-    JobSink sink(job, output_, meshes_, std::move(used));
+    JobSink sink(job, output_, meshes_, std::move(found.used));
     const run::BakeMeshes meshes{*low_mesh.mesh, *high_mesh, low_mesh.stats.quads_split,
                                  high_quads};
     Json reply = Json::object();
@@ -230,26 +184,14 @@ void Service::prepare_scene(const Request& request, const FieldReader& fields) {
   refuse_running_id(request);
   output_.write_line(success_reply(request.id, Json{{"queued", true}}));
   queue(request, JobLane::bake, [=, this](Job& job) {
+    const JobMeshes found = find_job_meshes(meshes_, job, low, high);
+    const StoredMesh& low_mesh = found.first;
     std::vector<std::string> keys = high;
     keys.push_back(low);
-    meshes_.wait_for_loads(keys, job.cancel);
-    if (job.cancel.load()) {
-      throw Cancelled(job.op + ": cancelled");
-    }
-    const StoredMesh low_mesh = stored_mesh(meshes_, job, low);
-    std::vector<std::pair<std::string, std::uint64_t>> used = {{low, low_mesh.generation}};
-    std::vector<StoredMesh> highs;
-    std::vector<const Mesh*> high_meshes;
-    for (const std::string& key : high) {
-      highs.push_back(stored_mesh(meshes_, job, key));
-      used.emplace_back(key, highs.back().generation);
-      high_meshes.push_back(highs.back().mesh.get());
-    }
-    const SceneKeys scene_keys = scene_keys_of(settings, low, low_mesh.generation, used);
+    const SceneKeys scene_keys = scene_keys_of(settings, low, low_mesh.generation, found.used);
     KeptTracer kept = scenes_.find_tracer(scene_keys.tracer).value_or(KeptTracer{});
     if (!kept.high) {
-      kept.high = highs.size() == 1 ? highs.front().mesh
-                                    : std::make_shared<const Mesh>(join_meshes(high_meshes));
+      kept.high = joined_others(found);
     }
     NormalBakeScene scene;
     scene.tracer = kept.tracer;

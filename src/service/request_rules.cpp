@@ -1,6 +1,9 @@
 #include "service/request_rules.h"
 
+#include <algorithm>
 #include <set>
+
+#include "service/memory_estimate.h"
 
 namespace kv::service {
 namespace {
@@ -137,15 +140,14 @@ bool read_backend_is_gpu(const FieldReader& fields) {
 }
 
 std::vector<std::string> read_maps(const FieldReader& fields) {
-  static const std::set<std::string> known = {
-      "normal", "opacity",      "ao", "thickness", "curvature",
-      "height", "world_normal", "id", "position",  "bent_normals"};
+  // The names are those the estimate knows, so an accepted map is priced.
+  const std::vector<std::string>& known = estimate_map_names();
   std::vector<std::string> maps = fields.strings(fields.at("maps"), "maps");
   if (maps.empty()) {
     fields.fail("maps", "needs at least one map");
   }
   for (const std::string& map : maps) {
-    if (known.count(map) == 0) {
+    if (std::find(known.begin(), known.end(), map) == known.end()) {
       fields.fail("maps", "unknown map \"" + map + "\"");
     }
   }

@@ -6,8 +6,8 @@
 
 #include "core/error.h"
 #include "core/parse_number.h"
-#include "core/utf8.h"
 #include "mesh/mesh_cache.h"
+#include "run/option_values.h"
 
 namespace kv::service {
 namespace {
@@ -20,19 +20,9 @@ constexpr std::uint32_t kMaxMiB = 1073741824;
 std::uint32_t read_count(std::string_view option, std::string_view value, std::uint64_t max) {
   const auto parsed = parse_uint64(value);
   if (!parsed || *parsed > max) {
-    throw UsageError("invalid value for " + std::string(option) + ": '" + std::string(value) + "'");
+    pipeline::throw_invalid_value(option, value);
   }
   return static_cast<std::uint32_t>(*parsed);
-}
-
-std::filesystem::path read_dir(std::string_view value) {
-  if (value.find('\0') != std::string_view::npos) {
-    throw UsageError("a path holds a NUL character");
-  }
-  if (!is_valid_utf8(value)) {
-    throw UsageError("a path is not valid UTF-8");
-  }
-  return std::filesystem::path(std::u8string(value.begin(), value.end()));
 }
 
 void check_minimums(const ServeOptions& o, bool threads, bool load_threads, bool cache_max) {
@@ -72,7 +62,7 @@ ServeOptions parse_serve_options(const std::vector<std::string>& args) {
     if (option == "--parent-pid") {
       o.parent_pid = read_count(option, value, std::numeric_limits<std::uint32_t>::max());
       if (o.parent_pid == 0) {
-        throw UsageError("invalid value for --parent-pid: '" + value + "'");
+        pipeline::throw_invalid_value("--parent-pid", value);
       }
       pid_given = true;
     } else if (option == "--threads") {
@@ -82,7 +72,7 @@ ServeOptions parse_serve_options(const std::vector<std::string>& args) {
       o.load_threads = read_count(option, value, 4096);
       load_threads = true;
     } else if (option == "--cache-dir") {
-      o.cache_dir = read_dir(value);
+      o.cache_dir = pipeline::read_path_value(value);
     } else if (option == "--cache-max-mb") {
       o.cache_max_mb = read_count(option, value, kMaxMiB);
       cache_max = true;

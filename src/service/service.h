@@ -68,6 +68,9 @@ class Service {
   void check_budget(const Job& job, const NormalBakeSettings& settings, const Mesh& low,
                     const std::vector<const Mesh*>& highs) const;
 
+  // Texture transfers (transfer_job.cpp).
+  void transfer(const Request& request, const FieldReader& fields);
+
   // The refusal of work that needs more than the budget (memory_request.cpp).
   std::string out_of_memory_message(const std::string& op, std::uint64_t need_bytes) const;
   Json out_of_memory_fields(std::uint64_t need_bytes) const;

@@ -24,43 +24,84 @@ Mesh load_mesh(const std::filesystem::path& path, int threads) {
 }
 
 ModeRun run_mode(const TransferSettings& settings, const Mesh& target, const Mesh& source,
-                 std::vector<OutputBuffer>& buffers, const WorkerPool& pool) {
+                 std::vector<OutputBuffer>& buffers, const WorkerPool& pool,
+                 const BandDone& band_done) {
   if (settings.mode == TransferMode::uv2uv) {
-    return run_uv2uv(target, source, settings, buffers, pool);
+    return run_uv2uv(target, source, settings, buffers, pool, band_done);
   }
   std::unique_ptr<HitDump> dump;
   if (!settings.dump_hits.empty()) {
     dump =
         std::make_unique<HitDump>(settings.dump_hits, settings.width, settings.height, settings.aa);
   }
-  ModeRun run = run_m2m(target, source, settings, buffers, pool, dump.get());
+  ModeRun run = run_m2m(target, source, settings, buffers, pool, dump.get(), band_done);
   if (dump) {
     dump->finish();
   }
   return run;
 }
 
+void send_phase(run::ProgressSink* sink, std::string_view phase) {
+  if (sink != nullptr) {
+    sink->event(run::phase_event(phase));
+  }
+}
+
+// Region events of the finished bands, counted over the whole image.
+BandDone region_events(run::ProgressSink* sink, const TransferSettings& settings,
+                       std::uint64_t& done) {
+  if (sink == nullptr) {
+    return {};
+  }
+  const std::uint64_t total =
+      static_cast<std::uint64_t>(settings.width) * static_cast<std::uint64_t>(settings.height);
+  return [sink, total, &done](const TexelRegion& region) {
+    done += static_cast<std::uint64_t>(region.w) * static_cast<std::uint64_t>(region.h);
+    Json event = run::make_event("region");
+    event["x"] = region.x;
+    event["y"] = region.y;
+    event["w"] = region.w;
+    event["h"] = region.h;
+    event["done"] = done;
+    event["total"] = total;
+    sink->event(event);
+  };
+}
+
 }  // namespace
 
 Json run_transfer(const TransferSettings& settings) {
-  const Clock::time_point start = Clock::now();
+  TransferStart begin;
+  begin.start = Clock::now();
   check_transfer_settings(settings);
-  TransferResult result;
-  result.gpu_unavailable = choose_backend(settings);
-
-  Clock::time_point step = Clock::now();
+  begin.gpu_unavailable = choose_backend(settings);
+  const Clock::time_point step = Clock::now();
   const Mesh target = load_mesh(settings.target, settings.threads);
   const Mesh source = load_mesh(
       settings.mode == TransferMode::uv2uv ? settings.source_uvs : settings.high, settings.threads);
+  begin.load_seconds = seconds_since(step);
+  return transfer_loaded_meshes(settings, target, source, begin, nullptr);
+}
+
+Json transfer_loaded_meshes(const TransferSettings& settings, const Mesh& target,
+                            const Mesh& source, const TransferStart& begin,
+                            run::ProgressSink* sink) {
+  TransferResult result;
+  result.gpu_unavailable = begin.gpu_unavailable;
+  Clock::time_point step = Clock::now();
   check_source_mesh(settings.mode, target, source);
+  send_phase(sink, "load");
   PreparedOutputs prepared = prepare_outputs(settings, source);
-  result.seconds.load = seconds_since(step);
+  result.seconds.load = begin.load_seconds + seconds_since(step);
   result.target_triangles = target.triangles.size();
   result.source_triangles = source.triangles.size();
 
   const WorkerPool pool(settings.threads);
+  send_phase(sink, "transfer");
+  std::uint64_t done = 0;
   try {
-    result.run = run_mode(settings, target, source, prepared.buffers, pool);
+    result.run = run_mode(settings, target, source, prepared.buffers, pool,
+                          region_events(sink, settings, done));
   } catch (const std::bad_alloc&) {
     throw OutOfMemory("transfer: out of memory while transferring");
   }
@@ -68,17 +109,19 @@ Json run_transfer(const TransferSettings& settings) {
   result.seconds.bvh = result.run.bvh_seconds;
   result.seconds.transfer = result.run.transfer_seconds;
 
+  send_phase(sink, "padding");
   step = Clock::now();
   result.padded = pad_outputs(settings, prepared.buffers, pool);
   result.seconds.padding = seconds_since(step);
 
+  send_phase(sink, "write");
   step = Clock::now();
   write_outputs(settings, prepared.buffers);
   result.seconds.write = seconds_since(step);
   for (const OutputBuffer& buffer : prepared.buffers) {
     result.outputs.push_back(&buffer.image);
   }
-  result.seconds.total = seconds_since(start);
+  result.seconds.total = seconds_since(begin.start);
   return transfer_summary_json(settings, result);
 }
 

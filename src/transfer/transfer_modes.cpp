@@ -111,7 +111,8 @@ std::vector<std::int64_t> raster_object_skips(const Mesh& target,
 }
 
 ModeRun run_uv2uv(const Mesh& target, const Mesh& source_uvs, const TransferSettings& settings,
-                  std::vector<OutputBuffer>& outputs, const WorkerPool& pool) {
+                  std::vector<OutputBuffer>& outputs, const WorkerPool& pool,
+                  const BandDone& band_done) {
   ModeRun run;
   Clock::time_point start = Clock::now();
   const LowPrep prep = LowPrep::build(target, {}, prep_settings(settings, false),
@@ -121,14 +122,15 @@ ModeRun run_uv2uv(const Mesh& target, const Mesh& source_uvs, const TransferSett
 
   start = Clock::now();
   TransferEvaluator evaluator(source_uvs, outputs, sampler_of(settings), false, nullptr);
-  run_band_loop(prep, loop_settings(settings), evaluator, pool);
+  run_band_loop(prep, loop_settings(settings), evaluator, pool, band_done);
   run.counts = evaluator.counts();
   run.transfer_seconds = seconds_since(start);
   return run;
 }
 
 ModeRun run_m2m(const Mesh& target, const Mesh& high, const TransferSettings& settings,
-                std::vector<OutputBuffer>& outputs, const WorkerPool& pool, HitDump* dump) {
+                std::vector<OutputBuffer>& outputs, const WorkerPool& pool, HitDump* dump,
+                const BandDone& band_done) {
   if (high.triangles.empty()) {
     throw Error("transfer: the high mesh has no triangles");
   }
@@ -157,7 +159,7 @@ ModeRun run_m2m(const Mesh& target, const Mesh& high, const TransferSettings& se
   loop.distances = ray_distances(high, settings.front, settings.rear, settings.relative_scale);
   loop.ignore_backface = settings.ignore_backface;
   TransferEvaluator evaluator(high, outputs, sampler_of(settings), true, dump);
-  run_band_loop(prep, *tracer, loop, evaluator, pool);
+  run_band_loop(prep, *tracer, loop, evaluator, pool, band_done);
   run.counts = evaluator.counts();
   run.transfer_seconds = seconds_since(start);
   return run;

@@ -11,6 +11,7 @@
 
 #include "core/parallel.h"
 #include "mesh/mesh.h"
+#include "sampling/band_loop.h"
 #include "texel/low_prep.h"
 #include "transfer/transfer_evaluator.h"
 #include "transfer/transfer_settings.h"
@@ -44,11 +45,14 @@ std::vector<std::int64_t> raster_object_skips(const Mesh& target,
 void check_source_mesh(TransferMode mode, const Mesh& target, const Mesh& source);
 
 // The source UV mesh must have passed check_same_surface.
+// `band_done` runs after every band and may throw Cancelled to end the run.
 ModeRun run_uv2uv(const Mesh& target, const Mesh& source_uvs, const TransferSettings& settings,
-                  std::vector<OutputBuffer>& outputs, const WorkerPool& pool);
+                  std::vector<OutputBuffer>& outputs, const WorkerPool& pool,
+                  const BandDone& band_done = {});
 
 // dump: the hit dump, or null.
 ModeRun run_m2m(const Mesh& target, const Mesh& high, const TransferSettings& settings,
-                std::vector<OutputBuffer>& outputs, const WorkerPool& pool, HitDump* dump);
+                std::vector<OutputBuffer>& outputs, const WorkerPool& pool, HitDump* dump,
+                const BandDone& band_done = {});
 
 }  // namespace kv::transfer

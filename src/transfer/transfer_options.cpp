@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <functional>
@@ -6,63 +7,24 @@
 
 #include "core/error.h"
 #include "core/parse_number.h"
-#include "core/utf8.h"
+#include "run/option_values.h"
 #include "transfer/texture_io.h"
 #include "transfer/transfer_settings.h"
 
 namespace kv::transfer {
 namespace {
 
+using pipeline::checked_path_text;
+using pipeline::read_bool_value;
+using pipeline::read_float_value;
+using pipeline::read_int_value;
+using pipeline::read_path_value;
+using pipeline::throw_invalid_value;
 using pipeline::UsageError;
-
-[[noreturn]] void invalid_value(std::string_view option, std::string_view value) {
-  throw UsageError("invalid value for " + std::string(option) + ": '" + std::string(value) + "'");
-}
-
-std::int32_t read_int(std::string_view option, std::string_view value) {
-  const auto parsed = parse_int32(value);
-  if (!parsed) {
-    invalid_value(option, value);
-  }
-  return *parsed;
-}
-
-float read_float(std::string_view option, std::string_view value) {
-  const auto parsed = parse_float32(value);
-  if (!parsed) {
-    invalid_value(option, value);
-  }
-  return *parsed;
-}
-
-bool read_bool(std::string_view option, std::string_view value) {
-  if (value == "1" || value == "true" || value == "on") {
-    return true;
-  }
-  if (value == "0" || value == "false" || value == "off") {
-    return false;
-  }
-  throw UsageError(std::string(option) + " takes 0 or 1, not '" + std::string(value) + "'");
-}
-
-std::string checked_text_path(std::string_view value) {
-  if (value.find('\0') != std::string_view::npos) {
-    throw UsageError("a path holds a NUL character");
-  }
-  if (!is_valid_utf8(value)) {
-    throw UsageError("a path is not valid UTF-8");
-  }
-  return std::string(value);
-}
-
-std::filesystem::path read_path(std::string_view value) {
-  const std::string text = checked_text_path(value);
-  return std::filesystem::path(std::u8string(text.begin(), text.end()));
-}
 
 // A texture or output place: a path, or a well-formed shared-memory form.
 std::string read_place(std::string_view value) {
-  std::string text = checked_text_path(value);
+  std::string text = checked_path_text(value);
   parse_shm_form(text);  // throws on a malformed form
   return text;
 }
@@ -90,7 +52,7 @@ std::vector<double> read_values(std::string_view option, std::string_view value)
     }
     const auto parsed = parse_float64(piece);
     if (!parsed) {
-      invalid_value(option, piece);
+      throw_invalid_value(option, piece);
     }
     values.push_back(*parsed);
     if (comma == std::string_view::npos) {
@@ -144,7 +106,7 @@ SourceTile read_source_tile(std::string_view value) {
     throw UsageError("--source-tile takes tile=path, not '" + std::string(value) + "'");
   }
   SourceTile tile;
-  tile.tile = read_int("--source-tile", value.substr(0, equals));
+  tile.tile = read_int_value("--source-tile", value.substr(0, equals));
   tile.where = read_place(value.substr(equals + 1));
   return tile;
 }
@@ -184,7 +146,7 @@ void add_output_options(std::unordered_map<std::string_view, Reader>& t) {
     last_output(p, o).mask = read_place(v);
   };
   t["--out-srgb"] = [](ParseState& p, std::string_view o, std::string_view v) {
-    last_output(p, o).srgb = read_bool(o, v);
+    last_output(p, o).srgb = read_bool_value(o, v);
   };
   t["--out-padding-color"] = [](ParseState& p, std::string_view o, std::string_view v) {
     last_output(p, o).padding_color = read_values(o, v);
@@ -198,27 +160,27 @@ void add_mesh_options(std::unordered_map<std::string_view, Reader>& t) {
     p.mode_given = true;
   };
   t["--target"] = [](ParseState& p, std::string_view, std::string_view v) {
-    p.settings.target = read_path(v);
+    p.settings.target = read_path_value(v);
   };
   t["--source-uvs"] = [](ParseState& p, std::string_view, std::string_view v) {
-    p.settings.source_uvs = read_path(v);
+    p.settings.source_uvs = read_path_value(v);
   };
   t["--high"] = [](ParseState& p, std::string_view, std::string_view v) {
-    p.settings.high = read_path(v);
+    p.settings.high = read_path_value(v);
   };
   t["--size"] = [](ParseState& p, std::string_view o, std::string_view v) {
-    p.settings.width = read_int(o, v);
+    p.settings.width = read_int_value(o, v);
     p.size_given = true;
   };
   t["--height"] = [](ParseState& p, std::string_view o, std::string_view v) {
-    p.settings.height = read_int(o, v);
+    p.settings.height = read_int_value(o, v);
     p.height_given = true;
   };
   t["--dump-hits"] = [](ParseState& p, std::string_view, std::string_view v) {
-    p.settings.dump_hits = read_path(v);
+    p.settings.dump_hits = read_path_value(v);
   };
   t["--report"] = [](ParseState& p, std::string_view, std::string_view v) {
-    p.settings.report = read_path(v);
+    p.settings.report = read_path_value(v);
   };
   t["--raster-material"] = [](ParseState& p, std::string_view, std::string_view v) {
     p.settings.raster_materials.emplace_back(v);
@@ -236,7 +198,7 @@ void add_mesh_options(std::unordered_map<std::string_view, Reader>& t) {
 
 void add_sampling_options(std::unordered_map<std::string_view, Reader>& t) {
   t["--aa"] = [](ParseState& p, std::string_view o, std::string_view v) {
-    p.settings.aa = read_int(o, v);
+    p.settings.aa = read_int_value(o, v);
   };
   t["--filter"] = [](ParseState& p, std::string_view, std::string_view v) {
     static constexpr std::array<std::string_view, 2> words = {"nearest", "bilinear"};
@@ -254,13 +216,13 @@ void add_sampling_options(std::unordered_map<std::string_view, Reader>& t) {
         static_cast<BilinearWeights>(read_word(v, words, "--weights takes gpu8 or exact"));
   };
   t["--snap"] = [](ParseState& p, std::string_view o, std::string_view v) {
-    p.settings.snap_bits = v == "off" ? -1 : read_int(o, v);
+    p.settings.snap_bits = v == "off" ? -1 : read_int_value(o, v);
   };
   t["--udim"] = [](ParseState& p, std::string_view o, std::string_view v) {
-    p.settings.udim = read_int(o, v);
+    p.settings.udim = read_int_value(o, v);
   };
   t["--threads"] = [](ParseState& p, std::string_view o, std::string_view v) {
-    const std::int32_t value = read_int(o, v);
+    const std::int32_t value = read_int_value(o, v);
     if (value < 0) {
       throw UsageError("--threads takes 0 or more");
     }
@@ -275,7 +237,7 @@ void add_sampling_options(std::unordered_map<std::string_view, Reader>& t) {
 
 void add_padding_and_ray_options(std::unordered_map<std::string_view, Reader>& t) {
   t["--dilation"] = [](ParseState& p, std::string_view o, std::string_view v) {
-    const std::int32_t value = read_int(o, v);
+    const std::int32_t value = read_int_value(o, v);
     if (static_cast<std::uint32_t>(value) > 256u) {
       throw UsageError("--dilation takes 0 to 256");
     }
@@ -291,19 +253,19 @@ void add_padding_and_ray_options(std::unordered_map<std::string_view, Reader>& t
     p.settings.padding_color = read_values(o, v);
   };
   t["--front"] = [](ParseState& p, std::string_view o, std::string_view v) {
-    p.settings.front = read_float(o, v);
+    p.settings.front = read_float_value(o, v);
   };
   t["--rear"] = [](ParseState& p, std::string_view o, std::string_view v) {
-    p.settings.rear = read_float(o, v);
+    p.settings.rear = read_float_value(o, v);
   };
   t["--relative-scale"] = [](ParseState& p, std::string_view o, std::string_view v) {
-    p.settings.relative_scale = read_bool(o, v);
+    p.settings.relative_scale = read_bool_value(o, v);
   };
   t["--average-normals"] = [](ParseState& p, std::string_view o, std::string_view v) {
-    p.settings.average_normals = read_bool(o, v);
+    p.settings.average_normals = read_bool_value(o, v);
   };
   t["--ignore-backface"] = [](ParseState& p, std::string_view o, std::string_view v) {
-    p.settings.ignore_backface = read_bool(o, v);
+    p.settings.ignore_backface = read_bool_value(o, v);
   };
   t["--match"] = [](ParseState& p, std::string_view, std::string_view v) {
     static constexpr std::array<std::string_view, 3> words = {"always", "name", "objects"};
@@ -357,15 +319,32 @@ void apply_final_rules(ParseState& p) {
   }
 }
 
-}  // namespace
+// Options that name the meshes or files of the command line itself; the
+// service gives those as fields of its own.
+bool is_command_line_only(std::string_view option) {
+  static constexpr std::array<std::string_view, 6> options = {"--target", "--source-uvs", "--high",
+                                                              "--report", "--help",       "-h"};
+  return std::find(options.begin(), options.end(), option) != options.end();
+}
 
-TransferSettings parse_transfer_options(const std::vector<std::string>& args) {
-  ParseState p;
-  for (std::size_t i = 2; i < args.size(); i += 2) {
-    const std::string& option = args[i];
+// The options of a texture and output group.
+bool is_output_option(std::string_view option) {
+  static constexpr std::array<std::string_view, 9> options = {
+      "--texture", "--bind",     "--bind-object", "--bind-material",    "--source-tile",
+      "--out",     "--out-mask", "--out-srgb",    "--out-padding-color"};
+  return std::find(options.begin(), options.end(), option) != options.end();
+}
+
+// Reads option and value pairs from `start` on; `allow` throws for an option
+// the list may not hold. True when --help ended the list.
+bool read_options(ParseState& p, const std::vector<std::string>& list, std::size_t start,
+                  const std::function<void(std::string_view)>& allow) {
+  for (std::size_t i = start; i < list.size(); i += 2) {
+    const std::string& option = list[i];
+    allow(option);
     if (option == "--help" || option == "-h") {
       p.settings.help = true;
-      return p.settings;
+      return true;
     }
     if (option.size() < 2 || option.compare(0, 2, "--") != 0) {
       throw UsageError("unexpected argument '" + option + "'");
@@ -375,12 +354,63 @@ TransferSettings parse_transfer_options(const std::vector<std::string>& args) {
     if (found == table.end()) {
       throw UsageError("unknown option " + option);
     }
-    if (i + 1 >= args.size()) {
+    if (i + 1 >= list.size()) {
       throw UsageError("missing value for " + option);
     }
-    found->second(p, option, args[i + 1]);
+    found->second(p, option, list[i + 1]);
+  }
+  return false;
+}
+
+}  // namespace
+
+TransferSettings parse_transfer_options(const std::vector<std::string>& args) {
+  ParseState p;
+  if (read_options(p, args, 2, [](std::string_view) {})) {
+    return p.settings;
   }
   apply_final_rules(p);
+  return p.settings;
+}
+
+TransferSettings parse_transfer_settings(const std::vector<std::string>& settings,
+                                         const std::vector<std::string>& outputs,
+                                         bool* outputs_failed) {
+  ParseState p;
+  *outputs_failed = false;
+  read_options(p, settings, 0, [](std::string_view option) {
+    if (is_command_line_only(option)) {
+      throw UsageError(std::string(option) + " is not a setting");
+    }
+    if (is_output_option(option)) {
+      throw UsageError(std::string(option) + " belongs in outputs");
+    }
+  });
+  if (!p.mode_given || !p.size_given) {
+    throw UsageError("settings need --mode and --size");
+  }
+  if (!p.settings.dump_hits.empty() && p.settings.mode != TransferMode::m2m) {
+    throw UsageError("--dump-hits is for --mode m2m");
+  }
+  *outputs_failed = true;
+  read_options(p, outputs, 0, [](std::string_view option) {
+    if (is_command_line_only(option)) {
+      throw UsageError(std::string(option) + " is not a setting");
+    }
+    if (!is_output_option(option)) {
+      throw UsageError(std::string(option) + " belongs in settings");
+    }
+  });
+  if (!p.pending.empty()) {
+    throw UsageError("every --texture needs an --out after it");
+  }
+  if (p.settings.outputs.empty()) {
+    throw UsageError("outputs need at least one --texture and --out");
+  }
+  *outputs_failed = false;
+  if (!p.height_given) {
+    p.settings.height = p.settings.width;
+  }
   return p.settings;
 }
 

@@ -82,6 +82,14 @@ struct TransferSettings {
 // lines throw pipeline::UsageError; value ranges are checked later.
 TransferSettings parse_transfer_options(const std::vector<std::string>& args);
 
+// The settings of a transfer whose meshes come from elsewhere (the
+// service's mesh keys): `settings` holds the options but the meshes, the
+// report and the texture and output groups, which `outputs` holds alone.
+// Throws pipeline::UsageError; `outputs_failed` tells which list it was.
+TransferSettings parse_transfer_settings(const std::vector<std::string>& settings,
+                                         const std::vector<std::string>& outputs,
+                                         bool* outputs_failed);
+
 // The settings checks, in order, each a kv::Error "transfer: ...".
 void check_transfer_settings(const TransferSettings& settings);
 

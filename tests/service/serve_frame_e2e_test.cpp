@@ -173,7 +173,6 @@ TEST(ServeFrame, OpsThatAnswerAtOnce) {
 
   // Each with its required fields, so that only the op itself is refused.
   const std::vector<std::pair<std::string, std::vector<std::string>>> later = {
-      {"transfer", {"target", "source", "settings", "outputs"}},
       {"meshmaps", {"low", "high", "settings", "outputs"}},
       {"mesh.preview", {"key", "preview"}},
       {"mesh.lod", {"key", "target_tris", "max_error"}},

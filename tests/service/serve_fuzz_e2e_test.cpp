@@ -23,6 +23,7 @@ const std::vector<std::string> kTemplates = {
     R"({"id":8,"op":"mesh.load_shm","key":"k","section":"s","size":0,"objects":[]})",
     R"({"id":9,"op":"bake","low":"l","high":["h",""],"settings":["--size"],"outputs":{}})",
     R"({"id":10,"op":"rays.hit","key":"k","count":1,"t_max":1})",
+    R"({"id":11,"op":"transfer","target":"t","source":["s",""],"settings":["--size"],"outputs":[]})",
 };
 
 std::string random_value(std::mt19937& rng) {

@@ -166,5 +166,60 @@ TEST(TransferOptions, SharedMemoryPlacesAndPngPlaces) {
   EXPECT_FALSE(is_png_place("png"));
 }
 
+// The service's lists: settings and output groups apart, read into the
+// same settings as the command line that holds them both.
+TEST(TransferOptions, SettingsAndOutputListsReadAsTheCommandLine) {
+  const std::vector<std::string> settings = {"--mode",     "m2m", "--size",  "64",
+                                             "--height",   "32",  "--aa",    "4",
+                                             "--dilation", "3",   "--match", "name"};
+  const std::vector<std::string> outputs = {"--texture", "a.kvt", "--bind",     "x,y",
+                                            "--out",     "o.kvt", "--out-srgb", "true",
+                                            "--texture", "b.png", "--out",      "p.png"};
+  bool outputs_failed = true;
+  const TransferSettings s = parse_transfer_settings(settings, outputs, &outputs_failed);
+  EXPECT_FALSE(outputs_failed);
+  std::vector<std::string> args = {"korvane", "transfer", "--target", "t.obj", "--high", "h.obj"};
+  args.insert(args.end(), settings.begin(), settings.end());
+  args.insert(args.end(), outputs.begin(), outputs.end());
+  const TransferSettings c = parse_transfer_options(args);
+  EXPECT_EQ(s.width, c.width);
+  EXPECT_EQ(s.height, 32);
+  EXPECT_EQ(s.aa, c.aa);
+  EXPECT_EQ(s.dilation, 3);
+  EXPECT_EQ(s.match, MatchMode::name);
+  ASSERT_EQ(s.outputs.size(), 2u);
+  EXPECT_EQ(s.outputs[0].where, "o.kvt");
+  EXPECT_EQ(s.outputs[0].textures[0].bind_objects, (std::vector<std::string>{"x", "y"}));
+  EXPECT_TRUE(s.outputs[0].srgb);
+  EXPECT_EQ(s.outputs[1].textures[0].where, "b.png");
+  EXPECT_EQ(
+      parse_transfer_settings({"--mode", "uv2uv", "--size", "8"}, outputs, &outputs_failed).height,
+      8);
+
+  const auto error = [](const std::vector<std::string>& set, const std::vector<std::string>& out,
+                        bool in_outputs) {
+    bool failed = !in_outputs;
+    const std::string text =
+        message_of<pipeline::UsageError>([&] { parse_transfer_settings(set, out, &failed); });
+    EXPECT_EQ(failed, in_outputs) << text;
+    return text;
+  };
+  EXPECT_EQ(error({"--mode", "m2m", "--size", "8", "--high", "h.obj"}, outputs, false),
+            "--high is not a setting");
+  EXPECT_EQ(error({"--mode", "m2m", "--size", "8", "--out", "o.kvt"}, outputs, false),
+            "--out belongs in outputs");
+  EXPECT_EQ(error({"--mode", "m2m"}, outputs, false), "settings need --mode and --size");
+  EXPECT_EQ(error({"--mode", "uv2uv", "--size", "8", "--dump-hits", "h.bin"}, outputs, false),
+            "--dump-hits is for --mode m2m");
+  EXPECT_EQ(error({"--mode", "m2m", "--size", "8"}, {"--help", "x"}, true),
+            "--help is not a setting");
+  EXPECT_EQ(error({"--mode", "m2m", "--size", "8"}, {"--texture", "a.kvt", "--size", "9"}, true),
+            "--size belongs in settings");
+  EXPECT_EQ(error({"--mode", "m2m", "--size", "8"}, {"--texture", "a.kvt", "--out"}, true),
+            "missing value for --out");
+  EXPECT_EQ(error({"--mode", "m2m", "--size", "8"}, {"--out-mask", "m.png"}, true),
+            "--out-mask needs an --out right after its textures");
+}
+
 }  // namespace
 }  // namespace kv::transfer

@@ -1,0 +1,327 @@
+"""Headless test of the korvane Bake add-on.
+
+Run by CTest as:
+  blender -b --factory-startup --python-exit-code 1 --python bake_test.py -- \
+      <korvane binary> <examples folder> <scratch folder>
+
+Bakes the sample pair through `korvane.bake` and checks the maps against the
+command-line bake of the same OBJ files, the mesh reuse by hash, a cancelled
+bake and a wrong binary path. Any failed check raises, which makes Blender
+exit with status 1.
+"""
+
+import os
+import subprocess
+import sys
+import time
+
+import addon_utils
+import bpy
+import numpy as np
+
+ADDON_FOLDER = os.path.join(os.path.dirname(os.path.abspath(__file__)), os.pardir)
+SIZE = 256
+AA = "4"
+MAX_MEAN_DEGREES = 0.05
+WAIT_SECONDS = 120.0
+
+
+def arguments():
+    args = sys.argv[sys.argv.index("--") + 1:]
+    if len(args) != 3:
+        raise SystemExit("usage: ... -- <korvane binary> <examples folder> <scratch folder>")
+    return args
+
+
+def check(condition, message):
+    if not condition:
+        raise AssertionError(message)
+
+
+def enable_addon(binary):
+    sys.path.insert(0, os.path.abspath(ADDON_FOLDER))
+    addon_utils.enable("korvane_bake", default_set=True)
+    bpy.context.preferences.addons["korvane_bake"].preferences.binary_path = binary
+
+
+def import_sample(examples):
+    """The sample pair with the file's own axes, so both bakes see one mesh."""
+    bpy.ops.object.select_all(action='SELECT')
+    bpy.ops.object.delete()
+    for name in ("sphere_low", "sphere_high"):
+        bpy.ops.wm.obj_import(filepath=os.path.join(examples, name + ".obj"),
+                              forward_axis='Y', up_axis='Z')
+    settings = bpy.context.scene.korvane
+    settings.low_object = bpy.data.objects["sphere_low"]
+    settings.high_object = bpy.data.objects["sphere_high"]
+    settings.size = SIZE
+    settings.aa = AA
+    settings.bake_normal = True
+    settings.bake_opacity = True
+
+
+def fresh_folder(scratch, name):
+    folder = os.path.join(scratch, name)
+    os.makedirs(folder, exist_ok=True)
+    for entry in os.listdir(folder):
+        os.remove(os.path.join(folder, entry))
+    return folder
+
+
+def command_line_bake(binary, examples, folder):
+    normal = os.path.join(folder, "normal.exr")
+    opacity = os.path.join(folder, "opacity.exr")
+    subprocess.run([binary, "--low", os.path.join(examples, "sphere_low.obj"),
+                    "--high", os.path.join(examples, "sphere_high.obj"), "--size", str(SIZE),
+                    "--aa", AA, "--out-normal", normal, "--out-opacity", opacity],
+                   check=True, stdout=subprocess.DEVNULL, timeout=WAIT_SECONDS)
+    return normal, opacity
+
+
+def pixels(path):
+    """RGBA floats of an image file, rows bottom-up as Blender keeps them."""
+    image = bpy.data.images.load(path)
+    values = np.empty(len(image.pixels), np.float32)
+    image.pixels.foreach_get(values)
+    shape = (image.size[1], image.size[0], 4)
+    bpy.data.images.remove(image)
+    return values.reshape(shape)
+
+
+def tangent_vectors(rgba):
+    vectors = rgba[..., :3].astype(np.float64) * 2.0 - 1.0
+    return vectors / np.linalg.norm(vectors, axis=-1, keepdims=True)
+
+
+def compare_maps(ours, theirs):
+    """Same covered texels, normals within MAX_MEAN_DEGREES on average."""
+    covered = pixels(ours["opacity"])[..., 0] > 0.5
+    reference = pixels(theirs["opacity"])[..., 0] > 0.5
+    check(covered.any(), "the add-on's bake covers no texel")
+    differing = int(np.count_nonzero(covered != reference))
+    check(differing == 0, "%d texels differ in coverage from the command line's" % differing)
+    cosines = np.sum(tangent_vectors(pixels(ours["normal"])) *
+                     tangent_vectors(pixels(theirs["normal"])), axis=-1)
+    angles = np.degrees(np.arccos(np.clip(cosines[covered], -1.0, 1.0)))
+    print("korvane bake test: mean angle %.5f deg, max %.5f deg over %d texels"
+          % (angles.mean(), angles.max(), angles.size))
+    check(angles.mean() < MAX_MEAN_DEGREES,
+          "mean angle %.4f degrees against the command line's bake" % angles.mean())
+
+
+def run_session(on_queued=None):
+    """A bake session stepped to its end, as the operator steps it."""
+    from korvane_bake import operator as bake_operator
+    session = bake_operator.start_session(bpy.context)
+    deadline = time.monotonic() + WAIT_SECONDS
+    while not session.done:
+        check(time.monotonic() < deadline, "the bake did not end in %g s" % WAIT_SECONDS)
+        if on_queued and session.bake_queued:
+            on_queued(session)
+            on_queued = None
+        session.step(timeout=0.1)
+    return session
+
+
+def test_wrong_binary(scratch):
+    missing = os.path.join(scratch, "no-such-korvane")
+    preferences = bpy.context.preferences.addons["korvane_bake"].preferences
+    kept = preferences.binary_path
+    preferences.binary_path = missing
+    try:
+        bpy.ops.korvane.bake()
+    except RuntimeError as error:
+        # Blender turns an operator's error report into this exception.
+        check(missing in str(error), "the report does not name the path: %s" % error)
+    else:
+        raise AssertionError("a missing binary did not fail the bake")
+    finally:
+        preferences.binary_path = kept
+
+
+def test_relative_folder_of_unsaved_file():
+    settings = bpy.context.scene.korvane
+    settings.output_dir = "//maps/"
+    try:
+        bpy.ops.korvane.bake()
+    except RuntimeError as error:
+        check("save the file first" in str(error), "unclear report: %s" % error)
+    else:
+        raise AssertionError("a folder relative to an unsaved file did not fail the bake")
+
+
+def test_hash_is_stable_for_unchanged_meshes():
+    """Two exports of one large smooth mesh hash alike, whatever Blender's threads did."""
+    from korvane_bake import mesh_export
+    bpy.ops.mesh.primitive_ico_sphere_add(subdivisions=8)
+    sphere = bpy.context.active_object
+    bpy.ops.object.shade_smooth()
+    try:
+        hashes = []
+        for _ in range(2):
+            arrays = mesh_export.export_object(sphere, bpy.context.evaluated_depsgraph_get(), False)
+            section = mesh_export.MeshSection([arrays])
+            section.close()
+            hashes.append(section.hash)
+        sphere.data.polygons[0].use_smooth = False
+        arrays = mesh_export.export_object(sphere, bpy.context.evaluated_depsgraph_get(), False)
+        section = mesh_export.MeshSection([arrays])
+        section.close()
+    finally:
+        bpy.data.objects.remove(sphere)
+    check(hashes[0] == hashes[1], "an unchanged mesh hashed differently: %s" % hashes)
+    check(section.hash != hashes[0], "a face turned flat did not change the hash")
+
+
+def test_korvane_failure_reaches_report(scratch):
+    """A failed job is reported in korvane's own words."""
+    settings = bpy.context.scene.korvane
+    settings.output_dir = fresh_folder(scratch, "blocked")
+    blocked = os.path.join(settings.output_dir, "sphere_low_normal.exr")
+    os.mkdir(blocked)
+    try:
+        bpy.ops.korvane.bake()
+    except RuntimeError as error:
+        check("Cannot write EXR %s: a folder with this name exists" % blocked in str(error),
+              "the report is not korvane's message: %s" % error)
+    else:
+        raise AssertionError("a folder in the map's place did not fail the bake")
+    finally:
+        os.rmdir(blocked)
+
+
+def test_bake_matches_command_line(binary, examples, scratch):
+    settings = bpy.context.scene.korvane
+    settings.output_dir = fresh_folder(scratch, "addon")
+    result = bpy.ops.korvane.bake()
+    check(result == {'FINISHED'}, "the bake returned %s" % result)
+    ours = {name: os.path.join(settings.output_dir, "sphere_low_%s.exr" % name)
+            for name in ("normal", "opacity")}
+    for name, path in ours.items():
+        check(os.path.isfile(path), "no %s map at %s" % (name, path))
+        check(os.path.basename(path) in bpy.data.images, "%s is not a Blender image" % path)
+    normal, opacity = command_line_bake(binary, examples, fresh_folder(scratch, "command_line"))
+    reference = {"normal": normal, "opacity": opacity}
+    compare_maps(ours, reference)
+    return reference
+
+
+def test_world_transform(scratch, reference):
+    """Mesh data moved into object space: the world meshes, so the maps, stay.
+
+    The scale is uniform: Blender re-derives custom normals from the geometry
+    under a non-uniform one, so the data would not be the same mesh.
+    """
+    from mathutils import Matrix
+    matrix = (Matrix.Translation((0.3, -0.2, 0.5)) @ Matrix.Rotation(0.7, 4, (1.0, 2.0, 0.5)) @
+              Matrix.Diagonal((1.5, 1.5, 1.5, 1.0)))
+    settings = bpy.context.scene.korvane
+    for obj in (settings.low_object, settings.high_object):
+        obj.data.transform(matrix.inverted())
+        obj.matrix_world = matrix
+    bpy.context.view_layer.update()
+    settings.output_dir = fresh_folder(scratch, "transformed")
+    try:
+        result = bpy.ops.korvane.bake()
+    finally:
+        for obj in (settings.low_object, settings.high_object):
+            obj.data.transform(matrix)
+            obj.matrix_world = Matrix.Identity(4)
+        bpy.context.view_layer.update()
+    check(result == {'FINISHED'}, "the bake returned %s" % result)
+    ours = {name: os.path.join(settings.output_dir, "sphere_low_%s.exr" % name)
+            for name in ("normal", "opacity")}
+    compare_maps(ours, reference)
+
+
+def test_world_triangles_under_skew_and_mirror():
+    """Through any matrix a face's normal stands on its edges and on its front."""
+    from korvane_bake import mesh_export
+    skew = np.array([[1.0, 0.4, 0.0, 2.0], [0.0, 3.0, 0.2, -1.0],
+                     [0.3, 0.0, 0.5, 0.5], [0.0, 0.0, 0.0, 1.0]])
+    mirror = np.diag([-1.0, 1.0, 1.0, 1.0]) @ skew
+    positions = np.array([[0, 0, 0], [1, 0, 0], [0, 1, 0], [0, 0, 1]], np.float32)
+    vertices = np.array([[0, 1, 2], [0, 3, 1], [1, 3, 2]])
+    corners = positions[vertices]
+    faces = np.cross(corners[:, 1] - corners[:, 0], corners[:, 2] - corners[:, 0])
+    normals = np.repeat(faces[:, None, :], 3, axis=1)
+    uvs = np.arange(vertices.size * 2, dtype=np.float32).reshape(-1, 3, 2)
+    for name, matrix in (("skew", skew), ("mirror", mirror)):
+        world, tris, world_normals, world_uvs = mesh_export.world_triangles(
+            matrix, positions, vertices, normals, uvs)
+        check(np.allclose(world[1], matrix[:3, :3] @ positions[1] + matrix[:3, 3]),
+              "%s: positions are not moved by the matrix" % name)
+        check(np.allclose(np.linalg.norm(world_normals, axis=-1), 1.0, atol=1e-6),
+              "%s: world normals are not unit length" % name)
+        edges_a = world[tris[:, 1]] - world[tris[:, 0]]
+        edges_b = world[tris[:, 2]] - world[tris[:, 0]]
+        for edge in (edges_a, edges_b):
+            dots = np.einsum("ij,ij->i", world_normals[:, 0],
+                             edge / np.linalg.norm(edge, axis=1)[:, None])
+            check(np.abs(dots).max() < 1e-5, "%s: normals lean on their faces: %s" % (name, dots))
+        facing = np.einsum("ij,ij->i", np.cross(edges_a, edges_b), world_normals[:, 0])
+        check((facing > 0).all(), "%s: faces turned inside out" % name)
+        # Each corner keeps its own UV and normal when corners are swapped.
+        moved = tris[:, 1] != vertices[:, 1]
+        check(np.array_equal(world_uvs[moved][:, 1], uvs[moved][:, 2]),
+              "%s: UVs did not follow their corners" % name)
+
+
+def test_unchanged_meshes_are_not_reloaded():
+    from korvane_bake import bake_session
+    session = run_session()
+    check(session.error is None, "the bake failed: %s" % session.error)
+    check(sorted(session.reused) == sorted([bake_session.LOW_KEY, bake_session.HIGH_KEY]),
+          "unchanged meshes were sent again: reused %s" % session.reused)
+    low = bpy.context.scene.korvane.low_object
+    low.location.x += 0.001
+    bpy.context.view_layer.update()
+    try:
+        session = run_session()
+    finally:
+        low.location.x -= 0.001
+        bpy.context.view_layer.update()
+    check(session.error is None, "the bake failed: %s" % session.error)
+    check(session.reused == [bake_session.HIGH_KEY],
+          "a moved low object was not reloaded: reused %s" % session.reused)
+
+
+def test_cancelled_bake_leaves_no_file(scratch):
+    from korvane_bake import bake_session
+    settings = bpy.context.scene.korvane
+    settings.output_dir = fresh_folder(scratch, "cancelled")
+    settings.size = 2048
+    try:
+        session = run_session(on_queued=lambda s: s.cancel())
+    finally:
+        settings.size = SIZE
+    check(session.error == bake_session.CANCELLED, "the bake ended with %r" % session.error)
+    left = os.listdir(settings.output_dir)
+    check(not left, "a cancelled bake left %s" % left)
+
+
+def shared_sections():
+    return {name for name in os.listdir("/dev/shm") if name.startswith("psm_")}
+
+
+def main():
+    binary, examples, scratch = arguments()
+    os.makedirs(scratch, exist_ok=True)
+    sections_before = shared_sections()
+    enable_addon(binary)
+    import_sample(examples)
+    test_wrong_binary(scratch)
+    test_relative_folder_of_unsaved_file()
+    reference = test_bake_matches_command_line(binary, examples, scratch)
+    test_unchanged_meshes_are_not_reloaded()
+    test_hash_is_stable_for_unchanged_meshes()
+    test_korvane_failure_reaches_report(scratch)
+    test_world_transform(scratch, reference)
+    test_world_triangles_under_skew_and_mirror()
+    test_cancelled_bake_leaves_no_file(scratch)
+    leaked = shared_sections() - sections_before
+    check(not leaked, "shared-memory sections left behind: %s" % sorted(leaked))
+    print("korvane bake test: all checks passed")
+
+
+main()
