@@ -5,6 +5,7 @@ find_package(nlohmann_json 3.11 REQUIRED)
 find_package(embree 3 REQUIRED)
 find_package(assimp REQUIRED)
 find_package(TinyGLTF REQUIRED)
+find_package(ZLIB REQUIRED)
 
 find_path(LODEPNG_INCLUDE_DIR lodepng.h REQUIRED)
 find_library(LODEPNG_LIBRARY lodepng REQUIRED)

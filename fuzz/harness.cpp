@@ -8,6 +8,7 @@
 
 #include "core/error.h"
 #include "fuzz/mesh_check.h"
+#include "image/exr_reader.h"
 #include "image/png.h"
 #include "mesh/fbx_reader.h"
 #include "mesh/gltf_reader.h"
@@ -181,6 +182,18 @@ void run_png(std::span<const std::uint8_t> input) {
   }
 }
 
+void run_exr(std::span<const std::uint8_t> input) {
+  const auto path = input_folder().write("input.exr", input);
+  const TexelImage image = read_exr(path);
+  const bool valid = image.width >= 1 && image.width <= kMaxImageSide && image.height >= 1 &&
+                     image.height <= kMaxImageSide && image.channels >= 1 && image.channels <= 4 &&
+                     (image.type == ComponentType::kF16 || image.type == ComponentType::kF32) &&
+                     image.data.size() == image.expected_bytes();
+  if (!valid) {
+    broken("exr", "the image read does not match its own size and type");
+  }
+}
+
 // Arguments are the input cut at zero bytes; the first byte's lowest bit
 // picks the command line (argv[0] added) or the service's settings mode.
 void run_bake_options(std::span<const std::uint8_t> input) {
@@ -220,8 +233,8 @@ void run_bake_options(std::span<const std::uint8_t> input) {
 }  // namespace
 
 const std::vector<std::string>& target_names() {
-  static const std::vector<std::string> names = {"obj", "kvm",       "gltf", "glb",
-                                                 "fbx", "read_mesh", "png",  "bake_options"};
+  static const std::vector<std::string> names = {"obj",       "kvm", "gltf", "glb",         "fbx",
+                                                 "read_mesh", "png", "exr",  "bake_options"};
   return names;
 }
 
@@ -242,6 +255,8 @@ Outcome run_target(std::string_view target, std::span<const std::uint8_t> input)
       run_read_mesh(input);
     } else if (target == "png") {
       run_png(input);
+    } else if (target == "exr") {
+      run_exr(input);
     } else if (target == "bake_options") {
       run_bake_options(input);
     } else {

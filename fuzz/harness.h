@@ -17,7 +17,7 @@ struct Outcome {
   std::string message;   // its text when refused
 };
 
-// The names of the targets: obj, kvm, gltf, glb, fbx, read_mesh, png,
+// The names of the targets: obj, kvm, gltf, glb, fbx, read_mesh, png, exr,
 // bake_options.
 const std::vector<std::string>& target_names();
 

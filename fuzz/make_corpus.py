@@ -303,6 +303,77 @@ OPTIONS = {
 }
 
 
+def exr_pack(raw, compression):
+    """The chunk bytes of one compression: RLE and ZIP pack the bytes split
+    into even and odd ones, each stored as its difference to the one before."""
+    if compression == 0:
+        return raw
+    split = raw[0::2] + raw[1::2]
+    delta = bytes([split[0]] + [(split[i] - split[i - 1] + 128) & 0xFF for i in range(1, len(split))])
+    if compression in (2, 3):
+        return zlib.compress(delta, 9)
+    out = bytearray()
+    i = 0
+    while i < len(delta):
+        run = 1
+        while i + run < len(delta) and run < 128 and delta[i + run] == delta[i]:
+            run += 1
+        if run >= 3:
+            out += bytes([run - 1, delta[i]])
+            i += run
+            continue
+        start = i
+        while i < len(delta) and i - start < 127 and not (
+                i + 2 < len(delta) and delta[i] == delta[i + 1] == delta[i + 2]):
+            i += 1
+        out += bytes([256 - (i - start)]) + delta[start:i]
+    return bytes(out)
+
+
+def exr(width, height, channels, compression, value):
+    """A single-part scanline OpenEXR file. channels: (name, pixel type) sorted
+    by name (1 half, 2 float, 0 uint); value(c, x, y) the number stored."""
+    def attr(name, kind, body):
+        return name.encode() + b"\0" + kind.encode() + b"\0" + struct.pack("<i", len(body)) + body
+    chlist = b"".join(n.encode() + b"\0" + struct.pack("<iBxxxii", t, 0, 1, 1) for n, t in channels)
+    box = struct.pack("<4i", 0, 0, width - 1, height - 1)
+    header = (struct.pack("<II", 20000630, 2) + attr("channels", "chlist", chlist + b"\0")
+              + attr("compression", "compression", bytes([compression]))
+              + attr("dataWindow", "box2i", box) + attr("displayWindow", "box2i", box)
+              + attr("lineOrder", "lineOrder", b"\0")
+              + attr("pixelAspectRatio", "float", struct.pack("<f", 1))
+              + attr("screenWindowCenter", "v2f", struct.pack("<2f", 0, 0))
+              + attr("screenWindowWidth", "float", struct.pack("<f", 1)) + b"\0")
+    formats = {0: "<I", 1: "<e", 2: "<f"}
+    lines = 16 if compression == 3 else 1
+    chunks = []
+    for first in range(0, height, lines):
+        raw = b"".join(struct.pack(formats[t], value(c, x, y))
+                       for y in range(first, min(height, first + lines))
+                       for c, (_, t) in enumerate(channels) for x in range(width))
+        packed = exr_pack(raw, compression)
+        if len(packed) >= len(raw):
+            packed = raw
+        chunks.append(struct.pack("<ii", first, len(packed)) + packed)
+    offset = len(header) + 8 * len(chunks)
+    table = b""
+    for chunk in chunks:
+        table += struct.pack("<Q", offset)
+        offset += len(chunk)
+    return header + table + b"".join(chunks)
+
+
+EXRS = {
+    "none_half_rgb.exr": exr(3, 2, [("B", 1), ("G", 1), ("R", 1)], 0, lambda c, x, y: 0.25 * (c + x + y)),
+    "rle_half_rgba.exr": exr(5, 3, [("A", 1), ("B", 1), ("G", 1), ("R", 1)], 1,
+                             lambda c, x, y: 1.0 if x < 4 else 0.5 * c),
+    "zips_float_y.exr": exr(4, 2, [("Y", 2)], 2, lambda c, x, y: x * 0.125 - y),
+    "zip_mixed.exr": exr(3, 18, [("A", 2), ("B", 1), ("G", 1), ("R", 1)], 3,
+                         lambda c, x, y: (x + c) * 0.5 if y % 5 else 0.75),
+    "zip_grey_and_uint.exr": exr(2, 17, [("Y", 1), ("id", 0)], 3, lambda c, x, y: y if c else 0.5),
+}
+
+
 def main():
     for name, text in OBJS.items():
         put("obj", name, text)
@@ -316,6 +387,8 @@ def main():
     put("fbx", "quad_binary.fbx", fbx_binary())
     for name, data in PNGS.items():
         put("png", name, data)
+    for name, data in EXRS.items():
+        put("exr", name, data)
     for name, data in OPTIONS.items():
         put("bake_options", name, data)
     # read_mesh: the first byte picks the file name (0 .obj, 1 .kvm, 2 .gltf,

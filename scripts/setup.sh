@@ -12,7 +12,7 @@ flavour="${1:-normal}"
 packages=(
   build-essential cmake ninja-build git pkg-config clang-format
   libembree-dev libtbb-dev nlohmann-json3-dev liblodepng-dev libtinygltf-dev
-  libassimp-dev libopenexr-dev libtinyobjloader-dev libgtest-dev libgmock-dev
+  libassimp-dev zlib1g-dev libopenexr-dev libtinyobjloader-dev libgtest-dev libgmock-dev
   blender python3-numpy
 )
 # Only the fuzz build needs clang and libFuzzer; llvm brings llvm-profdata and

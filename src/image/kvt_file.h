@@ -13,7 +13,7 @@
 namespace kv {
 
 inline constexpr std::uint64_t kKvtHeaderBytes = 32;
-inline constexpr int kKvtMaxSide = 16384;
+inline constexpr int kKvtMaxSide = kMaxImageSide;
 inline constexpr int kKvtMaxChannels = 4;
 
 // The checks of a texture held in memory: each side 1 to 16384 texels

@@ -239,9 +239,8 @@ std::vector<unsigned char> encodePng(const TexelImage& image, int threads) {
 
 namespace {
 
-// The bake writes maps of at most 16384 texels on a side, and no PNG read here
-// is meant to be larger; bigger headers are refused before any decoding.
-constexpr unsigned kMaxPngSide = 16384;
+// Bigger headers are refused before any decoding.
+constexpr auto kMaxPngSide = static_cast<unsigned>(kMaxImageSide);
 
 // Deflate spends at least 2 bits on a 258-byte match, so a zlib stream grows at
 // most 1032 times. The whole file, headers included, is taken as the stream:

@@ -8,6 +8,11 @@
 
 namespace kv {
 
+// The largest side of an image the program reads: the bake writes maps of
+// at most this many texels a side, and a larger header is refused before
+// anything is allocated.
+inline constexpr int kMaxImageSide = 16384;
+
 // Component types of texels, numbered as in the texel file.
 enum class ComponentType : std::uint32_t { kU8 = 1, kU16 = 2, kF16 = 3, kF32 = 4 };
 

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "core/error.h"
+#include "image/exr_reader.h"
 #include "image/half.h"
 #include "image/kvt_file.h"
 #include "image/png.h"
@@ -45,11 +46,6 @@ double component(const TexelImage& image, std::size_t i) {
   }
 }
 
-Error not_readable_here(const std::string& ext, const std::filesystem::path& path) {
-  return Error("meshmaps: reading " + ext +
-               " normal maps is not available in this build: " + path.string());
-}
-
 }  // namespace
 
 TexelImage read_normal_map_texels(const std::filesystem::path& path) {
@@ -58,7 +54,7 @@ TexelImage read_normal_map_texels(const std::filesystem::path& path) {
     return readPng(path);
   }
   if (ext == ".exr") {
-    throw not_readable_here(ext, path);
+    return read_exr(path);
   }
   if (ext == ".kvt") {
     return read_kvt(path);

@@ -6,7 +6,9 @@
 #include <cstring>
 
 #include "core/error.h"
+#include "image/exr.h"
 #include "image/kvt_file.h"
+#include "image/png.h"
 #include "image/unorm16.h"
 #include "meshmaps/map_ranges.h"
 #include "meshmaps/meshmaps_bake.h"
@@ -128,6 +130,104 @@ TEST(MeshMapsNormalMap, LowAsHighShadesWithTheMapAndItsCurvature) {
               encode_unorm16(0.5 + 0.5 * static_cast<double>(domed.buffers.curvature[t])));
     EXPECT_GT(convex[t], 32768);
   }
+}
+
+// The codes of an 8 x 8 map whose normals lean outward from its centre.
+std::vector<std::uint16_t> dome_codes() {
+  std::vector<std::uint16_t> codes;
+  for (int y = 0; y < 8; ++y) {
+    for (int x = 0; x < 8; ++x) {
+      Vec3f n = {0.1f * (static_cast<float>(x) - 3.5f), 0.1f * (3.5f - static_cast<float>(y)),
+                 1.0f};
+      normalize_in_place(n);
+      for (const float c : n) {
+        codes.push_back(encode_unorm16(0.5 + 0.5 * static_cast<double>(c)));
+      }
+    }
+  }
+  return codes;
+}
+
+// The same values as a texel file holds them: the floats or halves the EXR
+// writer makes of each code.
+TexelImage kvt_of(const std::vector<std::uint16_t>& codes, int pixel_type) {
+  TexelImage image;
+  image.width = image.height = 8;
+  image.channels = 3;
+  image.type = pixel_type == kExrFloat ? ComponentType::kF32 : ComponentType::kF16;
+  for (const std::uint16_t c : codes) {
+    const auto* bytes = pixel_type == kExrFloat
+                            ? reinterpret_cast<const std::uint8_t*>(exr_code_floats() + c)
+                            : reinterpret_cast<const std::uint8_t*>(exr_code_halves() + c);
+    image.data.insert(image.data.end(), bytes, bytes + (pixel_type == kExrFloat ? 4 : 2));
+  }
+  return image;
+}
+
+TEST(MeshMapsNormalMap, AnExrMapBakesAsTheSameValuesInATexelFileOrAPng) {
+  test::ScratchDir dir;
+  const std::vector<std::uint16_t> codes = dome_codes();
+  writePngCodes(dir / "n.png", 8, 8, 3, codes);
+  const Mesh low = test::unit_low_plane();
+  const MeshMapsSettings s =
+      parse_meshmaps_options({"korvane", "meshmaps", "--low", "l.obj", "--low-as-high", "--size",
+                              "8", "--out-world-normal", "w.exr", "--out-curvature", "c.exr",
+                              "--curvature-method", "normal-map", "--normal-map", "n.exr"});
+  const auto bake = [&](const std::filesystem::path& path) {
+    const NormalMapImage map = decode_normal_map(read_normal_map_texels(path), false, path);
+    BakeExtras extras;
+    extras.normal_map = &map;
+    const MeshMapsRun run = bake_mesh_maps(low, low, s, MeshMapsEnvironment{}, extras, 1);
+    return std::pair{run.buffers.world_normal,
+                     curvature_codes(run.buffers.curvature, run.buffers.hit, s)};
+  };
+  const auto png = bake(dir / "n.png");
+  for (const int pixel_type : {kExrFloat, kExrHalf}) {
+    const std::string type = pixel_type == kExrFloat ? "f" : "h";
+    writeExr(dir / ("n" + type + ".exr"), 8, 8, 3, codes, pixel_type, 1);
+    write_kvt(dir / ("n" + type + ".kvt"), kvt_of(codes, pixel_type));
+    const auto exr = bake(dir / ("n" + type + ".exr"));
+    EXPECT_EQ(exr, bake(dir / ("n" + type + ".kvt"))) << type;
+    // The dome is convex, and each normal lands where the PNG's does.
+    EXPECT_GT(*std::max_element(exr.second.begin(), exr.second.end()), 32768) << type;
+    ASSERT_EQ(exr.first.size(), png.first.size());
+    for (std::size_t i = 0; i < exr.first.size(); ++i) {
+      EXPECT_NEAR(exr.first[i], png.first[i], pixel_type == kExrFloat ? 1 : 20) << type << i;
+    }
+  }
+}
+
+TEST(MeshMapsNormalMap, TheCommandTakesAnExrMapAndNamesADamagedOne) {
+  test::ScratchDir dir;
+  const std::vector<std::uint16_t> codes = dome_codes();
+  writeExr(dir / "n.exr", 8, 8, 3, codes, kExrHalf, 1);
+  write_kvt(dir / "n.kvt", kvt_of(codes, kExrHalf));
+  const std::string low = std::string(KV_SOURCE_DIR) + "/examples/sphere_low.obj";
+  const auto run = [&](const std::string& map, const std::string& out) {
+    return test::run_korvane({"meshmaps", "--low", low, "--low-as-high", "--size", "16",
+                              "--normal-map", (dir / map).string(), "--curvature-method",
+                              "normal-map", "--out-curvature", (dir / (out + "_c.exr")).string(),
+                              "--out-world-normal", (dir / (out + "_w.exr")).string()});
+  };
+  const auto from_exr = run("n.exr", "exr");
+  ASSERT_EQ(from_exr.exit_code, 0) << from_exr.err;
+  const auto from_kvt = run("n.kvt", "kvt");
+  ASSERT_EQ(from_kvt.exit_code, 0) << from_kvt.err;
+  for (const char* map : {"_c.exr", "_w.exr"}) {
+    EXPECT_EQ(test::read_text_file(dir / (std::string("exr") + map)),
+              test::read_text_file(dir / (std::string("kvt") + map)))
+        << map;
+  }
+  std::string cut = test::read_text_file(dir / "n.exr");
+  cut.resize(cut.size() - 1);
+  test::write_text_file(dir / "cut.exr", cut);
+  const auto damaged = run("cut.exr", "cut");
+  EXPECT_EQ(damaged.exit_code, 1);
+  EXPECT_EQ(damaged.err, "korvane: " + (dir / "cut.exr").string() + ": EXR: a file of " +
+                             std::to_string(cut.size()) +
+                             " bytes cannot hold 8 x 8 texels of 48 bytes a line in NONE "
+                             "compression\n");
+  EXPECT_FALSE(std::filesystem::exists(dir / "cut_c.exr"));
 }
 
 }  // namespace
