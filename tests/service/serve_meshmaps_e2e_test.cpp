@@ -118,14 +118,19 @@ TEST(ServeMeshmaps, RefusesBadFields) {
   EXPECT_EQ(client.finish(), 0);
 }
 
-TEST(ServeMeshmaps, CancelOfARunningJob) {
+// Long enough to be running still when the cancel or release arrives; the
+// small budget cuts it into bands, between which the job notices.
+Json long_request(std::int64_t id, const std::filesystem::path& out) {
+  return meshmaps_request(
+      id, {"--size", "512", "--antialias", "2", "--ao-rays", "128", "--memory-budget-mb", "30"},
+      Json{{"ao", out.string()}});
+}
+
+TEST(ServeMeshmaps, CancelAndReleaseEndARunningJob) {
   ScratchDir dir;
   ServiceClient client({"--threads", "1"});
   load_spheres(client);
-  const Json request =
-      meshmaps_request(10, {"--size", "2048", "--antialias", "4", "--ao-rays", "256"},
-                       Json{{"ao", (dir / "a.png").string()}});
-  client.send_json(request);
+  client.send_json(long_request(10, dir / "a.png"));
   client.event(10, "phase");  // the bake runs
   Json cancel = make_request(11, "cancel");
   cancel["job"] = 10;
@@ -133,6 +138,16 @@ TEST(ServeMeshmaps, CancelOfARunningJob) {
   EXPECT_EQ(client.reply(10), Json::parse("{\"id\":10,\"ok\":false,\"error\":\"meshmaps: "
                                           "cancelled\",\"code\":\"cancelled\"}"));
   EXPECT_FALSE(std::filesystem::exists(dir / "a.png"));
+
+  client.send_json(long_request(12, dir / "b.png"));
+  client.event(12, "phase");
+  Json release = make_request(13, "mesh.release");
+  release["keys"] = Json::array({"high"});
+  EXPECT_EQ(client.request(release)["released"], Json::array({"high"}));
+  const Json reply = client.reply(12);
+  EXPECT_EQ(reply["code"], "released");
+  EXPECT_EQ(reply["error"], "meshmaps: the mesh key \"high\" was released while the job ran");
+  EXPECT_FALSE(std::filesystem::exists(dir / "b.png"));
   EXPECT_EQ(client.finish(), 0);
 }
 
