@@ -278,10 +278,9 @@ bool store_bilinear_gpu8(const SourceTexture& source, double u, double v, const 
   Code out[Channels];
   for (int c = 0; c < Channels; ++c) {
     const Sum sum = w00 * t00[c] + w01 * t01[c] + w10 * t10[c] + w11 * t11[c];
-    const Sum whole = sum >> 16;
-    const Sum rest = sum & 0xffffu;
-    const Sum up = static_cast<Sum>(rest > 0x8000u) | (static_cast<Sum>(rest == 0x8000u) & whole);
-    out[c] = static_cast<Code>(whole + (up & 1u));
+    // Half to even: the rest carries into the whole part when above one
+    // half, or at one half when the whole part is odd.
+    out[c] = static_cast<Code>((sum + 0x7fffu + ((sum >> 16) & 1u)) >> 16);
   }
   std::memcpy(dest, out, sizeof(out));
   return true;
