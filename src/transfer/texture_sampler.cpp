@@ -275,14 +275,15 @@ bool store_bilinear_gpu8(const SourceTexture& source, double u, double v, const 
   const Sum w01 = ax * (256 - ay);
   const Sum w10 = (256 - ax) * ay;
   const Sum w11 = ax * ay;
-  Code out[Channels];
+  // Straight into the output: bytes gathered on the stack and then copied
+  // as one word would wait for the store forwarding that fails on them.
   for (int c = 0; c < Channels; ++c) {
     const Sum sum = w00 * t00[c] + w01 * t01[c] + w10 * t10[c] + w11 * t11[c];
     // Half to even: the rest carries into the whole part when above one
     // half, or at one half when the whole part is odd.
-    out[c] = static_cast<Code>((sum + 0x7fffu + ((sum >> 16) & 1u)) >> 16);
+    const auto code = static_cast<Code>((sum + 0x7fffu + ((sum >> 16) & 1u)) >> 16);
+    std::memcpy(dest + static_cast<std::size_t>(c) * sizeof(Code), &code, sizeof(Code));
   }
-  std::memcpy(dest, out, sizeof(out));
   return true;
 }
 
