@@ -63,15 +63,13 @@ void read_texel(const TexelImage& image, std::int64_t texel, TexelSample& out) {
 
 // Every address mode has put the UV on the square (or beside it, for clamp):
 // clamping the index is all that is left.
-void sample_nearest(const TexelImage& image, double u, double v, TexelSample& out) {
+std::int64_t nearest_texel(const TexelImage& image, double u, double v) {
   const std::int64_t w = image.width;
   const std::int64_t h = image.height;
   const auto x = static_cast<std::int64_t>(floor_of(u * static_cast<double>(w)));
   const auto y = static_cast<std::int64_t>(floor_of((1.0 - v) * static_cast<double>(h)));
   // u - floor(u) may round up to 1: that texel is the last one, not the first.
-  read_texel(image,
-             std::clamp<std::int64_t>(y, 0, h - 1) * w + std::clamp<std::int64_t>(x, 0, w - 1),
-             out);
+  return std::clamp<std::int64_t>(y, 0, h - 1) * w + std::clamp<std::int64_t>(x, 0, w - 1);
 }
 
 // With 8-bit weights on 8-bit texels every product and every sum is a whole
@@ -204,24 +202,160 @@ double component_value(const TexelImage& image, std::size_t index) {
   return 0.0;
 }
 
-bool sample_texture(const SourceTexture& source, double u, double v,
-                    const SamplerSettings& settings, TexelSample& out) {
+namespace {
+
+// The image a UV reads and the UV moved onto it by the address mode; null
+// when the point gives no value.
+const TexelImage* place_uv(const SourceTexture& source, double& u, double& v, AddressMode address) {
   if (!(std::fabs(u) <= kLargestUv) || !(std::fabs(v) <= kLargestUv)) {
-    return false;
+    return nullptr;
   }
   const TexelImage& image = source.image_for(u, v);
-  if (settings.address == AddressMode::window) {
+  if (address == AddressMode::window) {
     if (u < 0.0 || u > 1.0 || v < 0.0 || v > 1.0) {
-      return false;
+      return nullptr;
     }
-  } else if (settings.address == AddressMode::repeat) {
+  } else if (address == AddressMode::repeat) {
     u -= floor_of(u);
     v -= floor_of(v);
   }
+  return &image;
+}
+
+template <std::size_t Bytes>
+bool store_nearest(const SourceTexture& source, double u, double v, const SamplerSettings& s,
+                   std::uint8_t* dest) {
+  const TexelImage* image = place_uv(source, u, v, s.address);
+  if (image == nullptr) {
+    return false;
+  }
+  std::memcpy(dest,
+              image->data.data() + static_cast<std::size_t>(nearest_texel(*image, u, v)) * Bytes,
+              Bytes);
+  return true;
+}
+
+// The 8-bit-weight blend of u8 or u16 codes in whole numbers: every weight
+// is a multiple of 2^-16 and every product and sum below 2^53 in doubles,
+// so the doubles' sum is exactly sum / 2^16, and rounding it half to even
+// is the same as rounding the whole number. A weight of 1 gives the texel's
+// own code, as its copied bytes would.
+template <typename Code, typename Sum, int Channels>
+bool store_bilinear_gpu8(const SourceTexture& source, double u, double v, const SamplerSettings& s,
+                         std::uint8_t* dest) {
+  const TexelImage* image = place_uv(source, u, v, s.address);
+  if (image == nullptr) {
+    return false;
+  }
+  const std::int64_t w = image->width;
+  const std::int64_t h = image->height;
+  const double x = u * static_cast<double>(w) - 0.5;
+  const double y = (1.0 - v) * static_cast<double>(h) - 0.5;
+  const double x_floor = floor_of(x);
+  const double y_floor = floor_of(y);
+  const auto ax = static_cast<Sum>(round_half_even((x - x_floor) * 256.0));
+  const auto ay = static_cast<Sum>(round_half_even((y - y_floor) * 256.0));
+  const auto x0 = static_cast<std::int64_t>(x_floor);
+  const auto y0 = static_cast<std::int64_t>(y_floor);
+  const auto xa = static_cast<std::size_t>(address_index(x0, w, s.address));
+  const auto xb = static_cast<std::size_t>(address_index(x0 + 1, w, s.address));
+  const auto row_a = static_cast<std::size_t>(address_index(y0, h, s.address) * w);
+  const auto row_b = static_cast<std::size_t>(address_index(y0 + 1, h, s.address) * w);
+  constexpr std::size_t kTexelBytes = sizeof(Code) * Channels;
+  Code t00[Channels];
+  Code t01[Channels];
+  Code t10[Channels];
+  Code t11[Channels];
+  const std::uint8_t* data = image->data.data();
+  std::memcpy(t00, data + (row_a + xa) * kTexelBytes, kTexelBytes);
+  std::memcpy(t01, data + (row_a + xb) * kTexelBytes, kTexelBytes);
+  std::memcpy(t10, data + (row_b + xa) * kTexelBytes, kTexelBytes);
+  std::memcpy(t11, data + (row_b + xb) * kTexelBytes, kTexelBytes);
+  const Sum w00 = (256 - ax) * (256 - ay);
+  const Sum w01 = ax * (256 - ay);
+  const Sum w10 = (256 - ax) * ay;
+  const Sum w11 = ax * ay;
+  // Straight into the output: bytes gathered on the stack and then copied
+  // as one word would wait for the store forwarding that fails on them.
+  for (int c = 0; c < Channels; ++c) {
+    const Sum sum = w00 * t00[c] + w01 * t01[c] + w10 * t10[c] + w11 * t11[c];
+    // Half to even: the rest carries into the whole part when above one
+    // half, or at one half when the whole part is odd.
+    const auto code = static_cast<Code>((sum + 0x7fffu + ((sum >> 16) & 1u)) >> 16);
+    std::memcpy(dest + static_cast<std::size_t>(c) * sizeof(Code), &code, sizeof(Code));
+  }
+  return true;
+}
+
+// Sum: wide enough for 2^16 times the largest code.
+template <typename Code, typename Sum>
+StoreRead bilinear_for(int channels) {
+  switch (channels) {
+    case 1:
+      return &store_bilinear_gpu8<Code, Sum, 1>;
+    case 2:
+      return &store_bilinear_gpu8<Code, Sum, 2>;
+    case 3:
+      return &store_bilinear_gpu8<Code, Sum, 3>;
+    case 4:
+      return &store_bilinear_gpu8<Code, Sum, 4>;
+    default:
+      return nullptr;
+  }
+}
+
+StoreRead nearest_for(std::size_t bytes) {
+  switch (bytes) {
+    case 1:
+      return &store_nearest<1>;
+    case 2:
+      return &store_nearest<2>;
+    case 3:
+      return &store_nearest<3>;
+    case 4:
+      return &store_nearest<4>;
+    case 6:
+      return &store_nearest<6>;
+    case 8:
+      return &store_nearest<8>;
+    case 12:
+      return &store_nearest<12>;
+    case 16:
+      return &store_nearest<16>;
+    default:
+      return nullptr;
+  }
+}
+
+}  // namespace
+
+StoreRead store_read_for(const SamplerSettings& settings, ComponentType type, int channels) {
+  if (channels < 1 || channels > 4) {
+    return nullptr;
+  }
   if (settings.filter == SampleFilter::nearest) {
-    sample_nearest(image, u, v, out);
+    return nearest_for(component_bytes(type) * static_cast<std::size_t>(channels));
+  }
+  if (settings.weights != BilinearWeights::gpu8) {
+    return nullptr;
+  }
+  if (type == ComponentType::kU8) {
+    return bilinear_for<std::uint8_t, std::uint32_t>(channels);
+  }
+  return type == ComponentType::kU16 ? bilinear_for<std::uint16_t, std::uint64_t>(channels)
+                                     : nullptr;
+}
+
+bool sample_texture(const SourceTexture& source, double u, double v,
+                    const SamplerSettings& settings, TexelSample& out) {
+  const TexelImage* image = place_uv(source, u, v, settings.address);
+  if (image == nullptr) {
+    return false;
+  }
+  if (settings.filter == SampleFilter::nearest) {
+    read_texel(*image, nearest_texel(*image, u, v), out);
   } else {
-    sample_bilinear(image, u, v, settings, out);
+    sample_bilinear(*image, u, v, settings, out);
   }
   return true;
 }

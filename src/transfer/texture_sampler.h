@@ -52,6 +52,17 @@ struct TexelSample {
 bool sample_texture(const SourceTexture& source, double u, double v,
                     const SamplerSettings& settings, TexelSample& out);
 
+// Reads the texture at (u, v) and writes the stored texel of a single read,
+// in the image's own component type, to `dest`: the same bytes as
+// sample_texture followed by store_texel_values, without the doubles where
+// whole numbers give the same. False (nothing written) as sample_texture.
+using StoreRead = bool (*)(const SourceTexture& source, double u, double v,
+                           const SamplerSettings& settings, std::uint8_t* dest);
+
+// The fast reader for textures of this type and channel count, or null
+// where only the general path is known to give the right bits.
+StoreRead store_read_for(const SamplerSettings& settings, ComponentType type, int channels);
+
 // Component `index` (counted over the whole image) in its own units.
 double component_value(const TexelImage& image, std::size_t index);
 

@@ -122,6 +122,9 @@ TransferEvaluator::TransferEvaluator(const Mesh& source, std::vector<OutputBuffe
                                      const SamplerSettings& sampler, bool from_rays, HitDump* dump)
     : source_(source), outputs_(outputs), sampler_(sampler), from_rays_(from_rays), dump_(dump) {
   counts_.texels_valid.assign(outputs.size(), 0);
+  for (const OutputBuffer& out : outputs) {
+    single_reads_.push_back(store_read_for(sampler, out.image.type, out.image.channels));
+  }
 }
 
 void TransferEvaluator::begin_band(std::uint64_t chunks) {
@@ -170,6 +173,19 @@ void TransferEvaluator::store_texel(std::size_t o, std::size_t texel, const Sour
                                     std::size_t count, ChunkState& state) const {
   OutputBuffer& out = outputs_[o];
   const int channels = out.image.channels;
+  if (count == 1 && single_reads_[o] != nullptr) {
+    // One read: its stored bits go straight into the output's texel.
+    const std::int16_t k = out.texture_of.empty() ? 0 : out.texture_of[points[0].triangle];
+    const std::size_t texel_bytes =
+        component_bytes(out.image.type) * static_cast<std::size_t>(channels);
+    if (k >= 0 &&
+        single_reads_[o](out.textures[static_cast<std::size_t>(k)], points[0].u, points[0].v,
+                         sampler_, out.image.data.data() + texel * texel_bytes)) {
+      out.valid[texel] = 1;
+      ++state.counts.texels_valid[o];
+    }
+    return;
+  }
   // The first read goes straight into `first`: at anti-aliasing 1 it is the
   // only one, and its texel is copied without ever being read as numbers.
   TexelSample first;

@@ -67,6 +67,7 @@ class TransferEvaluator final : public TexelEvaluator {
   SamplerSettings sampler_;
   bool from_rays_;
   HitDump* dump_;
+  std::vector<StoreRead> single_reads_;  // per output, null: the general path
   TransferCounts counts_;
   std::vector<ChunkState> chunks_;
 };
