@@ -9,11 +9,12 @@
 
 #include "core/error.h"
 #include "core/parse_number.h"
-#include "core/utf8.h"
+#include "run/option_values.h"
 
 namespace kv::meshmaps {
 namespace {
 
+using pipeline::read_path_value;
 using pipeline::UsageError;
 
 std::int32_t read_int(std::string_view option, std::string_view value) {
@@ -30,16 +31,6 @@ float read_number(std::string_view option, std::string_view value) {
     throw UsageError(std::string(option) + " needs a number");
   }
   return *parsed;
-}
-
-std::filesystem::path read_path(std::string_view value) {
-  if (value.find('\0') != std::string_view::npos) {
-    throw UsageError("a path holds a NUL character");
-  }
-  if (!is_valid_utf8(value)) {
-    throw UsageError("a path is not valid UTF-8");
-  }
-  return std::filesystem::path(std::u8string(value.begin(), value.end()));
 }
 
 // Index of value among words; otherwise "<option> takes a, b or c".
@@ -103,29 +94,29 @@ void add_output(MeshMapsSettings& s, const Output& o, std::filesystem::path path
 void add_outputs(Table& t) {
   for (const Output& o : outputs) {
     t[o.option] = [o](MeshMapsSettings& s, std::string_view, std::string_view v) {
-      add_output(s, o, read_path(v));
+      add_output(s, o, read_path_value(v));
     };
   }
   t["--report"] = [](MeshMapsSettings& s, std::string_view, std::string_view v) {
-    s.bake.report = read_path(v);
+    s.bake.report = read_path_value(v);
   };
   t["--cache-dir"] = [](MeshMapsSettings& s, std::string_view, std::string_view v) {
-    s.bake.cache_dir = read_path(v);
+    s.bake.cache_dir = read_path_value(v);
   };
   t["--low"] = [](MeshMapsSettings& s, std::string_view, std::string_view v) {
-    s.bake.low = read_path(v);
+    s.bake.low = read_path_value(v);
   };
   t["--high"] = [](MeshMapsSettings& s, std::string_view, std::string_view v) {
-    s.bake.high = read_path(v);
+    s.bake.high = read_path_value(v);
   };
   t["--normal-map"] = [](MeshMapsSettings& s, std::string_view, std::string_view v) {
-    s.normal_map = read_path(v);
+    s.normal_map = read_path_value(v);
   };
   t["--noise"] = [](MeshMapsSettings& s, std::string_view, std::string_view v) {
-    s.noise = read_path(v);
+    s.noise = read_path_value(v);
   };
   t["--noise-x"] = [](MeshMapsSettings& s, std::string_view, std::string_view v) {
-    s.noise_x = read_path(v);
+    s.noise_x = read_path_value(v);
   };
 }
 
@@ -398,7 +389,6 @@ MeshMapsSettings default_settings() {
   s.curvature.max = 0.001f;
   return s;
 }
-
 
 // Options that name the meshes, the outputs or the run's own files: the
 // service gives those in fields of their own.
