@@ -70,15 +70,7 @@ void Service::bake(const Request& request, const FieldReader& fields) {
   if (fields.has("preview")) {
     fields.fail("preview", "not available in this korvane build");
   }
-  const std::vector<std::string> release_after =
-      fields.has("release_after") ? fields.strings(fields.at("release_after"), "release_after")
-                                  : std::vector<std::string>();
-  // The early reply goes out before the job can write anything of its own.
-  refuse_running_id(request);
-  output_.write_line(success_reply(request.id, Json{{"queued", true}}));
-  queue(request, JobLane::bake, [=, this](Job& job) {
-    const ReleaseAfter release([this](const std::vector<std::string>& keys) { release_keys(keys); },
-                               release_after);
+  queue_job(request, read_release_after(fields), [=, this](Job& job) {
     const Clock::time_point start = Clock::now();
     JobMeshes found = find_job_meshes(meshes_, job, low, high);
     const StoredMesh& low_mesh = found.first;

@@ -63,4 +63,9 @@ std::shared_ptr<const Mesh> joined_others(const JobMeshes& meshes) {
   return std::make_shared<const Mesh>(join_meshes(meshes.other_meshes()));
 }
 
+std::vector<std::string> read_release_after(const FieldReader& fields) {
+  return fields.has("release_after") ? fields.strings(fields.at("release_after"), "release_after")
+                                     : std::vector<std::string>();
+}
+
 }  // namespace kv::service

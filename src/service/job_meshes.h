@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "service/field_reader.h"
 #include "service/job_runner.h"
 #include "service/mesh_store.h"
 
@@ -33,6 +34,9 @@ JobMeshes find_job_meshes(const MeshStore& store, Job& job, const std::string& f
 
 // The other meshes as one: the only one as it is, several joined in order.
 std::shared_ptr<const Mesh> joined_others(const JobMeshes& meshes);
+
+// The keys of a job's optional "release_after" field; none when it is absent.
+std::vector<std::string> read_release_after(const FieldReader& fields);
 
 // Keys a job releases when it ends, however it ends.
 class ReleaseAfter {

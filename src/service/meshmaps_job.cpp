@@ -59,14 +59,7 @@ void Service::meshmaps(const Request& request, const FieldReader& fields) {
   meshmaps::MeshMapsSettings settings = read_meshmaps_settings(fields, counts_.threads);
   read_map_outputs(fields, settings);
   const bool stream = fields.has("stream") && fields.boolean("stream");
-  const std::vector<std::string> release_after =
-      fields.has("release_after") ? fields.strings(fields.at("release_after"), "release_after")
-                                  : std::vector<std::string>();
-  refuse_running_id(request);
-  output_.write_line(success_reply(request.id, Json{{"queued", true}}));
-  queue(request, JobLane::bake, [=, this](Job& job) {
-    const ReleaseAfter release([this](const std::vector<std::string>& keys) { release_keys(keys); },
-                               release_after);
+  queue_job(request, read_release_after(fields), [=, this](Job& job) {
     const Clock::time_point start = Clock::now();
     const meshmaps::MeshMapsEnvironment env =
         meshmaps::read_meshmaps_environment(platform::get_env);

@@ -5,6 +5,7 @@
 #include "gpu/gpu_probe.h"
 #include "platform/platform.h"
 #include "service/hello.h"
+#include "service/job_meshes.h"
 #include "service/job_sink.h"
 #include "service/memory_estimate.h"
 #include "service/protocol_error.h"
@@ -200,6 +201,19 @@ void Service::queue(const Request& request, JobLane lane, std::function<std::str
   if (!runner_.submit(job, lane)) {
     refuse_running_id(request);
   }
+}
+
+void Service::queue_job(const Request& request, std::vector<std::string> release_after,
+                        std::function<std::string(Job&)> run) {
+  refuse_running_id(request);
+  // The early reply goes out before the job can write anything of its own.
+  output_.write_line(success_reply(request.id, Json{{"queued", true}}));
+  queue(request, JobLane::bake,
+        [this, release_after = std::move(release_after), run = std::move(run)](Job& job) {
+          const ReleaseAfter release(
+              [this](const std::vector<std::string>& keys) { release_keys(keys); }, release_after);
+          return run(job);
+        });
 }
 
 std::string Service::job_failure(const Job& job, std::exception_ptr error) const {

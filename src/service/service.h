@@ -50,6 +50,10 @@ class Service {
   void queue(const Request& request, JobLane lane, std::function<std::string(Job&)> run);
   // "<op>: job <id> is already queued or running".
   void refuse_running_id(const Request& request) const;
+  // Answers {"queued":true} and queues a bake-lane job that releases the
+  // keys of release_after when it ends, however it ends.
+  void queue_job(const Request& request, std::vector<std::string> release_after,
+                 std::function<std::string(Job&)> run);
 
   // Mesh loads (mesh_ops.cpp).
   void load_file(const Request& request, const FieldReader& fields);

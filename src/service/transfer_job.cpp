@@ -54,14 +54,7 @@ void Service::transfer(const Request& request, const FieldReader& fields) {
   }
   (settings.mode == transfer::TransferMode::uv2uv ? settings.source_uvs : settings.high) =
       std::filesystem::path(std::u8string(source_text.begin(), source_text.end()));
-  const std::vector<std::string> release_after =
-      fields.has("release_after") ? fields.strings(fields.at("release_after"), "release_after")
-                                  : std::vector<std::string>();
-  refuse_running_id(request);
-  output_.write_line(success_reply(request.id, Json{{"queued", true}}));
-  queue(request, JobLane::bake, [=, this](Job& job) {
-    const ReleaseAfter release([this](const std::vector<std::string>& keys) { release_keys(keys); },
-                               release_after);
+  queue_job(request, read_release_after(fields), [=, this](Job& job) {
     transfer::TransferStart begin;
     begin.start = Clock::now();
     // The settings' own faults come before any wait for the meshes.
