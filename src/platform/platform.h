@@ -266,7 +266,6 @@ inline constexpr int kChildUncaughtExit = 70;
 // threads: only the forking thread exists in it.
 ChildOutcome run_in_child(const std::function<int()>& body, const ChildLimits& limits);
 
-
 // ---- the resident service ------------------------------------------------
 
 // The service's watch on the process that started it: the process opened for
