@@ -2,6 +2,8 @@
 
 import bpy
 
+from . import properties
+
 
 class KORVANE_PT_bake(bpy.types.Panel):
     bl_label = "korvane Bake"
@@ -28,5 +30,8 @@ class KORVANE_PT_bake(bpy.types.Panel):
         column = layout.column(heading="Maps")
         column.prop(settings, "bake_normal")
         column.prop(settings, "bake_opacity")
+        column = layout.column(heading="Mesh Maps")
+        for name in properties.MESH_MAPS:
+            column.prop(settings, "bake_" + name)
         layout.prop(settings, "output_dir")
         layout.operator("korvane.bake", icon='RENDER_STILL')
