@@ -5,6 +5,10 @@ import bpy
 from . import properties
 
 
+# Labels the narrow sidebar would cut; the others keep the property's name.
+_SHORT_LABELS = {"ao": "AO"}
+
+
 class KORVANE_PT_bake(bpy.types.Panel):
     bl_label = "korvane Bake"
     bl_space_type = 'VIEW_3D'
@@ -32,6 +36,7 @@ class KORVANE_PT_bake(bpy.types.Panel):
         column.prop(settings, "bake_opacity")
         column = layout.column(heading="Mesh Maps")
         for name in properties.MESH_MAPS:
-            column.prop(settings, "bake_" + name)
+            label = {"text": _SHORT_LABELS[name]} if name in _SHORT_LABELS else {}
+            column.prop(settings, "bake_" + name, **label)
         layout.prop(settings, "output_dir")
         layout.operator("korvane.bake", icon='RENDER_STILL')

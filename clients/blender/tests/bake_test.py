@@ -7,8 +7,8 @@ Run by CTest as:
 Bakes the sample pair through `korvane.bake` and checks the maps against the
 command-line bake of the same OBJ files, the mesh reuse by hash, a cancelled
 bake and a wrong binary path; then the mesh maps (AO under an occluding plane,
-World Normal) against `korvane meshmaps` and a cancelled mesh-maps job. Any failed check raises, which makes Blender
-exit with status 1.
+World Normal) against `korvane meshmaps` and a cancelled mesh-maps job. Any
+failed check raises, which makes Blender exit with status 1.
 """
 
 import os
