@@ -184,6 +184,7 @@ class BakeSession:
             self._finish(CANCELLED)
             return
         self._current = self._jobs.pop(0)
+        self._written = 0
         op, settings, outputs = self._current
         outputs = dict(outputs)
         fields = {}
@@ -207,10 +208,13 @@ class BakeSession:
         kind = event["event"]
         if kind == "phase":
             self.status = event.get("phase", "")
-        elif kind in ("region", "band") and event.get("total"):
+        elif kind == "region" and event.get("total"):
             self._set_progress(event["done"] / event["total"])
-            self.status = "%s %d%%" % (self._current[0], int(self.progress * 100))
+            self.status = "baking %d%%" % int(self.progress * 100)
         elif kind == "map_done" and event.get("map"):
+            # The mesh-maps job reports no bands: each written map is a step.
+            self._written += 1
+            self._set_progress(self._written / len(self._current[2]))
             self.status = "%s written" % event["map"]
         elif kind == "notice" and event.get("message"):
             self.warnings.append(event["message"])
