@@ -38,5 +38,8 @@ class KORVANE_PT_bake(bpy.types.Panel):
         for name in properties.MESH_MAPS:
             label = {"text": _SHORT_LABELS[name]} if name in _SHORT_LABELS else {}
             column.prop(settings, "bake_" + name, **label)
+        row = layout.row()
+        row.active = settings.bake_id
+        row.prop(settings, "id_source")
         layout.prop(settings, "output_dir")
         layout.operator("korvane.bake", icon='RENDER_STILL')

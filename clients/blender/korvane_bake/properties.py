@@ -47,6 +47,13 @@ class KorvaneSettings(bpy.types.PropertyGroup):
     bake_position: bpy.props.BoolProperty(name="Position", default=False)
     bake_id: bpy.props.BoolProperty(name="ID", default=False)
     bake_bent_normals: bpy.props.BoolProperty(name="Bent Normals", default=False)
+    # Blender's meshes reach korvane without materials or vertex colours, so
+    # the ID map colours what the exported arrays do hold.
+    id_source: bpy.props.EnumProperty(
+        name="ID Source", default='object',
+        items=[('object', "Object", "One colour per high object"),
+               ('mesh-island', "Mesh Island", "One colour per connected part")],
+        description="What the ID map colours")
 
 
 # The maps of the Normal bake and of the mesh-maps job, by their service
@@ -69,7 +76,7 @@ def meshmaps_settings(settings):
     # The normal format also gives Bent Normals the Normal map's convention.
     return ["--size", str(settings.size), "--antialias", settings.aa,
             "--front", _distance(settings.front), "--rear", _distance(settings.rear),
-            "--normal-format", settings.normal_format]
+            "--normal-format", settings.normal_format, "--id-source", settings.id_source]
 
 
 def chosen(settings, names):

@@ -357,9 +357,9 @@ def occluded_high(scratch, examples):
 
 def command_line_meshmaps(binary, examples, high, folder):
     outputs = {name: os.path.join(folder, name + ".exr")
-               for name in ("opacity", "ao", "world_normal")}
+               for name in ("opacity", "ao", "world_normal", "id")}
     command = [binary, "meshmaps", "--low", os.path.join(examples, "sphere_low.obj"),
-               "--high", high, "--size", str(SIZE), "--antialias", AA]
+               "--high", high, "--size", str(SIZE), "--antialias", AA, "--id-source", "object"]
     for name, path in outputs.items():
         command += ["--out-" + name.replace("_", "-"), path]
     subprocess.run(command, check=True, stdout=subprocess.DEVNULL, timeout=WAIT_SECONDS)
@@ -374,13 +374,13 @@ def choose_maps(*names):
 
 
 def test_mesh_maps_match_command_line(binary, examples, scratch):
-    """Opacity from the bake job, AO and World Normal from the mesh-maps job after it."""
+    """Opacity from the bake job; AO, World Normal and ID from the mesh-maps job after it."""
     settings = bpy.context.scene.korvane
     collection, combined = occluded_high(scratch, examples)
     settings.high_object = None
     settings.high_collection = collection
     settings.output_dir = fresh_folder(scratch, "meshmaps")
-    choose_maps("opacity", "ao", "world_normal")
+    choose_maps("opacity", "ao", "world_normal", "id")
     try:
         result = bpy.ops.korvane.bake()
     finally:
@@ -388,7 +388,7 @@ def test_mesh_maps_match_command_line(binary, examples, scratch):
         settings.high_collection = None
     check(result == {'FINISHED'}, "the bake returned %s" % result)
     ours = {name: os.path.join(settings.output_dir, "sphere_low_%s.exr" % name)
-            for name in ("opacity", "ao", "world_normal")}
+            for name in ("opacity", "ao", "world_normal", "id")}
     check(sorted(os.listdir(settings.output_dir)) == sorted(map(os.path.basename, ours.values())),
           "the folder holds %s" % os.listdir(settings.output_dir))
     for path in ours.values():
@@ -406,6 +406,10 @@ def test_mesh_maps_match_command_line(binary, examples, scratch):
           "AO differs from the command line's by %.2e on average, %.2e at most"
           % (difference.mean(), difference.max()))
     compare_vectors("world normal", ours["world_normal"], theirs["world_normal"], covered)
+    # Colours per object: no normal enters them, so they are equal.
+    ids, reference = (pixels(maps["id"])[covered] for maps in (ours, theirs))
+    check(np.array_equal(ids, reference), "%d ID texels differ from the command line's"
+          % np.count_nonzero((ids != reference).any(axis=-1)))
 
 
 def test_cancelled_meshmaps_leaves_no_file(scratch):
