@@ -412,6 +412,26 @@ def test_mesh_maps_match_command_line(binary, examples, scratch):
           % np.count_nonzero((ids != reference).any(axis=-1)))
 
 
+def test_every_mesh_map_is_written(scratch):
+    """Each mesh-map box names a map the service knows, under its own file name."""
+    from korvane_bake import properties
+    settings = bpy.context.scene.korvane
+    settings.output_dir = fresh_folder(scratch, "every_map")
+    choose_maps(*properties.MESH_MAPS)
+    settings.size = 32
+    try:
+        session = run_session()
+    finally:
+        settings.size = SIZE
+    check(session.error is None, "the mesh-maps job failed: %s" % session.error)
+    expected = sorted("sphere_low_%s.exr" % name for name in properties.MESH_MAPS)
+    check(sorted(os.listdir(settings.output_dir)) == expected,
+          "the folder holds %s" % sorted(os.listdir(settings.output_dir)))
+    loaded = sorted(os.path.basename(image.filepath) for image in session.images)
+    check(loaded == expected, "the images loaded are %s" % loaded)
+    check(session.progress == 1.0, "the progress ended at %g" % session.progress)
+
+
 def test_cancelled_meshmaps_leaves_no_file(scratch):
     from korvane_bake import bake_session
     settings = bpy.context.scene.korvane
@@ -453,6 +473,7 @@ def main():
     test_world_triangles_under_skew_and_mirror()
     test_cancelled_bake_leaves_no_file(scratch)
     test_mesh_maps_match_command_line(binary, examples, scratch)
+    test_every_mesh_map_is_written(scratch)
     test_cancelled_meshmaps_leaves_no_file(scratch)
     leaked = shared_sections() - sections_before
     check(not leaked, "shared-memory sections left behind: %s" % sorted(leaked))
