@@ -47,8 +47,8 @@ class KorvaneSettings(bpy.types.PropertyGroup):
     bake_position: bpy.props.BoolProperty(name="Position", default=False)
     bake_id: bpy.props.BoolProperty(name="ID", default=False)
     bake_bent_normals: bpy.props.BoolProperty(name="Bent Normals", default=False)
-    # Blender's meshes reach korvane without materials or vertex colours, so
-    # the ID map colours what the exported arrays do hold.
+    # Blender's meshes reach korvane without materials or vertex colours, by
+    # which every texel would get one colour: objects and islands they hold.
     id_source: bpy.props.EnumProperty(
         name="ID Source", default='object',
         items=[('object', "Object", "One colour per high object"),
