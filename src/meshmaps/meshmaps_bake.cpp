@@ -180,7 +180,8 @@ Prepared prepare(const Mesh& low, const Mesh& high, const MeshMapsSettings& s,
 }
 
 void bake_prepared(const Prepared& p, const Tracer& tracer, std::uint64_t tracer_bytes,
-                   const MeshMapsSettings& s, int threads, MeshMapsRun& run) {
+                   const MeshMapsSettings& s, int threads, const BandDone& band_done,
+                   MeshMapsRun& run) {
   if (any_same_name(s) && !tracer.has_name_groups()) {
     throw Error("meshmaps: name filters require tracer name groups");
   }
@@ -199,7 +200,8 @@ void bake_prepared(const Prepared& p, const Tracer& tracer, std::uint64_t tracer
   try {
     MeshMapsEvaluator evaluator(p.prep, tracer, p.setup, run.buffers);
     BandLoopSeconds seconds;
-    const BandLoopCounters k = run_band_loop(p.prep, tracer, loop, evaluator, pool, {}, &seconds);
+    const BandLoopCounters k =
+        run_band_loop(p.prep, tracer, loop, evaluator, pool, band_done, &seconds);
     run.buffers.counters.samples_covered = k.samples_covered;
     run.buffers.counters.rays = k.rays;
     run.seconds.bake = seconds.total;
@@ -220,12 +222,13 @@ std::vector<std::uint32_t> high_name_groups(const Mesh& low, const Mesh& high,
 }
 
 MeshMapsRun bake_mesh_maps(const Mesh& low, const Mesh& high, const MeshMapsSettings& s,
-                           const MeshMapsEnvironment& env, const BakeExtras& extras, int threads) {
+                           const MeshMapsEnvironment& env, const BakeExtras& extras, int threads,
+                           const BandDone& band_done) {
   MeshMapsRun run;
   Prepared p = prepare(low, high, s, extras, threads, run);
   const std::unique_ptr<CpuTracer> tracer =
       build_tracer(high, std::move(p.high_groups), env, threads, run);
-  bake_prepared(p, *tracer, tracer->memory_bytes(), s, threads, run);
+  bake_prepared(p, *tracer, tracer->memory_bytes(), s, threads, band_done, run);
   return run;
 }
 
@@ -235,7 +238,7 @@ MeshMapsRun bake_mesh_maps_on(const Mesh& low, const Mesh& high, const MeshMapsS
   MeshMapsRun run;
   const Prepared p = prepare(low, high, s, extras, threads, run);
   run.backend = tracer.description();
-  bake_prepared(p, tracer, tracer_bytes, s, threads, run);
+  bake_prepared(p, tracer, tracer_bytes, s, threads, {}, run);
   return run;
 }
 

@@ -13,6 +13,7 @@
 #include "meshmaps/normal_map_input.h"
 #include "meshmaps/sample_directions.h"
 #include "normal/normal_bake.h"
+#include "sampling/band_loop.h"
 #include "trace/tracer.h"
 
 namespace kv::meshmaps {
@@ -49,9 +50,11 @@ struct BakeExtras {
 };
 
 // Bakes with `threads` worker threads (0: every hardware thread). `high` is
-// the low mesh itself under --low-as-high. Throws Error, OutOfMemory.
+// the low mesh itself under --low-as-high. `band_done` runs after each band
+// and may throw Cancelled to end the bake. Throws Error, OutOfMemory.
 MeshMapsRun bake_mesh_maps(const Mesh& low, const Mesh& high, const MeshMapsSettings& settings,
-                           const MeshMapsEnvironment& env, const BakeExtras& extras, int threads);
+                           const MeshMapsEnvironment& env, const BakeExtras& extras, int threads,
+                           const BandDone& band_done = {});
 
 // The same with a tracer the caller built over `high`, with one name group
 // per high triangle when names are matched or any map keeps to the same

@@ -1,18 +1,13 @@
 #include "meshmaps/meshmaps_command.h"
 
 #include <new>
-#include <optional>
 
 #include "core/error.h"
 #include "core/json_line.h"
 #include "core/stopwatch.h"
 #include "mesh/mesh_format.h"
-#include "meshmaps/meshmaps_bake.h"
 #include "meshmaps/meshmaps_options.h"
-#include "meshmaps/meshmaps_output.h"
-#include "meshmaps/meshmaps_summary.h"
-#include "meshmaps/normal_map_input.h"
-#include "meshmaps/sample_directions.h"
+#include "meshmaps/meshmaps_run.h"
 #include "platform/platform.h"
 #include "run/bake_inputs.h"
 
@@ -27,29 +22,6 @@ class WarningSink final : public run::ProgressSink {
   void event(const Json&) override {}
   void warning(std::string_view text) override { platform::write_stderr(text); }
 };
-
-// Until the GPU backend bakes mesh maps, a GPU request runs on the CPU
-// under the fallback policy and fails under the others.
-std::string gpu_fallback_reason(const MeshMapsSettings& s) {
-  if (s.bake.backend != "gpu") {
-    return {};
-  }
-  const std::string why = "the GPU mesh maps backend is not available in this build";
-  if (s.gpu_failure_policy != GpuFailurePolicy::fallback) {
-    throw Error("meshmaps: the GPU backend cannot run: " + why);
-  }
-  return why;
-}
-
-std::optional<NoiseTable> load_noise(const MeshMapsSettings& s) {
-  if (!s.noise_x.empty()) {
-    return NoiseTable::read_raw(s.noise_x);
-  }
-  if (!s.noise.empty()) {
-    return NoiseTable::read_png(s.noise);
-  }
-  return std::nullopt;
-}
 
 void write_report(const std::filesystem::path& path, const std::string& line) {
   int error = 0;
@@ -77,15 +49,9 @@ void check_id_source(const MeshMapsSettings& s) {
 int run_command(const MeshMapsSettings& s) {
   const Clock::time_point start = Clock::now();
   const MeshMapsEnvironment env = read_meshmaps_environment(platform::get_env);
-  check_meshmaps_settings(s);
-  const std::string gpu_fallback = gpu_fallback_reason(s);
+  std::string gpu_fallback = check_meshmaps_run(s);
   check_id_source(s);
-  const std::optional<NoiseTable> noise = load_noise(s);
-  std::optional<NormalMapImage> normal_map;
-  if (!s.normal_map.empty()) {
-    normal_map = decode_normal_map(read_normal_map_texels(s.normal_map), s.bake.normal_format == 1,
-                                   s.normal_map);
-  }
+  const MeshMapsExtras extras = read_meshmaps_extras(s, std::move(gpu_fallback));
 
   WarningSink sink;
   NormalBakeSettings load_settings = s.bake;
@@ -96,17 +62,9 @@ int run_command(const MeshMapsSettings& s) {
   if (s.low_as_high) {
     inputs.high.mesh = Mesh{};
   }
-  RunTimes times;
-  times.load = seconds_since(start);
   const Mesh& high = s.low_as_high ? inputs.low.mesh : inputs.high.mesh;
-  BakeExtras extras;
-  extras.noise = noise ? &*noise : nullptr;
-  extras.normal_map = normal_map ? &*normal_map : nullptr;
-  MeshMapsRun run = bake_mesh_maps(inputs.low.mesh, high, s, env, extras, s.bake.threads);
-  const std::vector<WrittenMap> written = write_mesh_maps(run, s, s.bake.threads, &times.output);
-  times.total = seconds_since(start);
-  const std::string line =
-      json_line(meshmaps_summary_json(s, env, run, written, gpu_fallback, times));
+  const std::string line = json_line(
+      meshmaps_loaded_meshes(s, env, extras, inputs.low.mesh, high, start, seconds_since(start)));
   if (!s.bake.report.empty()) {
     write_report(s.bake.report, line);
   }

@@ -74,30 +74,36 @@ using Reader = std::function<void(MeshMapsSettings&, std::string_view, std::stri
 using Table = std::unordered_map<std::string_view, Reader>;
 using Flag = std::function<void(MeshMapsSettings&)>;
 
+// The map outputs: option, map name, settings field.
+struct Output {
+  std::string_view option;
+  std::string_view map;
+  std::filesystem::path MapOutputs::*field;
+};
+constexpr std::array<Output, 10> outputs = {{
+    {"--out-opacity", "opacity", &MapOutputs::opacity},
+    {"--out-ao", "ao", &MapOutputs::ao},
+    {"--out-thickness", "thickness", &MapOutputs::thickness},
+    {"--out-curvature", "curvature", &MapOutputs::curvature},
+    {"--out-height", "height", &MapOutputs::height},
+    {"--out-raw", "raw", &MapOutputs::raw},
+    {"--out-world-normal", "world_normal", &MapOutputs::world_normal},
+    {"--out-position", "position", &MapOutputs::position},
+    {"--out-id", "id", &MapOutputs::id},
+    {"--out-bent-normals", "bent_normals", &MapOutputs::bent_normals},
+}};
+
+void add_output(MeshMapsSettings& s, const Output& o, std::filesystem::path path) {
+  s.out.*o.field = std::move(path);
+  if (std::find(s.map_order.begin(), s.map_order.end(), o.map) == s.map_order.end()) {
+    s.map_order.emplace_back(o.map);
+  }
+}
+
 void add_outputs(Table& t) {
-  struct Output {
-    std::string_view option;
-    std::string_view map;
-    std::filesystem::path MapOutputs::*field;
-  };
-  static constexpr std::array<Output, 10> outputs = {{
-      {"--out-opacity", "opacity", &MapOutputs::opacity},
-      {"--out-ao", "ao", &MapOutputs::ao},
-      {"--out-thickness", "thickness", &MapOutputs::thickness},
-      {"--out-curvature", "curvature", &MapOutputs::curvature},
-      {"--out-height", "height", &MapOutputs::height},
-      {"--out-raw", "raw", &MapOutputs::raw},
-      {"--out-world-normal", "world_normal", &MapOutputs::world_normal},
-      {"--out-position", "position", &MapOutputs::position},
-      {"--out-id", "id", &MapOutputs::id},
-      {"--out-bent-normals", "bent_normals", &MapOutputs::bent_normals},
-  }};
   for (const Output& o : outputs) {
     t[o.option] = [o](MeshMapsSettings& s, std::string_view, std::string_view v) {
-      s.out.*o.field = read_path(v);
-      if (std::find(s.map_order.begin(), s.map_order.end(), o.map) == s.map_order.end()) {
-        s.map_order.emplace_back(o.map);
-      }
+      add_output(s, o, read_path(v));
     };
   }
   t["--report"] = [](MeshMapsSettings& s, std::string_view, std::string_view v) {
@@ -393,17 +399,33 @@ MeshMapsSettings default_settings() {
   return s;
 }
 
-}  // namespace
 
-MeshMapsSettings parse_meshmaps_options(const std::vector<std::string>& args) {
+// Options that name the meshes, the outputs or the run's own files: the
+// service gives those in fields of their own.
+bool is_command_line_only(const std::string& option) {
+  static constexpr std::array<std::string_view, 7> options = {
+      "--low", "--high", "--low-as-high", "--report", "--cache-dir", "--help", "-h"};
+  return option.rfind("--out-", 0) == 0 ||
+         std::find(options.begin(), options.end(), option) != options.end();
+}
+
+struct Parsed {
   MeshMapsSettings s = default_settings();
   bool size_given = false;
   bool height_given = false;
-  for (std::size_t i = 2; i < args.size(); ++i) {
+};
+
+Parsed parse_list(const std::vector<std::string>& args, std::size_t start, bool settings_mode) {
+  Parsed parsed;
+  MeshMapsSettings& s = parsed.s;
+  for (std::size_t i = start; i < args.size(); ++i) {
     const std::string& option = args[i];
+    if (settings_mode && is_command_line_only(option)) {
+      throw UsageError(option + " is not a setting");
+    }
     if (option == "--help" || option == "-h") {
       s.help = true;
-      return s;
+      return parsed;
     }
     const auto flag = flag_table().find(option);
     if (flag != flag_table().end()) {
@@ -421,11 +443,25 @@ MeshMapsSettings parse_meshmaps_options(const std::vector<std::string>& args) {
       throw UsageError(option + " needs a value");
     }
     found->second(s, option, args[i + 1]);
-    size_given = size_given || option == "--size";
-    height_given = height_given || option == "--height-px";
+    parsed.size_given = parsed.size_given || option == "--size";
+    parsed.height_given = parsed.height_given || option == "--height-px";
     ++i;
   }
-  if (s.bake.low.empty() || !size_given || (s.bake.high.empty() && !s.low_as_high)) {
+  if (!parsed.height_given) {
+    s.bake.height = s.bake.width;
+  }
+  return parsed;
+}
+
+}  // namespace
+
+MeshMapsSettings parse_meshmaps_options(const std::vector<std::string>& args) {
+  const Parsed parsed = parse_list(args, 2, false);
+  const MeshMapsSettings& s = parsed.s;
+  if (s.help) {
+    return s;
+  }
+  if (s.bake.low.empty() || !parsed.size_given || (s.bake.high.empty() && !s.low_as_high)) {
     throw UsageError("meshmaps needs --low, --high (or --low-as-high) and --size");
   }
   if (s.low_as_high && !s.bake.high.empty()) {
@@ -437,10 +473,26 @@ MeshMapsSettings parse_meshmaps_options(const std::vector<std::string>& args) {
   if (!s.out.raw.empty() && s.out.raw.extension() != ".exr") {
     throw UsageError("--out-raw writes float channels: it needs an .exr path");
   }
-  if (!height_given) {
-    s.bake.height = s.bake.width;
-  }
   return s;
+}
+
+MeshMapsSettings parse_meshmaps_settings(const std::vector<std::string>& settings) {
+  const Parsed parsed = parse_list(settings, 0, true);
+  if (!parsed.size_given) {
+    throw UsageError("settings need --size");
+  }
+  return parsed.s;
+}
+
+bool set_map_output(MeshMapsSettings& s, const std::string& map,
+                    const std::filesystem::path& path) {
+  for (const Output& o : outputs) {
+    if (o.map == map && map != "raw") {
+      add_output(s, o, path);
+      return true;
+    }
+  }
+  return false;
 }
 
 namespace {

@@ -99,7 +99,7 @@ const std::filesystem::path& path_of(const std::string& map, const MapOutputs& o
 }  // namespace
 
 std::vector<WrittenMap> write_mesh_maps(MeshMapsRun& run, const MeshMapsSettings& s, int threads,
-                                        OutputSeconds* seconds) {
+                                        OutputSeconds* seconds, const MapWritten& map_written) {
   const WorkerPool pool(threads);
   const std::int32_t w = run.buffers.width;
   const std::int32_t h = run.buffers.height;
@@ -113,6 +113,9 @@ std::vector<WrittenMap> write_mesh_maps(MeshMapsRun& run, const MeshMapsSettings
       writeExrFloat(path, w, h, 4, raw.data(), raw.size(), kExrFloat, threads);
       seconds->write += seconds_since(start);
       written.push_back({map, 0});
+      if (map_written) {
+        map_written(map, path);
+      }
       continue;
     }
     Clock::time_point start = Clock::now();
@@ -127,6 +130,9 @@ std::vector<WrittenMap> write_mesh_maps(MeshMapsRun& run, const MeshMapsSettings
     run::write_map(path, w, h, c.channels, image.codes, threads);
     seconds->write += seconds_since(start);
     written.push_back({map, padded});
+    if (map_written) {
+      map_written(map, path);
+    }
   }
   return written;
 }

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -21,9 +23,13 @@ struct OutputSeconds {
   double write = 0.0;
 };
 
+// Called once a map's file is whole.
+using MapWritten = std::function<void(const std::string& map, const std::filesystem::path& path)>;
+
 // Writes every map asked for; the run's buffers are consumed map by map, so
 // at most one map's codes are held beside them.
 std::vector<WrittenMap> write_mesh_maps(MeshMapsRun& run, const MeshMapsSettings& settings,
-                                        int threads, OutputSeconds* seconds);
+                                        int threads, OutputSeconds* seconds,
+                                        const MapWritten& map_written = {});
 
 }  // namespace kv::meshmaps

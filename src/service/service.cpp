@@ -16,8 +16,8 @@ constexpr std::uint64_t kMiB = 1048576;
 
 // Ops the protocol names whose work this build does not carry yet.
 bool is_unavailable(std::string_view op) {
-  static constexpr std::array<std::string_view, 6> ops = {
-      "meshmaps", "mesh.preview", "rays.hit", "cage.check", "mesh.lod", "cage.fields"};
+  static constexpr std::array<std::string_view, 5> ops = {"mesh.preview", "rays.hit", "cage.check",
+                                                          "mesh.lod", "cage.fields"};
   return std::find(ops.begin(), ops.end(), op) != ops.end();
 }
 
@@ -89,6 +89,8 @@ void Service::dispatch(const Request& request) {
     prepare_scene(request, fields);
   } else if (op == "transfer") {
     transfer(request, fields);
+  } else if (op == "meshmaps") {
+    meshmaps(request, fields);
   } else if (is_unavailable(op)) {
     fields.fail_request("not available in this korvane build");
   } else {

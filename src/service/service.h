@@ -70,6 +70,7 @@ class Service {
 
   // Texture transfers (transfer_job.cpp).
   void transfer(const Request& request, const FieldReader& fields);
+  void meshmaps(const Request& request, const FieldReader& fields);
 
   // The refusal of work that needs more than the budget (memory_request.cpp).
   std::string out_of_memory_message(const std::string& op, std::uint64_t need_bytes) const;

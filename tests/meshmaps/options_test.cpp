@@ -166,6 +166,36 @@ TEST(MeshMapsOptions, SettingsChecksNameTheMap) {
             "(no error)");
 }
 
+TEST(MeshMapsOptions, SettingsModeLeavesMeshesAndOutputsToTheCaller) {
+  MeshMapsSettings s = parse_meshmaps_settings(
+      {"--size", "32", "--height-px", "16", "--ao-rays", "9", "--gpu-exact"});
+  EXPECT_EQ(s.bake.width, 32);
+  EXPECT_EQ(s.bake.height, 16);
+  EXPECT_EQ(s.ao.rays, 9);
+  EXPECT_TRUE(s.gpu_exact);
+  EXPECT_TRUE(s.map_order.empty());
+  EXPECT_EQ(parse_meshmaps_settings({"--size", "24"}).bake.height, 24);
+  // Maps come in the order asked for; a repeat keeps its place.
+  EXPECT_TRUE(set_map_output(s, "height", "h.png"));
+  EXPECT_TRUE(set_map_output(s, "ao", "a.png"));
+  EXPECT_TRUE(set_map_output(s, "height", "h2.png"));
+  EXPECT_EQ(s.map_order, (std::vector<std::string>{"height", "ao"}));
+  EXPECT_EQ(s.out.height, "h2.png");
+  EXPECT_FALSE(set_map_output(s, "raw", "r.exr"));
+  EXPECT_FALSE(set_map_output(s, "normal", "n.png"));
+  EXPECT_TRUE(s.out.raw.empty());
+
+  const auto message = [](std::vector<std::string> list) {
+    return message_of<UsageError>([&] { parse_meshmaps_settings(list); });
+  };
+  for (const char* option : {"--low", "--high", "--out-ao", "--out-raw", "--report", "--cache-dir",
+                             "--help", "--low-as-high"}) {
+    EXPECT_EQ(message({"--size", "8", option, "x"}), std::string(option) + " is not a setting");
+  }
+  EXPECT_EQ(message({"--ao-rays", "4"}), "settings need --size");
+  EXPECT_EQ(message({"--size", "8", "--bogus", "1"}), "unknown option --bogus");
+}
+
 TEST(MeshMapsOptions, EnvironmentVariablesAndTheirRefusals) {
   auto env_of = [](std::map<std::string, std::string> vars) {
     return [vars](const char* name) -> std::optional<std::string> {

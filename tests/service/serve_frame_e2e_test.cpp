@@ -173,7 +173,6 @@ TEST(ServeFrame, OpsThatAnswerAtOnce) {
 
   // Each with its required fields, so that only the op itself is refused.
   const std::vector<std::pair<std::string, std::vector<std::string>>> later = {
-      {"meshmaps", {"low", "high", "settings", "outputs"}},
       {"mesh.preview", {"key", "preview"}},
       {"mesh.lod", {"key", "target_tris", "max_error"}},
       {"rays.hit", {"key", "count", "t_max"}},
