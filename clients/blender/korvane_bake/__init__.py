@@ -1,4 +1,4 @@
-"""korvane Bake: Normal and Opacity maps baked by a resident `korvane serve`."""
+"""korvane Bake: Normal, Opacity and mesh maps baked by a resident `korvane serve`."""
 
 bl_info = {
     "name": "korvane Bake",
@@ -6,8 +6,8 @@ bl_info = {
     "version": (0, 4, 0),
     "blender": (3, 4, 0),
     "location": "3D Viewport > Sidebar > korvane",
-    "description": "Bakes tangent-space Normal and Opacity maps from a high mesh "
-                   "onto a low mesh's UV layout with korvane",
+    "description": "Bakes tangent-space Normal, Opacity and mesh maps (AO, curvature, ...) "
+                   "from a high mesh onto a low mesh's UV layout with korvane",
     "category": "Render",
 }
 

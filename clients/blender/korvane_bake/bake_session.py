@@ -16,7 +16,6 @@ from .service_client import ServiceError
 
 LOW_KEY = "blender:low"
 HIGH_KEY = "blender:high"
-MAPS = ("normal", "opacity")
 CANCELLED = "cancelled"
 
 
@@ -39,7 +38,9 @@ def high_objects(settings):
 
 
 class BakeSession:
-    """Loads the meshes, queues the bake and follows it to its final reply.
+    """Loads the meshes, queues the jobs one after the other and follows each
+    to its final reply: the Normal bake when Normal or Opacity is chosen, then
+    one mesh-maps job for the chosen mesh maps, on the same loaded keys.
 
     `step` handles what the service has sent so far; `done` turns true with
     the final reply, after which `error` or `images` tell the outcome.
@@ -56,21 +57,21 @@ class BakeSession:
         self.images = []
         self.done = False
         self._sections = {}  # load request id -> (key, MeshSection)
-        self._bake_id = None
+        self._job_id = None  # the job queued or running now
+        self._current = None  # its (op, settings, outputs)
         self._cancel_sent = False
         self._scratch = None
         self._check_settings()
-        # What the bake writes is fixed now: the panel may change meanwhile.
-        self._bake_settings = properties.bake_settings(self.settings)
-        self._outputs = {name: map_path(self.folder, self.settings.low_object.name, name)
-                         for name in MAPS if getattr(self.settings, "bake_" + name)}
+        # What the jobs write is fixed now: the panel may change meanwhile.
+        self._jobs = self._plan_jobs()
+        self._jobs_total = len(self._jobs)
         self._load_meshes(context.evaluated_depsgraph_get())
 
     def _check_settings(self):
         settings = self.settings
         if settings.low_object is None:
             raise ServiceError("set a low object")
-        if not (settings.bake_normal or settings.bake_opacity):
+        if not properties.chosen(settings, properties.NORMAL_MAPS + properties.MESH_MAPS):
             raise ServiceError("choose at least one map to bake")
         folder = settings.output_dir or "//"
         if folder.startswith("//") and not bpy.data.filepath:
@@ -83,6 +84,19 @@ class BakeSession:
         except OSError as error:
             raise ServiceError("cannot make the output folder '%s': %s"
                                % (self.folder, error.strerror or error))
+
+    def _plan_jobs(self):
+        """(op, settings, outputs) of each job, in the order they run."""
+        low = self.settings.low_object.name
+        jobs = []
+        for op, names, settings in (
+                ("bake", properties.NORMAL_MAPS, properties.bake_settings),
+                ("meshmaps", properties.MESH_MAPS, properties.meshmaps_settings)):
+            names = properties.chosen(self.settings, names)
+            if names:
+                outputs = {name: map_path(self.folder, low, name) for name in names}
+                jobs.append((op, settings(self.settings), outputs))
+        return jobs
 
     def _load_meshes(self, depsgraph):
         low = [mesh_export.export_object(self.settings.low_object, depsgraph, True)]
@@ -106,8 +120,13 @@ class BakeSession:
 
     @property
     def bake_queued(self):
-        """True once the bake request is sent (the meshes are loaded)."""
-        return self._bake_id is not None
+        """True once a job request is sent (the meshes are loaded)."""
+        return self._job_id is not None
+
+    @property
+    def job_op(self):
+        """The op of the job queued or running now, or None."""
+        return self._current[0] if self._job_id is not None else None
 
     def step(self, timeout=0.0):
         """Handles every line that arrived; waits up to `timeout` for the first."""
@@ -129,11 +148,11 @@ class BakeSession:
             return
         self._cancel_sent = True
         self.status = "cancelling"
-        if self._bake_id is None:
+        if self._job_id is None:
             self._finish(CANCELLED)
             return
         try:
-            self.client.send("cancel", job=self._bake_id)
+            self.client.send("cancel", job=self._job_id)
         except ServiceError as error:
             self._finish(str(error))
 
@@ -141,12 +160,12 @@ class BakeSession:
         if message is None:
             self._finish(self.client.ended_message())
         elif "event" in message:
-            if message.get("job") == self._bake_id:
+            if message.get("job") == self._job_id:
                 self._on_event(message)
         elif message.get("id") in self._sections:
             self._on_loaded(message)
-        elif message.get("id") == self._bake_id:
-            self._on_bake_reply(message)
+        elif message.get("id") == self._job_id:
+            self._on_job_reply(message)
 
     def _on_loaded(self, reply):
         key, section = self._sections.pop(reply["id"])
@@ -158,21 +177,28 @@ class BakeSession:
         if reply.get("reused"):
             self.reused.append(key)
         if not self._sections and self.error is None:
-            self._submit_bake()
+            self._submit_next()
 
-    def _submit_bake(self):
+    def _submit_next(self):
         if self._cancel_sent:
             self._finish(CANCELLED)
             return
-        outputs = dict(self._outputs)
-        if "normal" not in outputs:
+        self._current = self._jobs.pop(0)
+        self._written = 0
+        op, settings, outputs = self._current
+        outputs = dict(outputs)
+        fields = {}
+        if op == "bake" and "normal" not in outputs:
             # The service always writes a Normal map; an unwanted one goes to
-            # a scratch folder removed when the bake ends.
+            # a scratch folder removed when the session ends.
             self._scratch = tempfile.mkdtemp(prefix="korvane-")
             outputs["normal"] = os.path.join(self._scratch, "normal.exr")
+        if op == "meshmaps":
+            # Each map written is announced, so the status can name it.
+            fields["stream"] = True
         try:
-            self._bake_id = self.client.send("bake", low=LOW_KEY, high=HIGH_KEY,
-                                             settings=self._bake_settings, outputs=outputs)
+            self._job_id = self.client.send(op, low=LOW_KEY, high=HIGH_KEY, settings=settings,
+                                            outputs=outputs, **fields)
         except ServiceError as error:
             self._finish(str(error))
             return
@@ -183,24 +209,37 @@ class BakeSession:
         if kind == "phase":
             self.status = event.get("phase", "")
         elif kind == "region" and event.get("total"):
-            self.progress = event["done"] / event["total"]
+            self._set_progress(event["done"] / event["total"])
             self.status = "baking %d%%" % int(self.progress * 100)
+        elif kind == "map_done" and event.get("map"):
+            # The mesh-maps job reports no bands: each written map is a step.
+            self._written += 1
+            self._set_progress(self._written / len(self._current[2]))
+            self.status = "%s written" % event["map"]
         elif kind == "notice" and event.get("message"):
             self.warnings.append(event["message"])
 
-    def _on_bake_reply(self, reply):
+    def _set_progress(self, job_fraction):
+        """The whole session's share done: each job counts alike."""
+        finished = self._jobs_total - len(self._jobs) - 1
+        self.progress = (finished + min(max(job_fraction, 0.0), 1.0)) / self._jobs_total
+
+    def _on_job_reply(self, reply):
         if reply.get("queued"):
             return
         if not reply.get("ok"):
             self._finish(CANCELLED if reply.get("code") == "cancelled" else reply.get("error"))
             return
-        self.progress = 1.0
+        self._set_progress(1.0)
         try:
-            self.images = [_load_image(path) for path in self._outputs.values()]
+            self.images += [_load_image(path) for path in self._current[2].values()]
         except RuntimeError as error:
             self._finish("the maps were written, but Blender cannot open them: %s" % error)
             return
-        self._finish(None)
+        if self._jobs:
+            self._submit_next()
+        else:
+            self._finish(None)
 
     def _finish(self, error):
         self.error = error

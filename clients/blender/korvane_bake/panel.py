@@ -2,6 +2,12 @@
 
 import bpy
 
+from . import properties
+
+
+# Labels the narrow sidebar would cut; the others keep the property's name.
+_SHORT_LABELS = {"ao": "AO"}
+
 
 class KORVANE_PT_bake(bpy.types.Panel):
     bl_label = "korvane Bake"
@@ -28,5 +34,12 @@ class KORVANE_PT_bake(bpy.types.Panel):
         column = layout.column(heading="Maps")
         column.prop(settings, "bake_normal")
         column.prop(settings, "bake_opacity")
+        column = layout.column(heading="Mesh Maps")
+        for name in properties.MESH_MAPS:
+            label = {"text": _SHORT_LABELS[name]} if name in _SHORT_LABELS else {}
+            column.prop(settings, "bake_" + name, **label)
+        row = layout.row()
+        row.active = settings.bake_id
+        row.prop(settings, "id_source")
         layout.prop(settings, "output_dir")
         layout.operator("korvane.bake", icon='RENDER_STILL')

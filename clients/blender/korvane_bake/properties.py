@@ -39,6 +39,29 @@ class KorvaneSettings(bpy.types.PropertyGroup):
         description="Folder the maps are written to, as <low object>_<map>.exr")
     bake_normal: bpy.props.BoolProperty(name="Normal", default=True)
     bake_opacity: bpy.props.BoolProperty(name="Opacity", default=False)
+    bake_ao: bpy.props.BoolProperty(name="Ambient Occlusion", default=False)
+    bake_thickness: bpy.props.BoolProperty(name="Thickness", default=False)
+    bake_curvature: bpy.props.BoolProperty(name="Curvature", default=False)
+    bake_height: bpy.props.BoolProperty(name="Height", default=False)
+    bake_world_normal: bpy.props.BoolProperty(name="World Normal", default=False)
+    bake_position: bpy.props.BoolProperty(name="Position", default=False)
+    bake_id: bpy.props.BoolProperty(name="ID", default=False)
+    bake_bent_normals: bpy.props.BoolProperty(name="Bent Normals", default=False)
+    # Blender's meshes reach korvane without materials or vertex colours, by
+    # which every texel would get one colour: objects and islands they hold.
+    id_source: bpy.props.EnumProperty(
+        name="ID Source", default='object',
+        items=[('object', "Object", "One colour per high object"),
+               ('mesh-island', "Mesh Island", "One colour per connected part")],
+        description="What the ID map colours")
+
+
+# The maps of the Normal bake and of the mesh-maps job, by their service
+# names; each has a `bake_<name>` property. Opacity stays with the Normal bake:
+# it is the coverage of the rays that bake casts anyway.
+NORMAL_MAPS = ("normal", "opacity")
+MESH_MAPS = ("ao", "thickness", "curvature", "height", "world_normal", "position", "id",
+             "bent_normals")
 
 
 def bake_settings(settings):
@@ -46,6 +69,18 @@ def bake_settings(settings):
     return ["--size", str(settings.size), "--aa", settings.aa,
             "--front", _distance(settings.front), "--rear", _distance(settings.rear),
             "--normal-format", settings.normal_format]
+
+
+def meshmaps_settings(settings):
+    """The mesh-maps job's settings list: the same primary rays as the bake."""
+    # The normal format also gives Bent Normals the Normal map's convention.
+    return ["--size", str(settings.size), "--antialias", settings.aa,
+            "--front", _distance(settings.front), "--rear", _distance(settings.rear),
+            "--normal-format", settings.normal_format, "--id-source", settings.id_source]
+
+
+def chosen(settings, names):
+    return [name for name in names if getattr(settings, "bake_" + name)]
 
 
 def _distance(value):

@@ -6,8 +6,9 @@ Run by CTest as:
 
 Bakes the sample pair through `korvane.bake` and checks the maps against the
 command-line bake of the same OBJ files, the mesh reuse by hash, a cancelled
-bake and a wrong binary path. Any failed check raises, which makes Blender
-exit with status 1.
+bake and a wrong binary path; then the mesh maps (AO under an occluding plane,
+World Normal) against `korvane meshmaps` and a cancelled mesh-maps job. Any
+failed check raises, which makes Blender exit with status 1.
 """
 
 import os
@@ -24,6 +25,23 @@ SIZE = 256
 AA = "4"
 MAX_MEAN_DEGREES = 0.05
 WAIT_SECONDS = 120.0
+# Blender's custom normals differ from the file's by about 1e-4 and tilt each
+# AO ray by as much: a ray grazing the occluder's edge may then flip between
+# hit and miss, moving its texel by 1 / (64 rays x 16 sub-samples) ~ 0.001.
+# Measured: mean 8e-6, at most 4 flips in a texel; a wrong distance or ray
+# count moves the mean by far more.
+MAX_AO_MEAN_DIFFERENCE = 1e-4
+MAX_AO_DIFFERENCE = 0.01
+# A plane under the sample sphere, so that AO varies from about 0.16 to 1.
+OCCLUDER_OBJ = """o occluder
+v -1.5 -1.5 -1.25
+v 1.5 -1.5 -1.25
+v 1.5 1.5 -1.25
+v -1.5 1.5 -1.25
+vn 0 0 1
+f 1//1 2//1 3//1
+f 1//1 3//1 4//1
+"""
 
 
 def arguments():
@@ -93,20 +111,30 @@ def tangent_vectors(rgba):
     return vectors / np.linalg.norm(vectors, axis=-1, keepdims=True)
 
 
-def compare_maps(ours, theirs):
-    """Same covered texels, normals within MAX_MEAN_DEGREES on average."""
+def same_coverage(ours, theirs):
+    """The texels both opacity maps cover; they must be the same ones."""
     covered = pixels(ours["opacity"])[..., 0] > 0.5
     reference = pixels(theirs["opacity"])[..., 0] > 0.5
     check(covered.any(), "the add-on's bake covers no texel")
     differing = int(np.count_nonzero(covered != reference))
     check(differing == 0, "%d texels differ in coverage from the command line's" % differing)
-    cosines = np.sum(tangent_vectors(pixels(ours["normal"])) *
-                     tangent_vectors(pixels(theirs["normal"])), axis=-1)
+    return covered
+
+
+def compare_vectors(name, ours, theirs, covered):
+    """Unit vectors within MAX_MEAN_DEGREES of each other on average."""
+    cosines = np.sum(tangent_vectors(pixels(ours)) * tangent_vectors(pixels(theirs)), axis=-1)
     angles = np.degrees(np.arccos(np.clip(cosines[covered], -1.0, 1.0)))
-    print("korvane bake test: mean angle %.5f deg, max %.5f deg over %d texels"
-          % (angles.mean(), angles.max(), angles.size))
+    print("korvane bake test: %s mean angle %.5f deg, max %.5f deg over %d texels"
+          % (name, angles.mean(), angles.max(), angles.size))
     check(angles.mean() < MAX_MEAN_DEGREES,
-          "mean angle %.4f degrees against the command line's bake" % angles.mean())
+          "%s: mean angle %.4f degrees against the command line's bake" % (name, angles.mean()))
+
+
+def compare_maps(ours, theirs):
+    """Same covered texels, normals within MAX_MEAN_DEGREES on average."""
+    covered = same_coverage(ours, theirs)
+    compare_vectors("normal", ours["normal"], theirs["normal"], covered)
 
 
 def run_session(on_queued=None):
@@ -300,6 +328,131 @@ def test_cancelled_bake_leaves_no_file(scratch):
     check(not left, "a cancelled bake left %s" % left)
 
 
+def occluded_high(scratch, examples):
+    """The sample's high sphere with OCCLUDER_OBJ, as a collection and as one OBJ file."""
+    occluder_path = os.path.join(scratch, "occluder.obj")
+    with open(occluder_path, "w") as stream:
+        stream.write(OCCLUDER_OBJ)
+    bpy.ops.wm.obj_import(filepath=occluder_path, forward_axis='Y', up_axis='Z')
+    collection = bpy.data.collections.new("occluded_high")
+    for name in ("sphere_high", "occluder"):
+        collection.objects.link(bpy.data.objects[name])
+    # The command line reads one file: the occluder's indices follow the sphere's.
+    with open(os.path.join(examples, "sphere_high.obj")) as stream:
+        sphere = stream.read()
+    vertices = sum(1 for line in sphere.splitlines() if line.startswith("v "))
+    normals = sum(1 for line in sphere.splitlines() if line.startswith("vn "))
+    lines = []
+    for line in OCCLUDER_OBJ.splitlines():
+        if line.startswith("f "):
+            corners = [corner.split("//") for corner in line.split()[1:]]
+            line = "f " + " ".join("%d//%d" % (int(v) + vertices, int(n) + normals)
+                                   for v, n in corners)
+        lines.append(line)
+    combined = os.path.join(scratch, "occluded_high.obj")
+    with open(combined, "w") as stream:
+        stream.write(sphere + "\n".join(lines) + "\n")
+    return collection, combined
+
+
+def command_line_meshmaps(binary, examples, high, folder):
+    outputs = {name: os.path.join(folder, name + ".exr")
+               for name in ("opacity", "ao", "world_normal", "id")}
+    command = [binary, "meshmaps", "--low", os.path.join(examples, "sphere_low.obj"),
+               "--high", high, "--size", str(SIZE), "--antialias", AA, "--id-source", "object"]
+    for name, path in outputs.items():
+        command += ["--out-" + name.replace("_", "-"), path]
+    subprocess.run(command, check=True, stdout=subprocess.DEVNULL, timeout=WAIT_SECONDS)
+    return outputs
+
+
+def choose_maps(*names):
+    from korvane_bake import properties
+    settings = bpy.context.scene.korvane
+    for name in properties.NORMAL_MAPS + properties.MESH_MAPS:
+        setattr(settings, "bake_" + name, name in names)
+
+
+def test_mesh_maps_match_command_line(binary, examples, scratch):
+    """Opacity from the bake job; AO, World Normal and ID from the mesh-maps job after it."""
+    settings = bpy.context.scene.korvane
+    collection, combined = occluded_high(scratch, examples)
+    settings.high_object = None
+    settings.high_collection = collection
+    settings.output_dir = fresh_folder(scratch, "meshmaps")
+    choose_maps("opacity", "ao", "world_normal", "id")
+    try:
+        result = bpy.ops.korvane.bake()
+    finally:
+        settings.high_object = bpy.data.objects["sphere_high"]
+        settings.high_collection = None
+    check(result == {'FINISHED'}, "the bake returned %s" % result)
+    ours = {name: os.path.join(settings.output_dir, "sphere_low_%s.exr" % name)
+            for name in ("opacity", "ao", "world_normal", "id")}
+    check(sorted(os.listdir(settings.output_dir)) == sorted(map(os.path.basename, ours.values())),
+          "the folder holds %s" % os.listdir(settings.output_dir))
+    for path in ours.values():
+        image = bpy.data.images.get(os.path.basename(path))
+        check(image is not None, "%s is not a Blender image" % path)
+        check(image.colorspace_settings.name == 'Non-Color', "%s is not Non-Color" % path)
+    theirs = command_line_meshmaps(binary, examples, combined, fresh_folder(scratch, "cli_mm"))
+    covered = same_coverage(ours, theirs)
+    ao, reference = (pixels(maps["ao"])[..., 0][covered] for maps in (ours, theirs))
+    check(reference.min() < 0.5, "the occluder darkens no texel: AO min %g" % reference.min())
+    difference = np.abs(ao.astype(np.float64) - reference)
+    print("korvane bake test: AO mean difference %.2e, max %.2e"
+          % (difference.mean(), difference.max()))
+    check(difference.mean() < MAX_AO_MEAN_DIFFERENCE and difference.max() < MAX_AO_DIFFERENCE,
+          "AO differs from the command line's by %.2e on average, %.2e at most"
+          % (difference.mean(), difference.max()))
+    compare_vectors("world normal", ours["world_normal"], theirs["world_normal"], covered)
+    # Colours per object: no normal enters them, so they are equal.
+    ids, reference = (pixels(maps["id"])[covered] for maps in (ours, theirs))
+    check(np.array_equal(ids, reference), "%d ID texels differ from the command line's"
+          % np.count_nonzero((ids != reference).any(axis=-1)))
+
+
+def test_every_mesh_map_is_written(scratch):
+    """Each mesh-map box names a map the service knows, under its own file name."""
+    from korvane_bake import properties
+    settings = bpy.context.scene.korvane
+    settings.output_dir = fresh_folder(scratch, "every_map")
+    choose_maps(*properties.MESH_MAPS)
+    settings.size = 32
+    try:
+        session = run_session()
+    finally:
+        settings.size = SIZE
+    check(session.error is None, "the mesh-maps job failed: %s" % session.error)
+    expected = sorted("sphere_low_%s.exr" % name for name in properties.MESH_MAPS)
+    check(sorted(os.listdir(settings.output_dir)) == expected,
+          "the folder holds %s" % sorted(os.listdir(settings.output_dir)))
+    loaded = sorted(os.path.basename(image.filepath) for image in session.images)
+    check(loaded == expected, "the images loaded are %s" % loaded)
+    check(session.progress == 1.0, "the progress ended at %g" % session.progress)
+
+
+def test_cancelled_meshmaps_leaves_no_file(scratch):
+    from korvane_bake import bake_session
+    settings = bpy.context.scene.korvane
+    settings.output_dir = fresh_folder(scratch, "meshmaps_cancelled")
+    choose_maps("ao", "thickness")
+    settings.size = 2048
+    ops = []
+
+    def cancel(session):
+        ops.append(session.job_op)
+        session.cancel()
+    try:
+        session = run_session(on_queued=cancel)
+    finally:
+        settings.size = SIZE
+    check(ops == ["meshmaps"], "the cancelled job was %s" % ops)
+    check(session.error == bake_session.CANCELLED, "the job ended with %r" % session.error)
+    left = os.listdir(settings.output_dir)
+    check(not left, "a cancelled mesh-maps job left %s" % left)
+
+
 def shared_sections():
     return {name for name in os.listdir("/dev/shm") if name.startswith("psm_")}
 
@@ -319,6 +472,9 @@ def main():
     test_world_transform(scratch, reference)
     test_world_triangles_under_skew_and_mirror()
     test_cancelled_bake_leaves_no_file(scratch)
+    test_mesh_maps_match_command_line(binary, examples, scratch)
+    test_every_mesh_map_is_written(scratch)
+    test_cancelled_meshmaps_leaves_no_file(scratch)
     leaked = shared_sections() - sections_before
     check(not leaked, "shared-memory sections left behind: %s" % sorted(leaked))
     print("korvane bake test: all checks passed")

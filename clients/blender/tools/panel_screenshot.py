@@ -15,7 +15,7 @@ import bpy
 import numpy as np
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-CROP_WIDTH, CROP_HEIGHT = 420, 420  # the sidebar's top right corner
+CROP_WIDTH, CROP_HEIGHT = 420, 640  # the sidebar's top right corner
 
 
 def arguments():
