@@ -168,6 +168,23 @@ std::vector<unsigned char> encode_samples(const SampleView& image, int threads) 
   return png;
 }
 
+// Encodes, naming the file in an encoding error, then writes the bytes
+// through the temporary file, making the folder first.
+template <typename Encode>
+void write_encoded(const std::filesystem::path& path, Encode encode) {
+  std::vector<unsigned char> png;
+  try {
+    png = encode();
+  } catch (const Error& e) {
+    throw Error(path.string() + ": " + e.what());
+  }
+  const std::filesystem::path parent = path.parent_path();
+  if (!parent.empty()) {
+    platform::create_directories(parent);  // a failure shows when the file is created
+  }
+  write_file_replacing(path, png.data(), png.size());
+}
+
 }  // namespace
 
 void writePngCodes(const std::filesystem::path& path, int width, int height, int channels,
@@ -185,31 +202,11 @@ void writePngCodes(const std::filesystem::path& path, int width, int height, int
   view.height = static_cast<unsigned>(height);
   view.channels = channels;
   view.sample_bytes = 2;
-  std::vector<unsigned char> png;
-  try {
-    png = encode_samples(view, threads);
-  } catch (const Error& e) {
-    throw Error(path.string() + ": " + e.what());
-  }
-  const std::filesystem::path parent = path.parent_path();
-  if (!parent.empty()) {
-    platform::create_directories(parent);  // a failure shows when the file is created
-  }
-  write_file_replacing(path, png.data(), png.size());
+  write_encoded(path, [&] { return encode_samples(view, threads); });
 }
 
 void writePng(const std::filesystem::path& path, const TexelImage& image, int threads) {
-  std::vector<unsigned char> png;
-  try {
-    png = encodePng(image, threads);
-  } catch (const Error& e) {
-    throw Error(path.string() + ": " + e.what());
-  }
-  const std::filesystem::path parent = path.parent_path();
-  if (!parent.empty()) {
-    platform::create_directories(parent);  // a failure shows when the file is created
-  }
-  write_file_replacing(path, png.data(), png.size());
+  write_encoded(path, [&] { return encodePng(image, threads); });
 }
 
 std::vector<unsigned char> encodePng(const TexelImage& image, int threads) {
