@@ -297,14 +297,14 @@ namespace {
 // A candidate of a grid cell set up for one sample row: the terms of
 // snapped_test that do not change along the row, formed by the same
 // operations, so that every hit keeps its bits.
-struct RowCandidate {
-  std::uint32_t t = 0;
-  double x0 = 0.0;  // q[0]
-  double ey = 0.0;  // q[5] - q[1]
-  double ex = 0.0;  // q[3] - q[1]
-  double c1 = 0.0;  // (py - q[1]) * (q[4] - q[0])
-  double c2 = 0.0;  // (py - q[1]) * (q[2] - q[0])
-  double d = 0.0;
+struct RowCandidate {  // without initialisers: set up per cell in an array on the stack
+  std::uint32_t t;
+  double x0;  // q[0]
+  double ey;  // q[5] - q[1]
+  double ex;  // q[3] - q[1]
+  double c1;  // (py - q[1]) * (q[4] - q[0])
+  double c2;  // (py - q[1]) * (q[2] - q[0])
+  double d;
 };
 
 // Cells listing more candidates than this are looked up sample by sample.

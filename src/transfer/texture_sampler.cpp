@@ -222,10 +222,12 @@ namespace {
   return &image;
 }
 
-template <std::size_t Bytes>
+// The readers below take the address mode as a constant, so that each one's
+// per-texel branches on it fold away.
+template <std::size_t Bytes, AddressMode Address>
 [[gnu::always_inline]] inline bool store_nearest(const SourceTexture& source, double u, double v,
-                                                 const SamplerSettings& s, std::uint8_t* dest) {
-  const TexelImage* image = place_uv(source, u, v, s.address);
+                                                 const SamplerSettings&, std::uint8_t* dest) {
+  const TexelImage* image = place_uv(source, u, v, Address);
   if (image == nullptr) {
     return false;
   }
@@ -235,21 +237,25 @@ template <std::size_t Bytes>
   return true;
 }
 
-// The 8-bit-weight blend of u8 or u16 codes in whole numbers: every weight
-// is a multiple of 2^-16 and every product and sum below 2^53 in doubles,
-// so the doubles' sum is exactly sum / 2^16, and rounding it half to even
-// is the same as rounding the whole number. A weight of 1 gives the texel's
-// own code, as its copied bytes would.
-// The first of a bilinear read's two texels along an axis (floor_of(x)) and
-// the second's weight, the fraction over it rounded half to even in 256ths:
-// adding 2^52 rounds the 256ths to a whole number and leaves it in the low
-// bits of the sum, without the conversions round_half_even makes.
+// The first of a bilinear read's two texels along an axis and the
+// second's weight in 256ths, for a blend equal to the one from floor_of(x)
+// and the fraction over it rounded half to even. Adding 2^52 rounds to a
+// whole number and leaves it in the low bits of the sum. For x >= 0 the
+// fraction is exact, so rounding x * 256 (exact too, and below 2^52 for
+// any UV place_uv lets through) gives the same 256ths; where they round up
+// to a whole texel this names the next texel with weight 0, which blends to
+// the same codes. Below 0 the fraction x + 1 may round, and is kept.
 struct AxisTap {
   std::int64_t first = 0;
   std::uint32_t weight = 0;
 };
 
 [[gnu::always_inline]] inline AxisTap axis_tap(double x) {
+  constexpr std::uint64_t kMantissa = (std::uint64_t{1} << 52) - 1;
+  if (x >= 0.0) {
+    const std::uint64_t whole = std::bit_cast<std::uint64_t>(x * 256.0 + 0x1p52) & kMantissa;
+    return {static_cast<std::int64_t>(whole >> 8), static_cast<std::uint32_t>(whole & 0xffu)};
+  }
   const auto whole = static_cast<std::int64_t>(x);
   const std::int64_t first = whole - static_cast<std::int64_t>(static_cast<double>(whole) > x);
   const double code = (x - static_cast<double>(first)) * 256.0 + 0x1p52;
@@ -291,11 +297,45 @@ template <int Channels>
   std::memcpy(dest, &word, Channels);
 }
 
+// The same blend channel by channel, for codes too wide for shared lanes.
 template <typename Code, typename Sum, int Channels>
+[[gnu::always_inline]] inline void blend_channels(const std::uint8_t* p00, const std::uint8_t* p01,
+                                                  const std::uint8_t* p10, const std::uint8_t* p11,
+                                                  Sum ax, Sum ay, std::uint8_t* dest) {
+  constexpr std::size_t kTexelBytes = sizeof(Code) * Channels;
+  Code t00[Channels];
+  Code t01[Channels];
+  Code t10[Channels];
+  Code t11[Channels];
+  std::memcpy(t00, p00, kTexelBytes);
+  std::memcpy(t01, p01, kTexelBytes);
+  std::memcpy(t10, p10, kTexelBytes);
+  std::memcpy(t11, p11, kTexelBytes);
+  const Sum w00 = (256 - ax) * (256 - ay);
+  const Sum w01 = ax * (256 - ay);
+  const Sum w10 = (256 - ax) * ay;
+  const Sum w11 = ax * ay;
+  // Straight into the output: bytes gathered on the stack and then copied
+  // as one word would wait for the store forwarding that fails on them.
+  for (int c = 0; c < Channels; ++c) {
+    const Sum sum = w00 * t00[c] + w01 * t01[c] + w10 * t10[c] + w11 * t11[c];
+    // Half to even: the rest carries into the whole part when above one
+    // half, or at one half when the whole part is odd.
+    const auto code = static_cast<Code>((sum + 0x7fffu + ((sum >> 16) & 1u)) >> 16);
+    std::memcpy(dest + static_cast<std::size_t>(c) * sizeof(Code), &code, sizeof(Code));
+  }
+}
+
+// The 8-bit-weight blend of u8 or u16 codes in whole numbers: every weight
+// is a multiple of 2^-16 and every product and sum below 2^53 in doubles,
+// so the doubles' sum is exactly sum / 2^16, and rounding it half to even
+// is the same as rounding the whole number. A weight of 1 gives the texel's
+// own code, as its copied bytes would.
+template <typename Code, typename Sum, int Channels, AddressMode Address>
 [[gnu::always_inline]] inline bool store_bilinear_gpu8(const SourceTexture& source, double u,
-                                                       double v, const SamplerSettings& s,
+                                                       double v, const SamplerSettings&,
                                                        std::uint8_t* dest) {
-  const TexelImage* image = place_uv(source, u, v, s.address);
+  const TexelImage* image = place_uv(source, u, v, Address);
   if (image == nullptr) {
     return false;
   }
@@ -309,39 +349,20 @@ template <typename Code, typename Sum, int Channels>
   const Sum ay = ty.weight;
   const std::int64_t x0 = tx.first;
   const std::int64_t y0 = ty.first;
-  const auto xa = static_cast<std::size_t>(address_index(x0, w, s.address));
-  const auto xb = static_cast<std::size_t>(address_index(x0 + 1, w, s.address));
-  const auto row_a = static_cast<std::size_t>(address_index(y0, h, s.address) * w);
-  const auto row_b = static_cast<std::size_t>(address_index(y0 + 1, h, s.address) * w);
+  const auto xa = static_cast<std::size_t>(address_index(x0, w, Address));
+  const auto xb = static_cast<std::size_t>(address_index(x0 + 1, w, Address));
+  const auto row_a = static_cast<std::size_t>(address_index(y0, h, Address) * w);
+  const auto row_b = static_cast<std::size_t>(address_index(y0 + 1, h, Address) * w);
   constexpr std::size_t kTexelBytes = sizeof(Code) * Channels;
-  if constexpr (sizeof(Code) == 1) {
-    const std::uint8_t* data = image->data.data();
-    blend_u8_lanes<Channels>(data + (row_a + xa) * kTexelBytes, data + (row_a + xb) * kTexelBytes,
-                             data + (row_b + xa) * kTexelBytes, data + (row_b + xb) * kTexelBytes,
-                             ax, ay, dest);
-    return true;
-  }
-  Code t00[Channels];
-  Code t01[Channels];
-  Code t10[Channels];
-  Code t11[Channels];
   const std::uint8_t* data = image->data.data();
-  std::memcpy(t00, data + (row_a + xa) * kTexelBytes, kTexelBytes);
-  std::memcpy(t01, data + (row_a + xb) * kTexelBytes, kTexelBytes);
-  std::memcpy(t10, data + (row_b + xa) * kTexelBytes, kTexelBytes);
-  std::memcpy(t11, data + (row_b + xb) * kTexelBytes, kTexelBytes);
-  const Sum w00 = (256 - ax) * (256 - ay);
-  const Sum w01 = ax * (256 - ay);
-  const Sum w10 = (256 - ax) * ay;
-  const Sum w11 = ax * ay;
-  // Straight into the output: bytes gathered on the stack and then copied
-  // as one word would wait for the store forwarding that fails on them.
-  for (int c = 0; c < Channels; ++c) {
-    const Sum sum = w00 * t00[c] + w01 * t01[c] + w10 * t10[c] + w11 * t11[c];
-    // Half to even: the rest carries into the whole part when above one
-    // half, or at one half when the whole part is odd.
-    const auto code = static_cast<Code>((sum + 0x7fffu + ((sum >> 16) & 1u)) >> 16);
-    std::memcpy(dest + static_cast<std::size_t>(c) * sizeof(Code), &code, sizeof(Code));
+  const std::uint8_t* t00 = data + (row_a + xa) * kTexelBytes;
+  const std::uint8_t* t01 = data + (row_a + xb) * kTexelBytes;
+  const std::uint8_t* t10 = data + (row_b + xa) * kTexelBytes;
+  const std::uint8_t* t11 = data + (row_b + xb) * kTexelBytes;
+  if constexpr (sizeof(Code) == 1) {
+    blend_u8_lanes<Channels>(t00, t01, t10, t11, ax, ay, dest);
+  } else {
+    blend_channels<Code, Sum, Channels>(t00, t01, t10, t11, ax, ay, dest);
   }
   return true;
 }
@@ -376,60 +397,74 @@ constexpr Readers readers_of() {
 }
 
 // Sum: wide enough for 2^16 times the largest code.
-template <typename Code, typename Sum>
+template <typename Code, typename Sum, AddressMode A>
 Readers bilinear_for(int channels) {
   switch (channels) {
     case 1:
-      return readers_of<&store_bilinear_gpu8<Code, Sum, 1>, sizeof(Code)>();
+      return readers_of<&store_bilinear_gpu8<Code, Sum, 1, A>, sizeof(Code)>();
     case 2:
-      return readers_of<&store_bilinear_gpu8<Code, Sum, 2>, 2 * sizeof(Code)>();
+      return readers_of<&store_bilinear_gpu8<Code, Sum, 2, A>, 2 * sizeof(Code)>();
     case 3:
-      return readers_of<&store_bilinear_gpu8<Code, Sum, 3>, 3 * sizeof(Code)>();
+      return readers_of<&store_bilinear_gpu8<Code, Sum, 3, A>, 3 * sizeof(Code)>();
     case 4:
-      return readers_of<&store_bilinear_gpu8<Code, Sum, 4>, 4 * sizeof(Code)>();
+      return readers_of<&store_bilinear_gpu8<Code, Sum, 4, A>, 4 * sizeof(Code)>();
     default:
       return {};
   }
 }
 
+template <AddressMode A>
 Readers nearest_for(std::size_t bytes) {
   switch (bytes) {
     case 1:
-      return readers_of<&store_nearest<1>, 1>();
+      return readers_of<&store_nearest<1, A>, 1>();
     case 2:
-      return readers_of<&store_nearest<2>, 2>();
+      return readers_of<&store_nearest<2, A>, 2>();
     case 3:
-      return readers_of<&store_nearest<3>, 3>();
+      return readers_of<&store_nearest<3, A>, 3>();
     case 4:
-      return readers_of<&store_nearest<4>, 4>();
+      return readers_of<&store_nearest<4, A>, 4>();
     case 6:
-      return readers_of<&store_nearest<6>, 6>();
+      return readers_of<&store_nearest<6, A>, 6>();
     case 8:
-      return readers_of<&store_nearest<8>, 8>();
+      return readers_of<&store_nearest<8, A>, 8>();
     case 12:
-      return readers_of<&store_nearest<12>, 12>();
+      return readers_of<&store_nearest<12, A>, 12>();
     case 16:
-      return readers_of<&store_nearest<16>, 16>();
+      return readers_of<&store_nearest<16, A>, 16>();
     default:
       return {};
   }
 }
 
-Readers readers_for(const SamplerSettings& settings, ComponentType type, int channels) {
+template <AddressMode A>
+Readers readers_at(const SamplerSettings& settings, ComponentType type, int channels) {
   if (channels < 1 || channels > 4) {
     return {};
   }
   if (settings.filter == SampleFilter::nearest) {
-    return nearest_for(component_bytes(type) * static_cast<std::size_t>(channels));
+    return nearest_for<A>(component_bytes(type) * static_cast<std::size_t>(channels));
   }
   if (settings.weights != BilinearWeights::gpu8) {
     return {};
   }
   if (type == ComponentType::kU8) {
-    return bilinear_for<std::uint8_t, std::uint32_t>(channels);
+    return bilinear_for<std::uint8_t, std::uint32_t, A>(channels);
   }
-  return type == ComponentType::kU16 ? bilinear_for<std::uint16_t, std::uint64_t>(channels)
+  return type == ComponentType::kU16 ? bilinear_for<std::uint16_t, std::uint64_t, A>(channels)
                                      : Readers{};
+}
+
+Readers readers_for(const SamplerSettings& settings, ComponentType type, int channels) {
+  switch (settings.address) {
+    case AddressMode::repeat:
+      return readers_at<AddressMode::repeat>(settings, type, channels);
+    case AddressMode::clamp:
+      return readers_at<AddressMode::clamp>(settings, type, channels);
+    case AddressMode::window:
+      return readers_at<AddressMode::window>(settings, type, channels);
+  }
+  return {};
 }
 
 }  // namespace
