@@ -250,6 +250,9 @@ struct AxisTap {
   std::uint32_t weight = 0;
 };
 
+// Texture sides are at most 16384 texels.
+static_assert(kLargestUv * 16384.0 * 256.0 < 0x1p52, "x * 256 must stay below 2^52");
+
 [[gnu::always_inline]] inline AxisTap axis_tap(double x) {
   constexpr std::uint64_t kMantissa = (std::uint64_t{1} << 52) - 1;
   if (x >= 0.0) {
