@@ -1,6 +1,7 @@
 #include "sampling/band_loop.h"
 
 #include <algorithm>
+#include <array>
 #include <utility>
 #include <vector>
 
@@ -15,6 +16,10 @@ constexpr std::uint64_t kMiB = 1024 * 1024;
 
 // Sub-samples per chunk of a band's rows: chunks are whole texel rows.
 constexpr std::uint64_t kChunkSamples = 16384;
+
+// Texels per run handed to a map that takes runs: small enough to stay in
+// the first-level cache, a whole number of raster cells.
+constexpr std::int32_t kRunTexels = 128;
 
 // Barycentric margin inside which a second low triangle counts as stacked
 // over a sample: samples on (or within rounding of) a shared edge belong to
@@ -72,6 +77,7 @@ struct Loop {
   std::uint64_t rows_per_chunk = 1;
   RaySetup setup;
   bool count_stacked = true;
+  bool texel_runs = false;  // hits handed over in runs, without records
   // The U of every sample column, for the stacked-sample test: the same
   // division for every row, done once.
   std::vector<double> sample_u;
@@ -175,6 +181,32 @@ void set_up_chunk(const Loop& loop, std::int32_t y0, std::uint64_t row_begin, st
   }
 }
 
+// The texel runs of rows [row_begin, row_end) of the band at y0, looked up
+// a run at a time into the stack and handed to the map at once.
+void run_texel_rows(const Loop& loop, std::int32_t y0, std::uint64_t chunk, std::uint64_t row_begin,
+                    std::uint64_t row_end, ChunkWork& work) {
+  work.queries.clear();
+  work.counters = BandLoopCounters{};
+  std::array<RasterHit, kRunTexels> hits;
+  for (std::uint64_t r = row_begin; r < row_end; ++r) {
+    const std::int32_t y = y0 + static_cast<std::int32_t>(r);
+    for (std::int32_t x = 0; x < loop.width; x += kRunTexels) {
+      const std::int32_t count = std::min(kRunTexels, loop.width - x);
+      loop.prep.raster().lookup_row(x, y, 1, count, hits.data());
+      for (std::int32_t i = 0; i < count; ++i) {
+        if (hits[static_cast<std::size_t>(i)].triangle >= 0) {
+          ++work.counters.samples_covered;
+          if (loop.count_stacked) {
+            work.counters.stacked_skipped +=
+                stacked_under(loop, x + i, y, hits[static_cast<std::size_t>(i)].triangle);
+          }
+        }
+      }
+      loop.evaluator.evaluate_run(chunk, TexelRun{y, x, count, hits.data()});
+    }
+  }
+}
+
 SampleRows sample_rows(const Loop& loop, std::int32_t y0, std::uint64_t row_begin,
                        std::uint64_t row_end, const ChunkWork& work, const RayHit* hits) {
   SampleRows rows;
@@ -203,6 +235,13 @@ void run_band_per_chunk(const Loop& loop, std::int32_t y0, std::uint64_t rows,
     ChunkWork& work = chunks[static_cast<std::size_t>(c)];
     const auto [row_begin, row_end] = chunk_rows(loop, rows, c);
     Clock::time_point step = Clock::now();
+    if (loop.texel_runs) {
+      run_texel_rows(loop, y0, c, row_begin, row_end, work);
+      work.setup_seconds = 0.0;
+      work.ray_seconds = 0.0;
+      work.resolve_seconds = seconds_since(step);
+      return;
+    }
     set_up_chunk(loop, y0, row_begin, row_end, work);
     work.setup_seconds = seconds_since(step);
     step = Clock::now();
@@ -292,6 +331,7 @@ Loop::Loop(const LowPrep& prep_, const Tracer* tracer_, const BandLoopSettings& 
   setup.distances = settings.distances;
   setup.ignore_backface = settings.ignore_backface;
   count_stacked = settings.count_stacked;
+  texel_runs = tracer == nullptr && aa == 1 && settings.texel_runs && evaluator.takes_texel_runs();
   sample_u.resize(static_cast<std::size_t>(width) * static_cast<std::size_t>(aa));
   for (std::size_t sx = 0; sx < sample_u.size(); ++sx) {
     sample_u[sx] =
@@ -345,6 +385,10 @@ BandLoopCounters run_loop(const LowPrep& prep, const Tracer* tracer,
 }
 
 }  // namespace
+
+void TexelEvaluator::evaluate_run(std::uint64_t, const TexelRun&) {
+  throw Error("this map takes no texel runs");
+}
 
 BandLoopCounters run_band_loop(const LowPrep& prep, const Tracer& tracer,
                                const BandLoopSettings& settings, TexelEvaluator& evaluator,

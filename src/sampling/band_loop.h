@@ -48,6 +48,15 @@ struct SampleRows {
   }
 };
 
+// The raster hits of texels [x_begin, x_begin + count) of row y, one per
+// texel: what the loop hands over at anti-aliasing 1 without rays.
+struct TexelRun {
+  std::int32_t y = 0;
+  std::int32_t x_begin = 0;
+  std::int32_t count = 0;
+  const RasterHit* hits = nullptr;
+};
+
 // What a map does with the traced sub-samples. The loop calls begin_band,
 // then evaluate once per chunk of the band (chunks run at once on the pool's
 // threads, in any order), then end_band on the calling thread.
@@ -61,6 +70,14 @@ class TexelEvaluator {
   virtual void evaluate(std::uint64_t chunk, const SampleRows& rows) = 0;
   // After every chunk of the band: joins the chunks' state in chunk order.
   virtual void end_band() = 0;
+
+  // A map that needs only each texel's raster hit may take the hits in short
+  // runs straight from the raster, without the band's record of every
+  // sub-sample: at anti-aliasing 1 without rays the loop then calls
+  // evaluate_run for each run of a chunk's rows, in row order, instead of
+  // evaluate. The map's results must be the same either way.
+  virtual bool takes_texel_runs() const { return false; }
+  virtual void evaluate_run(std::uint64_t chunk, const TexelRun& run);
 
  protected:
   TexelEvaluator() = default;
@@ -87,6 +104,9 @@ struct BandLoopSettings {
   // Count the stacked sub-samples (BandLoopCounters::stacked_skipped); maps
   // that do not report them skip the extra raster tests.
   bool count_stacked = true;
+  // Whether a map that takes texel runs is handed them; off, it gets the
+  // records as every other map (the same results, more slowly).
+  bool texel_runs = true;
 };
 
 // What the loop itself counts; whole numbers, so the join order is free.

@@ -292,6 +292,99 @@ RasterHit UvRaster::lookup(std::int64_t sx, std::int64_t sy, std::int32_t a) con
   return hit;
 }
 
+namespace {
+
+// A candidate of a grid cell set up for one sample row: the terms of
+// snapped_test that do not change along the row, formed by the same
+// operations, so that every hit keeps its bits.
+struct RowCandidate {  // without initialisers: set up per cell in an array on the stack
+  std::uint32_t t;
+  double x0;  // q[0]
+  double ey;  // q[5] - q[1]
+  double ex;  // q[3] - q[1]
+  double c1;  // (py - q[1]) * (q[4] - q[0])
+  double c2;  // (py - q[1]) * (q[2] - q[0])
+  double d;
+};
+
+// Cells listing more candidates than this are looked up sample by sample.
+constexpr std::uint64_t kRowCandidates = 32;
+
+}  // namespace
+
+std::int32_t UvRaster::lookup_cell_run(std::int64_t sx, std::int64_t sy, std::int32_t a,
+                                       std::int32_t count, const std::vector<double>& kept,
+                                       RasterHit* out) const {
+  const std::int64_t cell = cell_of(sx, sy, a);
+  if (cell < 0) {
+    out[0] = RasterHit{};
+    return 1;
+  }
+  // The row's samples in this cell: up to the cell's last column or the image's.
+  const std::int64_t cell_samples = std::int64_t{kCellSize} * a;
+  const std::int64_t end =
+      std::min((sx / cell_samples + 1) * cell_samples, std::int64_t{width_} * a);
+  const auto n = static_cast<std::int32_t>(std::min<std::int64_t>(count, end - sx));
+  const std::uint64_t begin = offsets_[static_cast<std::uint64_t>(cell)];
+  const std::uint64_t stop = offsets_[static_cast<std::uint64_t>(cell) + 1];
+  if (stop - begin > kRowCandidates) {
+    for (std::int32_t j = 0; j < n; ++j) {
+      out[j] = lookup(sx + j, sy, a);
+    }
+    return n;
+  }
+  // Highest index first, as lookup tries them.
+  const double py = static_cast<double>(sy) + 0.5;
+  std::array<RowCandidate, kRowCandidates> c;
+  std::size_t m = 0;
+  for (std::uint64_t k = stop; k > begin; --k) {
+    const std::uint32_t t = triangles_[k - 1];
+    const double* q = kept.data() + std::size_t{t} * 6;
+    const double d = (q[5] - q[1]) * (q[2] - q[0]) - (q[4] - q[0]) * (q[3] - q[1]);
+    if (d != 0) {
+      c[m++] = {t,
+                q[0],
+                q[5] - q[1],
+                q[3] - q[1],
+                (py - q[1]) * (q[4] - q[0]),
+                (py - q[1]) * (q[2] - q[0]),
+                d};
+    }
+  }
+  for (std::int32_t j = 0; j < n; ++j) {
+    const double px = static_cast<double>(sx + j) + 0.5;
+    RasterHit hit;
+    for (std::size_t i = 0; i < m; ++i) {
+      const RowCandidate& e = c[i];
+      const double rx = px - e.x0;
+      const double w1 = rx * e.ey - e.c1;
+      const double w2 = e.c2 - rx * e.ex;
+      const bool inside = e.d > 0 ? (e.d - w1 - w2 >= 0 && w1 >= 0 && w2 >= 0)
+                                  : (e.d - w1 - w2 <= 0 && w1 <= 0 && w2 <= 0);
+      if (inside) {
+        hit = {static_cast<std::int32_t>(e.t), w1 / e.d, w2 / e.d};
+        break;
+      }
+    }
+    out[j] = hit;
+  }
+  return n;
+}
+
+void UvRaster::lookup_row(std::int64_t sx, std::int64_t sy, std::int32_t a, std::int32_t count,
+                          RasterHit* out) const {
+  const std::vector<double>* kept = snap_bits_ >= 0 ? kept_corners(a) : nullptr;
+  if (kept == nullptr) {
+    for (std::int32_t j = 0; j < count; ++j) {
+      out[j] = lookup(sx + j, sy, a);
+    }
+    return;
+  }
+  for (std::int32_t j = 0; j < count;) {
+    j += lookup_cell_run(sx + j, sy, a, count - j, *kept, out + j);
+  }
+}
+
 std::span<const std::uint32_t> UvRaster::cell_candidates(std::int64_t sx, std::int64_t sy,
                                                          std::int32_t a) const {
   const std::int64_t cell = cell_of(sx, sy, a);

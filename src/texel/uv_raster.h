@@ -56,6 +56,12 @@ class UvRaster {
   // per side; the highest-indexed triangle wins where several cover it.
   RasterHit lookup(std::int64_t sx, std::int64_t sy, std::int32_t a) const;
 
+  // lookup of samples sx .. sx + count - 1 of sample row sy into out[0 ..
+  // count - 1], each the same hit, with each grid cell's candidates set up
+  // once for its samples of the row.
+  void lookup_row(std::int64_t sx, std::int64_t sy, std::int32_t a, std::int32_t count,
+                  RasterHit* out) const;
+
   // The triangles the sample's grid cell lists: every triangle that can cover
   // it (none outside the image).
   std::span<const std::uint32_t> cell_candidates(std::int64_t sx, std::int64_t sy,
@@ -100,6 +106,8 @@ class UvRaster {
                       RasterHit& hit) const;
   const std::vector<double>* kept_corners(std::int32_t scale) const;
   std::int64_t cell_of(std::int64_t sx, std::int64_t sy, std::int32_t a) const;
+  std::int32_t lookup_cell_run(std::int64_t sx, std::int64_t sy, std::int32_t a, std::int32_t count,
+                               const std::vector<double>& kept, RasterHit* out) const;
 
   const Mesh* mesh_;
   std::int32_t width_;

@@ -27,11 +27,15 @@ class SourceTexture {
   // A UV inside `tile` (1001 to 1999) reads `image` at its place in the tile.
   void add_tile(std::int32_t tile, const TexelImage* image);
 
-  // The image a UV reads and the UV inside it.
-  const TexelImage& image_for(double& u, double& v) const;
+  // The image a UV reads and the UV inside it. Inline: read for every texel.
+  const TexelImage& image_for(double& u, double& v) const {
+    return tiles_.empty() ? *image_ : tile_for(u, v);
+  }
   const TexelImage& image() const { return *image_; }
 
  private:
+  const TexelImage& tile_for(double& u, double& v) const;
+
   const TexelImage* image_;
   std::vector<const TexelImage*> tiles_;  // 999 entries once a tile is added
 };
@@ -62,6 +66,24 @@ using StoreRead = bool (*)(const SourceTexture& source, double u, double v,
 // The fast reader for textures of this type and channel count, or null
 // where only the general path is known to give the right bits.
 StoreRead store_read_for(const SamplerSettings& settings, ComponentType type, int channels);
+
+// A source point of a run along one output row, and the texel x it fills.
+// Without initialisers: runs are gathered in arrays on the stack.
+struct RunPoint {
+  double u;
+  double v;
+  std::int32_t x;
+};
+
+// StoreRead of every point of a run, in order, into the texels of one
+// output row (`row`: its first texel's bytes), marking each stored texel in
+// `valid_row`; returns how many were stored.
+using StoreRun = std::uint32_t (*)(const SourceTexture& source, const SamplerSettings& settings,
+                                   const RunPoint* points, std::size_t count, std::uint8_t* row,
+                                   std::uint8_t* valid_row);
+
+// The run reader of the same readers as store_read_for, null where it is.
+StoreRun store_run_for(const SamplerSettings& settings, ComponentType type, int channels);
 
 // Component `index` (counted over the whole image) in its own units.
 double component_value(const TexelImage& image, std::size_t index);

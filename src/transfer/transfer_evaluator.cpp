@@ -1,5 +1,6 @@
 #include "transfer/transfer_evaluator.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstring>
@@ -12,6 +13,9 @@ namespace {
 
 // Sub-samples of a texel at the largest anti-aliasing, 8 x 8.
 constexpr std::size_t kMaxTexelSamples = 64;
+
+// Points of a texel run gathered on the stack before they are read.
+constexpr std::int32_t kRunPoints = 128;
 
 // High triangles are met in no useful order, so their records and UVs miss
 // the cache: while hit `ray` is read, the record of a later hit and the UVs
@@ -65,6 +69,33 @@ struct MoreReads {
     ++count;
   }
 };
+
+// The source UVs of a triangle's corners.
+struct CornerUvs {
+  const std::array<double, 2>* p0 = nullptr;
+  const std::array<double, 2>* p1 = nullptr;
+  const std::array<double, 2>* p2 = nullptr;
+};
+
+// False when the source surface has no UVs there, and so holds no texture.
+bool corner_uvs(const Mesh& source, std::int64_t triangle, CornerUvs& out) {
+  const Triangle& t = source.triangles[static_cast<std::size_t>(triangle)];
+  if (t.corners[0].uv < 0 || t.corners[1].uv < 0 || t.corners[2].uv < 0) {
+    return false;
+  }
+  out.p0 = &source.uvs[static_cast<std::size_t>(t.corners[0].uv)];
+  out.p1 = &source.uvs[static_cast<std::size_t>(t.corners[1].uv)];
+  out.p2 = &source.uvs[static_cast<std::size_t>(t.corners[2].uv)];
+  return true;
+}
+
+// The source UV at barycentrics (b1, b2).
+[[gnu::always_inline]] inline void interpolate(const CornerUvs& c, double b1, double b2, double& u,
+                                               double& v) {
+  const double b0 = 1.0 - b1 - b2;
+  u = (b0 * (*c.p0)[0] + b1 * (*c.p1)[0]) + b2 * (*c.p2)[0];
+  v = (b0 * (*c.p0)[1] + b1 * (*c.p1)[1]) + b2 * (*c.p2)[1];
+}
 
 double round_code(double mean, double top) {
   if (!(mean > 0.0)) {
@@ -124,6 +155,10 @@ TransferEvaluator::TransferEvaluator(const Mesh& source, std::vector<OutputBuffe
   counts_.texels_valid.assign(outputs.size(), 0);
   for (const OutputBuffer& out : outputs) {
     single_reads_.push_back(store_read_for(sampler, out.image.type, out.image.channels));
+    // A run reads one texture for every point; bindings choose per point.
+    run_reads_.push_back(out.texture_of.empty()
+                             ? store_run_for(sampler, out.image.type, out.image.channels)
+                             : nullptr);
   }
 }
 
@@ -155,17 +190,12 @@ bool TransferEvaluator::source_point(const SampleRows& rows, const SubSample& sa
     b1 = static_cast<double>(hit.u);
     b2 = static_cast<double>(hit.v);
   }
-  const Triangle& t = source_.triangles[static_cast<std::size_t>(triangle)];
-  if (t.corners[0].uv < 0 || t.corners[1].uv < 0 || t.corners[2].uv < 0) {
-    return false;  // a source surface without UVs holds no texture
+  CornerUvs corners;
+  if (!corner_uvs(source_, triangle, corners)) {
+    return false;
   }
-  const auto& p0 = source_.uvs[static_cast<std::size_t>(t.corners[0].uv)];
-  const auto& p1 = source_.uvs[static_cast<std::size_t>(t.corners[1].uv)];
-  const auto& p2 = source_.uvs[static_cast<std::size_t>(t.corners[2].uv)];
-  const double b0 = 1.0 - b1 - b2;
   point.triangle = static_cast<std::uint32_t>(triangle);
-  point.u = (b0 * p0[0] + b1 * p1[0]) + b2 * p2[0];
-  point.v = (b0 * p0[1] + b1 * p1[1]) + b2 * p2[1];
+  interpolate(corners, b1, b2, point.u, point.v);
   return true;
 }
 
@@ -258,6 +288,71 @@ void TransferEvaluator::evaluate(std::uint64_t chunk, const SampleRows& rows) {
       for (std::size_t o = 0; o < outputs_.size(); ++o) {
         store_texel(o, texel, points.data(), count, state);
       }
+    }
+  }
+}
+
+bool TransferEvaluator::takes_texel_runs() const {
+  return !from_rays_ && dump_ == nullptr;
+}
+
+void TransferEvaluator::store_run(std::size_t o, const TexelRun& run, const RunPoint* points,
+                                  const std::uint32_t* triangles, std::size_t count,
+                                  ChunkState& state) const {
+  OutputBuffer& out = outputs_[o];
+  const std::size_t first =
+      static_cast<std::size_t>(run.y) * static_cast<std::size_t>(out.image.width) +
+      static_cast<std::size_t>(run.x_begin);
+  if (run_reads_[o] != nullptr) {
+    const std::size_t texel_bytes =
+        component_bytes(out.image.type) * static_cast<std::size_t>(out.image.channels);
+    state.counts.texels_valid[o] +=
+        run_reads_[o](out.textures[0], sampler_, points, count,
+                      out.image.data.data() + first * texel_bytes, out.valid.data() + first);
+    return;
+  }
+  for (std::size_t i = 0; i < count; ++i) {
+    const SourcePoint point{triangles[i], points[i].u, points[i].v};
+    store_texel(o, first + static_cast<std::size_t>(points[i].x), &point, 1, state);
+  }
+}
+
+void TransferEvaluator::evaluate_run(std::uint64_t chunk, const TexelRun& run) {
+  ChunkState& state = chunks_[static_cast<std::size_t>(chunk)];
+  // Left unset: every entry read is written first.
+  RunPoint points[kRunPoints];
+  std::uint32_t triangles[kRunPoints];
+  // Neighbouring texels mostly share a triangle: its corners are found once.
+  std::int32_t last = -1;
+  CornerUvs corners;
+  bool has_uvs = false;
+  // In pieces of what the stack holds; a texel's outputs need only its own point.
+  for (std::int32_t begin = 0; begin < run.count; begin += kRunPoints) {
+    const std::int32_t end = std::min(run.count, begin + kRunPoints);
+    std::size_t found = 0;
+    for (std::int32_t i = begin; i < end; ++i) {
+      const RasterHit& hit = run.hits[i];
+      if (hit.triangle < 0) {
+        continue;
+      }
+      ++state.counts.texels_covered;
+      if (hit.triangle != last) {
+        last = hit.triangle;
+        has_uvs = corner_uvs(source_, last, corners);
+      }
+      if (!has_uvs) {
+        ++state.counts.missed;
+        continue;
+      }
+      ++state.counts.hits;
+      RunPoint& point = points[found];
+      interpolate(corners, hit.b1, hit.b2, point.u, point.v);
+      point.x = i;
+      triangles[found] = static_cast<std::uint32_t>(hit.triangle);
+      ++found;
+    }
+    for (std::size_t o = 0; o < outputs_.size(); ++o) {
+      store_run(o, run, points, triangles, found, state);
     }
   }
 }

@@ -43,6 +43,9 @@ class TransferEvaluator final : public TexelEvaluator {
   void begin_band(std::uint64_t chunks) override;
   void evaluate(std::uint64_t chunk, const SampleRows& rows) override;
   void end_band() override;
+  // Without rays or a hit dump every texel's one raster hit is all it needs.
+  bool takes_texel_runs() const override;
+  void evaluate_run(std::uint64_t chunk, const TexelRun& run) override;
 
   const TransferCounts& counts() const { return counts_; }
 
@@ -59,6 +62,8 @@ class TransferEvaluator final : public TexelEvaluator {
 
   bool source_point(const SampleRows& rows, const SubSample& sample, SourcePoint& point,
                     HitRecord& record) const;
+  void store_run(std::size_t output, const TexelRun& run, const RunPoint* points,
+                 const std::uint32_t* triangles, std::size_t count, ChunkState& state) const;
   void store_texel(std::size_t output, std::size_t texel, const SourcePoint* points,
                    std::size_t count, ChunkState& state) const;
 
@@ -68,6 +73,7 @@ class TransferEvaluator final : public TexelEvaluator {
   bool from_rays_;
   HitDump* dump_;
   std::vector<StoreRead> single_reads_;  // per output, null: the general path
+  std::vector<StoreRun> run_reads_;      // per output, null: texel by texel
   TransferCounts counts_;
   std::vector<ChunkState> chunks_;
 };

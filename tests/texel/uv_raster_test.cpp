@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <bit>
 #include <cmath>
 #include <functional>
 #include <limits>
@@ -358,6 +360,69 @@ TEST(UvRasterSnappedCorners, ScalesThreadsAndKeptCorners) {
     }
   }
   EXPECT_TRUE(UvRaster(mesh, 13, 11, 0, 0, -1, false).keep_snapped_corners(4, 1).empty());
+}
+
+// Every sample of a row looked up in runs of any start and length, against
+// the same samples looked up one by one: the same triangle and the same
+// bits of both weights, with corners kept or snapped on the fly, snapping
+// off, stacked and shared edges, a degenerate triangle, a cell listing more
+// candidates than a row sets up at once, and samples outside the image.
+TEST(UvRasterRow, RunsGiveEverySampleTheBitsOfItsOwnLookup) {
+  std::mt19937 rng(11);
+  std::uniform_real_distribution<double> coord(-0.1, 1.1);
+  std::uniform_real_distribution<double> size(-0.3, 0.3);
+  Mesh mesh;
+  for (int i = 0; i < 150; ++i) {
+    const double u = coord(rng);
+    const double v = coord(rng);
+    add_uv_triangle(mesh,
+                    {{{u, v}, {u + size(rng), v + size(rng)}, {u + size(rng), v + size(rng)}}});
+  }
+  add_uv_triangle(mesh, {{{0.2, 0.2}, {0.9, 0.3}, {0.4, 0.8}}});
+  add_uv_triangle(mesh, {{{0.2, 0.2}, {0.9, 0.3}, {0.4, 0.8}}});  // stacked on the one before
+  add_uv_triangle(mesh, {{{0.3, 0.3}, {0.3, 0.3}, {0.6, 0.6}}});  // no area
+  // Forty small triangles in the cell at the image's top left.
+  std::uniform_real_distribution<double> corner(0.0, 0.12);
+  for (int i = 0; i < 40; ++i) {
+    add_uv_triangle(mesh, {{{corner(rng), 1.0 - corner(rng)},
+                            {corner(rng), 1.0 - corner(rng)},
+                            {corner(rng), 1.0 - corner(rng)}}});
+  }
+  const int w = 61, h = 37;
+  std::uniform_int_distribution<int> piece(1, 40);
+  const auto bits = [](const RasterHit& hit) {
+    return std::tuple(hit.triangle, std::bit_cast<std::uint64_t>(hit.b1),
+                      std::bit_cast<std::uint64_t>(hit.b2));
+  };
+  for (const auto& [snap, texel, keep] :
+       {std::tuple(8, false, true), std::tuple(0, true, true), std::tuple(8, false, false),
+        std::tuple(-1, false, false)}) {
+    UvRaster raster(mesh, w, h, 0, 0, snap, texel);
+    ASSERT_GT(raster.cell_candidates(0, 0, 1).size(), 32u);
+    for (const int a : {1, 2, 3}) {
+      if (keep) {
+        (void)raster.keep_snapped_corners(a, 1);
+      }
+      std::uint64_t covered = 0;
+      std::vector<RasterHit> row(static_cast<std::size_t>(w * a + 10));
+      for (std::int64_t sy = -1; sy <= h * a; ++sy) {
+        // From three samples left of the image to three right of it.
+        std::int64_t sx = -3;
+        while (sx < w * a + 3) {
+          const int count = static_cast<int>(std::min<std::int64_t>(piece(rng), w * a + 3 - sx));
+          raster.lookup_row(sx, sy, a, count, row.data());
+          for (int i = 0; i < count; ++i) {
+            const RasterHit one = raster.lookup(sx + i, sy, a);
+            ASSERT_EQ(bits(row[static_cast<std::size_t>(i)]), bits(one))
+                << "sample " << sx + i << "," << sy << " a " << a << " snap " << snap;
+            covered += one.triangle >= 0 ? 1 : 0;
+          }
+          sx += count;
+        }
+      }
+      EXPECT_GT(covered, static_cast<std::uint64_t>(w * h * a * a / 2)) << "a " << a;
+    }
+  }
 }
 
 }  // namespace

@@ -185,6 +185,14 @@ std::vector<std::array<double, 2>> random_uvs(int w, int h, std::mt19937& rng) {
     uvs.push_back({(px + 0.5) / w, 1.0 - (py + 0.5) / h});
     uvs.push_back({anywhere(rng), anywhere(rng)});
   }
+  // Just below a whole texel, where the 256ths round up to the next texel,
+  // and in the half texel before the first, where the fraction is x + 1.
+  for (int i = 0; i < 60; ++i) {
+    const double below = texel(rng) + 1.0 - std::ldexp(1.0, -(9 + i % 40));
+    const double before = -std::ldexp(1.0, -(2 + i % 50)) - step(rng) / 1024.0;
+    uvs.push_back({(below + 0.5) / w, 1.0 - (before + 0.5) / h});
+    uvs.push_back({(before + 0.5) / w, 1.0 - (below + 0.5) / h});
+  }
   uvs.push_back({std::nan(""), 0.5});
   uvs.push_back({0.5, std::numeric_limits<double>::infinity()});
   uvs.push_back({1.0, 0.0});
