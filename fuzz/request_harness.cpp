@@ -68,6 +68,18 @@ RequestHead head_of(std::string_view line) {
   return head;
 }
 
+// The length of a text before the serialiser replaced its invalid UTF-8: the
+// cut to the message limit comes first, and each invalid byte then grows to
+// the three bytes of U+FFFD (so a real U+FFFD is counted short, never long).
+std::size_t raw_bytes(const std::string& text) {
+  std::size_t replaced = 0;
+  for (std::size_t at = text.find("\xEF\xBF\xBD"); at != std::string::npos;
+       at = text.find("\xEF\xBF\xBD", at + 3)) {
+    ++replaced;
+  }
+  return text.size() - 2 * replaced;
+}
+
 // The rules of one reply line that do not depend on the request.
 std::string frame_rule_broken(const std::string& text, Json& reply) {
   if (text.empty() || text.back() != '\n') {
@@ -98,7 +110,7 @@ std::string frame_rule_broken(const std::string& text, Json& reply) {
       return "an error reply without its error text";
     }
     const std::string& message = error->get_ref<const std::string&>();
-    if (message.size() > service::kMessageLimit + 3) {
+    if (raw_bytes(message) > service::kMessageLimit + 3) {
       return "the error text is longer than its limit";
     }
     if (message.rfind("internal error", 0) == 0) {

@@ -67,6 +67,16 @@ TEST(FuzzReplyCheck, ErrorRepliesKeepTheIdRuleAndTheirTextLimit) {
       reply_rule_broken(
           line, replied("{\"id\":-9223372036854775808,\"ok\":false,\"error\":\"" + cut + "e\"}\n")),
       "the error text is longer than its limit");
+  // An invalid byte kept by the cut is replaced afterwards by U+FFFD's three.
+  const std::string replaced = std::string(510, 'e') + "\xEF\xBF\xBD\xEF\xBF\xBD...";
+  EXPECT_EQ(
+      reply_rule_broken(line, replied("{\"id\":-9223372036854775808,\"ok\":false,\"error\":\"" +
+                                      replaced + "\"}\n")),
+      "");
+  EXPECT_EQ(
+      reply_rule_broken(line, replied("{\"id\":-9223372036854775808,\"ok\":false,\"error\":\"e" +
+                                      replaced + "\"}\n")),
+      "the error text is longer than its limit");
   EXPECT_EQ(reply_rule_broken(
                 line, replied("{\"id\":-9223372036854775808,\"ok\":false,\"error\":\"internal "
                               "error: boom\"}\n")),
