@@ -164,7 +164,7 @@ std::optional<std::string> run_request(std::span<const std::uint8_t> input) {
   });
   service::ServeOptions options;
   options.parent_pid = kParentPid;
-  options.memory_budget_mb = 1024;  // fixed, so no reply depends on the machine's memory
+  options.memory_budget_mb = 1024;  // fixed, not taken from the machine
   service::ResolvedCounts counts;
   counts.threads = 2;
   counts.load_threads = 1;
