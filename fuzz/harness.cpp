@@ -1,5 +1,6 @@
 #include "fuzz/harness.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -8,7 +9,9 @@
 
 #include "core/error.h"
 #include "fuzz/mesh_check.h"
+#include "fuzz/request_harness.h"
 #include "image/exr_reader.h"
+#include "image/kvt_file.h"
 #include "image/png.h"
 #include "mesh/fbx_reader.h"
 #include "mesh/gltf_reader.h"
@@ -194,6 +197,63 @@ void run_exr(std::span<const std::uint8_t> input) {
   }
 }
 
+std::uint32_t header_field(std::span<const std::uint8_t> input, std::size_t offset) {
+  std::uint32_t value = 0;
+  std::memcpy(&value, input.data() + offset, 4);
+  return value;
+}
+
+// An image read from a texel file must be the file: its header's size, type
+// and channels, every byte after the header, and written back the same bytes.
+void check_kvt_image(const TexelImage& image, std::span<const std::uint8_t> input) {
+  const bool valid =
+      input.size() >= kKvtHeaderBytes && image.width >= 1 && image.width <= kKvtMaxSide &&
+      image.height >= 1 && image.height <= kKvtMaxSide && image.channels >= 1 &&
+      image.channels <= kKvtMaxChannels && component_bytes(image.type) != 0 &&
+      header_field(input, 12) == static_cast<std::uint32_t>(image.type) &&
+      header_field(input, 16) == static_cast<std::uint32_t>(image.width) &&
+      header_field(input, 20) == static_cast<std::uint32_t>(image.height) &&
+      header_field(input, 24) == static_cast<std::uint32_t>(image.channels) &&
+      image.data.size() == image.expected_bytes() &&
+      input.size() == kKvtHeaderBytes + image.data.size() &&
+      std::equal(image.data.begin(), image.data.end(), input.begin() + kKvtHeaderBytes);
+  if (!valid) {
+    broken("kvt", "the image read does not match the file's header and texels");
+  }
+  std::vector<std::uint8_t> written(kvt_file_bytes(image));
+  write_kvt_into(written, image);
+  if (!std::equal(written.begin(), written.end(), input.begin(), input.end())) {
+    broken("kvt", "the image written back differs from the file read");
+  }
+}
+
+// The file and the in-memory form (a shared-memory section) must give the
+// same image or the same first refusal.
+void run_kvt(std::span<const std::uint8_t> input) {
+  const auto path = input_folder().write("input.kvt", input);
+  TexelImage from_file, from_memory;
+  std::string file_error, memory_error;
+  try {
+    from_file = read_kvt(path);
+  } catch (const Error& e) {
+    file_error = e.what();
+  }
+  try {
+    from_memory = parse_kvt(input);
+  } catch (const Error& e) {
+    memory_error = e.what();
+  }
+  if (file_error != memory_error) {
+    broken("kvt", "the file and the section disagree: '" + file_error + "' against '" +
+                      memory_error + "'");
+  }
+  if (!file_error.empty()) {
+    throw Error(file_error);
+  }
+  check_kvt_image(from_file, input);
+  check_kvt_image(from_memory, input);
+}
+
 // Arguments are the input cut at zero bytes; the first byte's lowest bit
 // picks the command line (argv[0] added) or the service's settings mode.
 void run_bake_options(std::span<const std::uint8_t> input) {
@@ -233,8 +293,9 @@ void run_bake_options(std::span<const std::uint8_t> input) {
 }  // namespace
 
 const std::vector<std::string>& target_names() {
-  static const std::vector<std::string> names = {"obj",       "kvm", "gltf", "glb",         "fbx",
-                                                 "read_mesh", "png", "exr",  "bake_options"};
+  static const std::vector<std::string> names = {"obj",          "kvm",       "gltf",   "glb",
+                                                 "fbx",          "read_mesh", "png",    "exr",
+                                                 "bake_options", "kvt",       "request"};
   return names;
 }
 
@@ -259,6 +320,13 @@ Outcome run_target(std::string_view target, std::span<const std::uint8_t> input)
       run_exr(input);
     } else if (target == "bake_options") {
       run_bake_options(input);
+    } else if (target == "kvt") {
+      run_kvt(input);
+    } else if (target == "request") {
+      if (std::optional<std::string> error = run_request(input)) {
+        outcome.refused = true;
+        outcome.message = *error;
+      }
     } else {
       throw std::invalid_argument("no fuzz target named " + std::string(target));
     }

@@ -18,14 +18,13 @@ struct Outcome {
 };
 
 // The names of the targets: obj, kvm, gltf, glb, fbx, read_mesh, png, exr,
-// bake_options.
+// bake_options, kvt, request.
 const std::vector<std::string>& target_names();
 
 // Runs `input` through the named target. Returns whether the program read or
-// refused it; a mesh that breaks a rule of a valid Mesh aborts the process
-// after naming the rule on stderr. Any exception that is not the program's
-// own error propagates: that is a finding too. Throws std::invalid_argument
-// for an unknown target name.
+// refused it (for request: the first error reply's text); a mesh that breaks a rule of a valid Mesh
+// aborts the process after naming the rule on stderr. Any exception that is not the program's own
+// error propagates: that is a finding too. Throws std::invalid_argument for an unknown target name.
 Outcome run_target(std::string_view target, std::span<const std::uint8_t> input);
 
 }  // namespace kv::fuzz

@@ -374,7 +374,81 @@ EXRS = {
 }
 
 
+# Texel files: component type -> (name, struct format of one sample).
+KVT_TYPES = {1: ("u8", "B"), 2: ("u16", "H"), 3: ("f16", "e"), 4: ("f32", "f")}
+
+
+def kvt(kind, width, height, channels):
+    """A texel file of `kind` (1 to 4) whose samples count up from 0 (times
+    0.25 for the float types)."""
+    name, fmt = KVT_TYPES[kind]
+    count = width * height * channels
+    values = [i * 0.25 if fmt in "ef" else (i * 37) % (256 if fmt == "B" else 65536)
+              for i in range(count)]
+    header = b"KVTEX1\0\0" + struct.pack("<6I", 1, kind, width, height, channels, 0)
+    return header + struct.pack("<%d%s" % (count, fmt), *values)
+
+
+# Every component type with every channel count, a few texels each.
+KVTS = {"%s_%dch.kvt" % (KVT_TYPES[kind][0], channels): kvt(kind, 1 + channels % 3, 2, channels)
+        for kind in KVT_TYPES for channels in range(1, 5)}
+
+
+def lines(*requests):
+    return "".join(json.dumps(r, separators=(",", ":")) + "\n" for r in requests)
+
+
+SECTION_OBJECT = {"name": "body", "vertices": 3, "triangles": 1, "positions": 0,
+                  "indices": 36, "uvs": 48, "normals": 72}
+
+# One request line per op the service does the work of, each accepted: a
+# queued op gets {"queued":true}, a load is held as its job, the rest reply
+# at once. The service of the harness has --parent-pid 4242.
+REQUESTS = {
+    "hello": lines({"id": 1, "op": "hello"}),
+    "cache_status": lines({"id": 2, "op": "cache.status"}),
+    "shutdown": lines({"id": 3, "op": "shutdown"}, {"id": 4, "op": "nonsense"}),
+    "mesh_objects": lines({"id": 5, "op": "mesh.objects", "path": "scene.fbx", "progress": True}),
+    "load_file": lines({"id": 6, "op": "mesh.load_file", "key": "low", "path": "low.obj",
+                        "quads": "reject", "token": "t1", "hash": "9f2c", "up": "Y",
+                        "objects": ["body", "head"], "progress": True, "uvs": False}),
+    "load_file_matrix": lines({"id": 7, "op": "mesh.load_file", "key": "high", "path": "high.glb",
+                               "matrix": [1, 0, 0, 2, 0, 0, -1, 0, 0, 1, 0, 0.5, 0, 0, 0, 1]}),
+    "load_shm": lines({"id": 8, "op": "mesh.load_shm", "key": "k", "section": "Local\\mesh1",
+                       "size": 96, "objects": [SECTION_OBJECT], "token": "t"}),
+    "load_process": lines({"id": 9, "op": "mesh.load_process", "key": "k", "pid": 4242,
+                           "objects": [SECTION_OBJECT, dict(SECTION_OBJECT, name="b")],
+                           "hash": "h"}),
+    "release": lines({"id": 10, "op": "mesh.release", "keys": ["low", "high"]}),
+    "bake": lines({"id": 11, "op": "bake", "low": "low", "high": ["high", "cage"],
+                   "settings": ["--size", "256", "--aa", "4", "--dilation", "8"],
+                   "outputs": {"normal": "n.png", "opacity": {"path": "o.exr"}},
+                   "release_after": ["low"]}),
+    "scene_prepare": lines({"id": 12, "op": "scene.prepare", "low": "low", "high": "high",
+                            "settings": ["--size", "128"]}),
+    "transfer": lines({"id": 13, "op": "transfer", "target": "t", "source": ["s1", "s2"],
+                       "settings": ["--mode", "uv2uv", "--size", "64"],
+                       "outputs": ["--texture", "a.kvt", "--out", "b.kvt", "--out-mask", "m.png"]}),
+    "meshmaps": lines({"id": 14, "op": "meshmaps", "low": "l", "high": "h",
+                       "settings": ["--size", "64"],
+                       "outputs": {"ao": "ao.png", "curvature": {"path": "c.exr"}},
+                       "stream": True}),
+    "memory_trim": lines({"id": 15, "op": "memory.trim", "caches": ["scenes", "preparations"]}),
+    "memory_estimate": lines({"id": 16, "op": "memory.estimate", "size": [512, 1024],
+                              "antialias": 4, "maps": ["normal", "ao"], "backend": "gpu",
+                              "high_triangles": 100000}),
+    "cancel": lines({"id": 17, "op": "scene.prepare", "low": "l", "high": "h"},
+                    {"id": 18, "op": "cancel", "job": 17}),
+    "framing": "\r\n \t\n" + lines({"id": -9223372036854775808, "op": "hello"}).replace(
+        "\n", "\r\n") + '{"id":19,"op":"cache.status"}',
+}
+
+
 def main():
+    for name, data in KVTS.items():
+        put("kvt", name, data)
+    for name, text in REQUESTS.items():
+        put("request", name, text)
     for name, text in OBJS.items():
         put("obj", name, text)
     for name, data in KVMS.items():

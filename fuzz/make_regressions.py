@@ -15,7 +15,8 @@ import zlib
 
 sys.dont_write_bytecode = True
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from make_corpus import FBX_ASCII, fbx_binary, glb, gltf_triangle, gltf_text, png  # noqa: E402
+from make_corpus import (FBX_ASCII, SECTION_OBJECT, fbx_binary, glb, gltf_triangle,  # noqa: E402
+                         gltf_text, kvt, lines, png)
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 
@@ -60,6 +61,8 @@ def main():
     put("gltf", "missing_buffer.gltf", json.dumps(doc))
 
     fbx_findings()
+    kvt_refusals()
+    request_refusals()
     put("png", "side_past_limit.png", png_header(1 << 20, 1 << 20, 6, 16))
     put("png", "header_bomb.png", png_header(16384, 16384, 6, 16))
     put("png", "bomb_within_side.png", png(4096, 4096, 0, 8, [b"\0" * 4096] * 4096))
@@ -86,6 +89,90 @@ def fbx_findings():
     # target): the importer's conversion of the node tree never ends.
     put("fbx-contained", "model_parent_of_itself.fbx",
         FBX_ASCII.replace('\tC: "OO",2000,0\n', '\tC: "OO",2000,0\n\tC: "OO",2000,2000\n'))
+
+
+def kvt_refusals():
+    """Texel files each refused by one check, in the reader's order of checks."""
+    good = kvt(2, 2, 2, 4)  # 2 x 2 RGBA u16: 64 bytes
+
+    def field(offset, value, data=good):
+        return data[:offset] + struct.pack("<I", value) + data[offset + 4:]
+    put("kvt", "short_header.kvt", good[:31])
+    put("kvt", "bad_magic.kvt", b"KVTEX2\0\0" + good[8:])
+    put("kvt", "version_2.kvt", field(8, 2))
+    put("kvt", "type_5.kvt", field(12, 5, field(8, 1)))
+    put("kvt", "type_0_reserved_1.kvt", field(28, 1, field(12, 0)))
+    put("kvt", "reserved_1.kvt", field(28, 1))
+    put("kvt", "width_past_limit.kvt", field(16, 16385))
+    put("kvt", "width_0.kvt", field(16, 0))
+    put("kvt", "channels_0.kvt", field(24, 0))
+    put("kvt", "channels_5.kvt", field(24, 5))
+    put("kvt", "one_byte_short.kvt", good[:-1])
+    put("kvt", "one_byte_over.kvt", good + b"\0")
+    # 16384 x 16384 x 4 f32 (4 GiB) declared by a header alone: refused
+    # from the length, before anything is allocated.
+    put("kvt", "header_only_4gib.kvt", kvt(4, 1, 1, 1)[:32].replace(
+        struct.pack("<3I", 1, 1, 1), struct.pack("<3I", 16384, 16384, 4)))
+
+
+def request_refusals():
+    """Near misses of each op, refused with the message that names the fault."""
+    def req(op, rid=1, **fields):
+        return dict({"id": rid, "op": op}, **fields)
+    load = req("mesh.load_file", key="k", path="a.obj")
+    shm = req("mesh.load_shm", key="k", section="s", size=96, objects=[SECTION_OBJECT])
+    bake = req("bake", low="l", high="h", settings=["--size", "64"], outputs={"normal": "n.png"})
+    estimate = req("memory.estimate", size=64, antialias=1, maps=["normal"], backend="cpu",
+                   high_triangles=1)
+    cases = {
+        "not_json": '{"id":1,"op":"hello"\n',
+        "array": "[1]\n",
+        "no_id": '{"op":"hello"}\n',
+        "id_not_integer": '{"id":1.5,"op":"hello"}\n',
+        "id_past_int64": '{"id":9223372036854775808,"op":"hello"}\n',
+        "unknown_op": lines(req("mesh.unload")),
+        "op_not_string": lines(req(7)),
+        "unknown_field": lines(req("hello", extra=1)),
+        "missing_field": lines(req("mesh.load_file", key="k")),
+        "up_and_matrix": lines(dict(load, up="Z", matrix=[1, 0, 0, 0] * 3 + [0, 0, 0, 1])),
+        "up_x": lines(dict(load, up="X")),
+        "matrix_last_row": lines(dict(load, matrix=[1, 0, 0, 0] * 3 + [0, 0, 0, 2])),
+        "matrix_short": lines(dict(load, matrix=[1, 0, 0, 0])),
+        "names_repeat": lines(dict(load, objects=["a", "b", "a"])),
+        "names_4097": lines(dict(load, objects=["n%d" % i for i in range(4097)])),
+        "quads_keep": lines(dict(load, quads="keep")),
+        "path_with_nul": lines(dict(load, path="a\0.obj")),
+        "key_1025_bytes": lines(dict(load, key="k" * 1025)),
+        "shm_size_0": lines(dict(shm, size=0)),
+        "shm_object_missing_field": lines(dict(shm, objects=[{"name": "a", "vertices": 3}])),
+        "shm_objects_empty": lines(dict(shm, objects=[])),
+        "process_pid_0": lines(req("mesh.load_process", key="k", pid=0, objects=[SECTION_OBJECT])),
+        "process_not_parent": lines(req("mesh.load_process", key="k", pid=4243,
+                                        objects=[SECTION_OBJECT])),
+        "bake_unknown_option": lines(dict(bake, settings=["--size", "64", "--colour", "red"])),
+        "bake_output_section_too_small": lines(dict(bake, outputs={"normal": {"section": "s", "size": 9}})),
+        "bake_preview_without_sides": lines(dict(bake, preview={"section": "p"})),
+        "bake_same_id_twice": lines(bake, dict(bake, low="other")),
+        "transfer_settings_without_mode": lines(req("transfer", target="t", source="s",
+                                                    settings=["--size", "64"],
+                                                    outputs=["--texture", "a.kvt", "--out", "b.kvt"])),
+        "meshmaps_unknown_map": lines(req("meshmaps", low="l", high="h", settings=["--size", "64"],
+                                          outputs={"glow": "g.png"})),
+        "estimate_antialias_3": lines(dict(estimate, antialias=3)),
+        "estimate_backend": lines(dict(estimate, backend="cuda")),
+        "estimate_high_and_count": lines(dict(estimate, high="h")),
+        "estimate_high_not_loaded": lines(dict(req("memory.estimate", size=64, antialias=1,
+                                                   maps=["normal"], backend="cpu", high=["h"]))),
+        "estimate_unknown_map": lines(dict(estimate, maps=["normal", "glow"])),
+        "trim_unknown_cache": lines(req("memory.trim", caches=["tracers"])),
+        "cancel_unknown_job": lines(req("cancel", job=77)),
+        "release_not_list": lines(req("mesh.release", keys="k")),
+        "rays_hit": lines(req("rays.hit", key="k", count=1, t_max=1)),
+        "mesh_lod": lines(req("mesh.lod", key="k", target_tris=10, max_error=0.1)),
+        "long_op_cut": lines(req("\u00e9" * 600)),
+    }
+    for name, text in cases.items():
+        put("request", name, text)
 
 
 def glb_json_only(text):

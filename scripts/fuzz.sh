@@ -4,7 +4,7 @@
 # Usage: scripts/fuzz.sh <target> [seconds]      (default 300 seconds)
 #        scripts/fuzz.sh coverage <target>       (lines of src/ the kept inputs reach)
 #        scripts/fuzz.sh list
-# Targets: obj kvm gltf glb fbx read_mesh png exr bake_options.
+# Targets: obj kvm gltf glb fbx read_mesh png exr bake_options kvt request.
 # The run starts from the committed seeds (fuzz/corpus/<target>/) and the
 # regression inputs, keeps what it learns in build-fuzz/corpus/<target>/ and
 # writes failing inputs to build-fuzz/findings/<target>/. It stops at the
@@ -15,7 +15,7 @@
 set -euo pipefail
 
 cd "$(dirname "$0")/.."
-targets=(obj kvm gltf glb fbx read_mesh png exr bake_options)
+targets=(obj kvm gltf glb fbx read_mesh png exr bake_options kvt request)
 target="${1:-}"
 seconds="${2:-300}"
 coverage=0

@@ -18,7 +18,10 @@ void FieldReader::expect(std::initializer_list<std::string_view> required,
       fail_request("missing field \"" + std::string(field) + "\"");
     }
   }
-  for (const auto& [key, value] : object_.items()) {
+  // No structured binding: the lambda below captures the key, which clang
+  // 14 (the fuzz build's compiler) does not allow for a binding.
+  for (const auto& item : object_.items()) {
+    const std::string& key = item.key();
     if (key == "id" || key == "op") {
       continue;
     }

@@ -6,8 +6,11 @@
 
 namespace kv::service {
 
-JobRunner::JobRunner(int load_threads, FailFn fail, WriteFn write)
+JobRunner::JobRunner(int load_threads, FailFn fail, WriteFn write, JobThreads threads)
     : fail_(std::move(fail)), write_(std::move(write)) {
+  if (threads == JobThreads::none) {
+    return;
+  }
   bake_.threads.emplace_back([this] { work(bake_); });
   for (int i = 0; i < load_threads; ++i) {
     load_.threads.emplace_back([this] { work(load_); });

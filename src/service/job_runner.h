@@ -31,13 +31,18 @@ struct Job {
 
 enum class JobLane { bake, load };
 
+// Whether the runner starts its threads. Without them, jobs are accepted and
+// held but never run, and go with the runner: a request can then be handled
+// up to its immediate reply without doing its work (the request fuzzer).
+enum class JobThreads { start, none };
+
 class JobRunner {
  public:
   // `fail` makes the error reply of a job whose run threw; `write` writes a
   // final reply line.
   using FailFn = std::function<std::string(const Job&, std::exception_ptr)>;
   using WriteFn = std::function<void(const std::string&)>;
-  JobRunner(int load_threads, FailFn fail, WriteFn write);
+  JobRunner(int load_threads, FailFn fail, WriteFn write, JobThreads threads = JobThreads::start);
   ~JobRunner();  // stops the threads after the running jobs
   JobRunner(const JobRunner&) = delete;
   JobRunner& operator=(const JobRunner&) = delete;

@@ -104,6 +104,8 @@ std::string event_line(std::string_view name, std::int64_t job, const Json& fiel
   return serialise_line(std::move(line));
 }
 
+Output::Output() : write_([](std::string_view text) { return platform::write_stdout(text); }) {}
+
 void Output::write_line(std::string_view text) {
   std::lock_guard guard(lock_);
   if (failed_.load()) {
@@ -113,7 +115,7 @@ void Output::write_line(std::string_view text) {
   whole.reserve(text.size() + 1);
   whole.append(text);
   whole.push_back('\n');
-  if (!platform::write_stdout(whole)) {
+  if (!write_(whole)) {
     failed_.exchange(true);
   }
 }

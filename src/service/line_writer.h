@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -35,12 +36,20 @@ std::string serialise_line(Json line);
 // Standard output shared by every thread of the service.
 class Output {
  public:
+  // Writes one line with its newline; false when the write failed.
+  using WriteFn = std::function<bool(std::string_view)>;
+  Output();
+  // Lines go to `write` instead of standard output, so that a checker can
+  // hold the replies of requests in memory.
+  explicit Output(WriteFn write) : write_(std::move(write)) {}
+
   // Writes the line and its newline whole under the lock; a failed write
   // sets the failed flag and later lines are not attempted.
   void write_line(std::string_view text);
   bool failed() const { return failed_.load(); }
 
  private:
+  WriteFn write_;
   std::mutex lock_;
   std::atomic<bool> failed_{false};
 };

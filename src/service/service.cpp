@@ -37,7 +37,8 @@ std::uint64_t budget_of(const ServeOptions& options) {
 
 }  // namespace
 
-Service::Service(const ServeOptions& options, const ResolvedCounts& counts, Output& output)
+Service::Service(const ServeOptions& options, const ResolvedCounts& counts, Output& output,
+                 JobThreads threads)
     : options_(options),
       counts_(counts),
       output_(output),
@@ -45,7 +46,7 @@ Service::Service(const ServeOptions& options, const ResolvedCounts& counts, Outp
       runner_(
           counts.load_threads,
           [this](const Job& job, std::exception_ptr error) { return job_failure(job, error); },
-          [this](const std::string& line) { output_.write_line(line); }) {}
+          [this](const std::string& line) { output_.write_line(line); }, threads) {}
 
 void Service::handle_line(std::string_view line) {
   std::optional<std::int64_t> id;

@@ -25,7 +25,10 @@ namespace kv::service {
 
 class Service {
  public:
-  Service(const ServeOptions& options, const ResolvedCounts& counts, Output& output);
+  // `threads`: JobThreads::none holds queued work without running it, for
+  // checking how requests are answered.
+  Service(const ServeOptions& options, const ResolvedCounts& counts, Output& output,
+          JobThreads threads = JobThreads::start);
 
   // Handles one request line: every failure becomes one error reply.
   void handle_line(std::string_view line);
