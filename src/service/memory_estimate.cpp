@@ -71,6 +71,22 @@ constexpr std::uint64_t kGpuStagingBytesPerTriangle = 36 + 12;
 // corners at two scales, the raster's boxes, areas and cell lists): 562.
 constexpr std::uint64_t kLowPrepBytesPerTriangle = 600;
 
+// A PNG is read whole, inflated into filtered rows and unfiltered, beside
+// the texels it gives; the decoder's own tables come on top.
+constexpr std::uint64_t kPngDecoderBytes = 65536;
+// Padding an output at its costliest mode, per texel: the ring mode keeps
+// two flags, its ring lists (twice, while the chunks join) and two float64
+// means per channel; diffusion and the nearest-texel fill need less.
+constexpr std::uint64_t kOutputPaddingFixed = 16;
+constexpr std::uint64_t kOutputPaddingPerChannel = 16;
+// A PNG output holds its filtered rows and its compressed stream beside the
+// texels (three times the texels, rounded up); a mask is made as its own
+// one-byte image before it is written.
+constexpr std::uint64_t kPngWriteFactor = 3;
+
+// Per source triangle and output: which texture it reads.
+constexpr std::uint64_t kBindingBytesPerTriangle = 2;
+
 std::uint64_t raster_grid_bytes(std::uint64_t width, std::uint64_t height) {
   const std::uint64_t cell = UvRaster::kCellSize;
   const std::uint64_t cells = ((width + cell - 1) / cell) * ((height + cell - 1) / cell);
@@ -86,7 +102,53 @@ const MapCost& map_cost(const std::string& name) {
   throw Error("unknown map \"" + name + "\"");
 }
 
+// What the textures and outputs of a transfer hold from the start of the
+// run to its end, and the largest texture read's working copy.
+std::uint64_t transfer_texture_bytes(const JobShape& shape) {
+  std::uint64_t kept = 0;
+  std::uint64_t reading = 0;
+  for (const TextureShape& texture : shape.textures) {
+    const std::uint64_t bytes = texture_bytes(texture);
+    kept += bytes;
+    if (texture.png_file_bytes != 0) {
+      reading =
+          std::max(reading, texture.png_file_bytes + 2 * bytes + texture.height + kPngDecoderBytes);
+    }
+  }
+  const std::uint64_t texels = std::uint64_t{shape.width} * shape.height;
+  for (const OutputShape& output : shape.outputs) {
+    kept += texels * (output.channels * output.component_bytes + 1);  // texels, valid flags
+  }
+  return kept + reading + shape.input_bytes;
+}
+
+// What one output needs per texel while it is padded and written, one
+// output at a time.
+std::uint64_t transfer_output_work_per_texel(const JobShape& shape) {
+  std::uint64_t most = 0;
+  for (const OutputShape& output : shape.outputs) {
+    const std::uint64_t write =
+        output.png ? kPngWriteFactor * output.channels * output.component_bytes : 0;
+    const std::uint64_t mask = output.mask ? 1 + (output.mask_png ? kPngWriteFactor : 0) : 0;
+    most = std::max(
+        most, kOutputPaddingFixed + kOutputPaddingPerChannel * output.channels + write + mask);
+  }
+  return most;
+}
+
 }  // namespace
+
+std::uint64_t texture_bytes(const TextureShape& texture) {
+  return texture.width * texture.height * texture.channels * texture.component_bytes;
+}
+
+std::uint64_t stored_png_file_bytes(const TextureShape& texture) {
+  constexpr std::uint64_t kStoredBlock = 65535;  // bytes of one stored deflate block
+  constexpr std::uint64_t kBlockHeader = 5;
+  constexpr std::uint64_t kChunksAndHeaders = 1024;
+  const std::uint64_t rows = texture_bytes(texture) + texture.height;
+  return rows + (rows / kStoredBlock + 1) * kBlockHeader + kChunksAndHeaders;
+}
 
 const std::vector<std::string>& estimate_map_names() {
   static const std::vector<std::string> names = [] {
@@ -117,13 +179,17 @@ MemoryEstimate estimate_job_memory(const JobShape& shape) {
   const std::uint64_t height = shape.height;
   const std::uint64_t aa = shape.antialias;
 
+  transient = std::max(transient, transfer_output_work_per_texel(shape));
+
   MemoryEstimate estimate;
   estimate.texel_bytes = width * height * (kept + transient);
-  estimate.texture_bytes = 0;
+  estimate.texture_bytes = transfer_texture_bytes(shape);
   estimate.mesh_bytes =
       shape.high_triangles *
           (kTracerBytesPerTriangle + (shape.gpu ? kGpuStagingBytesPerTriangle : 0)) +
-      shape.low_triangles * kLowPrepBytesPerTriangle + raster_grid_bytes(width, height);
+      shape.low_triangles * kLowPrepBytesPerTriangle + raster_grid_bytes(width, height) +
+      shape.source_triangles * shape.outputs.size() * kBindingBytesPerTriangle +
+      shape.joined_mesh_bytes;
   // One band as the bake cuts it with the default band size; a tighter
   // budget only makes bands smaller.
   const std::uint64_t rows = static_cast<std::uint64_t>(band_rows_for(
