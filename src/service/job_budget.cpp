@@ -68,6 +68,8 @@ JobShape transfer_job_shape(const transfer::TransferSettings& settings, const Me
   // Only mesh to mesh traces the source.
   shape.high_triangles = settings.mode == transfer::TransferMode::m2m ? shape.source_triangles : 0;
   shape.joined_mesh_bytes = joined_bytes(sources);
+  shape.padding = settings.padding;
+  shape.dilation = settings.dilation;
   for (const transfer::OutputRequest& request : settings.outputs) {
     const std::size_t first = shape.textures.size();
     for (const transfer::TextureRequest& texture : request.textures) {

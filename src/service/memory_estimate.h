@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "padding/padding_mode.h"
+
 namespace kv::service {
 
 // A source texture of a transfer (a UDIM tile counts as one more) as it
@@ -34,6 +36,8 @@ struct JobShape {
   // each output binds to a texture.
   std::vector<TextureShape> textures;
   std::vector<OutputShape> outputs;
+  PaddingMode padding = PaddingMode::ring;  // of the outputs, with its width
+  std::int32_t dilation = 32;
   std::uint64_t source_triangles = 0;
   // A copy joining several high or source keys into one mesh.
   std::uint64_t joined_mesh_bytes = 0;
