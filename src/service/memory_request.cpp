@@ -139,6 +139,7 @@ Json Service::memory_estimate(const FieldReader& fields) {
     shape.high_triangles = high_triangles;
     shape.textures = textures;
     shape.outputs = outputs;
+    shape.source_triangles = outputs.empty() ? 0 : high_triangles;
     const MemoryEstimate one = estimate_job_memory(shape);
     total.texel_bytes += one.texel_bytes;
     total.texture_bytes += one.texture_bytes;

@@ -18,6 +18,16 @@ std::string indexed(std::string_view field, std::size_t i) {
   return std::string(field) + "[" + std::to_string(i) + "]";
 }
 
+// A whole number from 1 to `most`, else `text`.
+std::uint64_t read_whole(const FieldReader& t, std::string_view field, std::uint64_t most,
+                         std::string_view text) {
+  const std::uint64_t value = t.non_negative(field);
+  if (value < 1 || value > most) {
+    t.fail(field, text);
+  }
+  return value;
+}
+
 }  // namespace
 
 std::string read_key(const FieldReader& fields, const Json& value, std::string_view field) {
@@ -155,22 +165,6 @@ std::vector<std::string> read_maps(const FieldReader& fields) {
   }
   return maps;
 }
-
-}  // namespace kv::service
-
-namespace kv::service {
-namespace {
-
-std::uint64_t read_whole(const FieldReader& t, std::string_view field, std::uint64_t most,
-                         std::string_view text) {
-  const std::uint64_t value = t.non_negative(field);
-  if (value < 1 || value > most) {
-    t.fail(field, text);
-  }
-  return value;
-}
-
-}  // namespace
 
 std::vector<TextureShape> read_estimate_textures(const FieldReader& fields) {
   constexpr std::size_t kMostTextures = 64;
