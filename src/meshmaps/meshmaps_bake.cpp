@@ -103,15 +103,7 @@ EvaluatorSetup evaluator_setup(const Mesh& low, const Mesh& high, const MeshMaps
 // size can hold the whole bake. At least this many bands keep a cancel (or
 // a release) waiting for a small part of the bake, and progress coming; the
 // maps do not depend on the band size.
-constexpr std::uint64_t kMinBands = 16;
-
-std::uint64_t band_samples_of(const NormalBakeSettings& b) {
-  const std::uint64_t row_samples = static_cast<std::uint64_t>(b.width) *
-                                    static_cast<std::uint64_t>(b.aa) *
-                                    static_cast<std::uint64_t>(b.aa);
-  const std::uint64_t rows = (static_cast<std::uint64_t>(b.height) + kMinBands - 1) / kMinBands;
-  return std::min(b.band_samples, std::max<std::uint64_t>(rows, 1) * row_samples);
-}
+constexpr std::int32_t kMinBands = 16;
 
 std::int32_t plan_band_rows(const MeshMapsSettings& s, std::uint64_t tracer_bytes,
                             const MapRequest& request, MeshMapsRun& run) {
@@ -119,8 +111,10 @@ std::int32_t plan_band_rows(const MeshMapsSettings& s, std::uint64_t tracer_byte
   run.memory.budget_mb = budget / kMiB;
   const std::uint64_t texels =
       static_cast<std::uint64_t>(s.bake.width) * static_cast<std::uint64_t>(s.bake.height);
-  const BandPlan plan = plan_bands(band_samples_of(s.bake), s.bake.width, s.bake.height, s.bake.aa,
-                                   budget, tracer_bytes + texels * buffer_bytes_per_texel(request));
+  const std::uint64_t band_samples = band_samples_for_bands(s.bake.band_samples, s.bake.width,
+                                                            s.bake.height, s.bake.aa, kMinBands);
+  const BandPlan plan = plan_bands(band_samples, s.bake.width, s.bake.height, s.bake.aa, budget,
+                                   tracer_bytes + texels * buffer_bytes_per_texel(request));
   if (plan.rows != plan.wanted_rows) {
     run.memory.notices.push_back({"bake", "memory_budget",
                                   static_cast<std::uint64_t>(plan.wanted_rows),

@@ -122,6 +122,17 @@ std::uint64_t refused_need(const Json& reply, const std::string& op,
   return need;
 }
 
+// Region events of a job, in order, from the lines read.
+std::vector<Json> regions_of(const std::vector<Json>& lines, std::int64_t job) {
+  std::vector<Json> regions;
+  for (const Json& line : lines) {
+    if (line.value("event", "") == "region" && line["job"] == job) {
+      regions.push_back(line);
+    }
+  }
+  return regions;
+}
+
 TEST(ServeBudget, RefusesTransfersAndMeshmapsThatCannotFit) {
   ScratchDir dir;
   Quad target;
@@ -153,7 +164,8 @@ TEST(ServeBudget, RefusesTransfersAndMeshmapsThatCannotFit) {
     const std::filesystem::path out_small = dir / (tag + "_small.kvt");
     const std::filesystem::path out_large = dir / (tag + "_large.png");
     const std::filesystem::path out_ao = dir / (tag + "_ao.png");
-    const Json a = client.request(transfer(5, "512", small, out_small));
+    std::vector<Json> lines;
+    const Json a = client.request(transfer(5, "512", small, out_small), &lines);
     const Json b = client.request(transfer(6, "512", large, out_large));
     Json maps = meshmaps(7, "256", out_ao);
     maps["high"] = "high_sphere";
@@ -172,23 +184,14 @@ TEST(ServeBudget, RefusesTransfersAndMeshmapsThatCannotFit) {
       for (const Json& reply : {a, b, c}) {
         EXPECT_EQ(reply["ok"], true) << reply.dump();
       }
+      // A transfer too comes in at least sixteen bands.
+      EXPECT_EQ(regions_of(lines, 5).size(), 16u);
       EXPECT_TRUE(std::filesystem::exists(out_small));
       EXPECT_TRUE(std::filesystem::exists(out_large));
       EXPECT_TRUE(std::filesystem::exists(out_ao));
     }
     EXPECT_EQ(client.finish(), 0);
   }
-}
-
-// Region events of a job, in order, from the lines read.
-std::vector<Json> regions_of(const std::vector<Json>& lines, std::int64_t job) {
-  std::vector<Json> regions;
-  for (const Json& line : lines) {
-    if (line.value("event", "") == "region" && line["job"] == job) {
-      regions.push_back(line);
-    }
-  }
-  return regions;
 }
 
 TEST(ServeBudget, AMeshmapsJobRunsInBandsThatACancelEnds) {
