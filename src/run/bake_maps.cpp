@@ -50,8 +50,10 @@ PaddingCount pad_normal_map(NormalBakeResult& result, const NormalBakeSettings& 
 }
 
 void write_maps(const NormalBakeResult& result, const NormalBakeSettings& settings) {
-  write_map(settings.out_normal, settings.width, settings.height, 3, result.normal,
-            settings.threads);
+  if (!settings.out_normal.empty()) {  // a caller may keep the Normal map elsewhere
+    write_map(settings.out_normal, settings.width, settings.height, 3, result.normal,
+              settings.threads);
+  }
   if (!settings.out_opacity.empty()) {
     write_map(settings.out_opacity, settings.width, settings.height, 1, result.opacity,
               settings.threads);

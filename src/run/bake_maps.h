@@ -24,8 +24,8 @@ PaddingCount pad_normal_map(NormalBakeResult& result, const NormalBakeSettings& 
 void write_map(const std::filesystem::path& path, int width, int height, int channels,
                std::span<const std::uint16_t> codes, int threads);
 
-// Writes the Normal map and, when one is set, the Opacity map: PNG for a
-// .png path, else EXR.
+// Writes the Normal map and the Opacity map, each when its path is set: PNG
+// for a .png path, else EXR.
 void write_maps(const NormalBakeResult& result, const NormalBakeSettings& settings);
 
 }  // namespace kv::run

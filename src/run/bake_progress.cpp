@@ -2,22 +2,30 @@
 
 namespace kv::run {
 
-BakeProgress::BakeProgress(const NormalBakeSettings& settings, ProgressSink& sink)
+BakeProgress::BakeProgress(const NormalBakeSettings& settings, ProgressSink& sink,
+                           const MemoryPreview* memory)
     : settings_(settings),
       sink_(sink),
       total_(static_cast<std::uint64_t>(settings.width) *
              static_cast<std::uint64_t>(settings.height)) {
-  if (settings.preview.empty()) {
-    return;
+  const auto announce = [&](const char* where, const std::string& name, PreviewSize size) {
+    Json event = make_event("preview");
+    event[where] = name;
+    event["width"] = size.width;
+    event["height"] = size.height;
+    sink_.event(event);
+  };
+  if (!settings.preview.empty()) {
+    const PreviewSize size = preview_size(settings.preview_size, settings.width, settings.height);
+    previews_.push_back(
+        std::make_unique<PreviewFile>(settings.preview, size, settings.width, settings.height));
+    announce("path", settings.preview.string(), size);
   }
-  preview_ = std::make_unique<PreviewFile>(
-      settings.preview, preview_size(settings.preview_size, settings.width, settings.height),
-      settings.width, settings.height);
-  Json event = make_event("preview");
-  event["path"] = settings.preview.string();
-  event["width"] = preview_->size().width;
-  event["height"] = preview_->size().height;
-  sink_.event(event);
+  if (memory != nullptr) {
+    previews_.push_back(std::make_unique<PreviewMemory>(memory->pixels, memory->size,
+                                                        settings.width, settings.height));
+    announce("section", memory->section, memory->size);
+  }
 }
 
 NormalBakeCallbacks BakeProgress::callbacks() {
@@ -48,9 +56,11 @@ void BakeProgress::region_finished(const TexelRegion& region, const NormalBakeRe
   if (sink_.wants_events()) {
     sink_.event(region_event(region.x, region.y, region.w, region.h, done_, total_));
   }
-  if (preview_) {
-    preview_->update(region.x, region.y, region.w, region.h, partial.normal.data(),
-                     partial.outside.data());
+  for (const std::unique_ptr<Preview>& preview : previews_) {
+    preview->update(region.x, region.y, region.w, region.h, partial.normal.data(),
+                    partial.outside.data());
+  }
+  if (!previews_.empty()) {
     sink_.preview_updated(region.x, region.y, region.w, region.h);
   }
 }

@@ -107,10 +107,10 @@ Json run_bake(const NormalBakeSettings& settings, ProgressSink& sink) {
 
 Json bake_loaded_meshes(const NormalBakeSettings& settings, const BakeMeshes& meshes,
                         ProgressSink& sink, Clock::time_point start, double load_seconds,
-                        NormalBakeScene* scene) {
+                        NormalBakeScene* scene, const BakeExtras& extras) {
   check_bake_start(settings);
   const BackendChoice backend = choose_backend(settings);
-  BakeProgress progress(settings, sink);
+  BakeProgress progress(settings, sink, extras.preview);
   NormalBakeRun run = bake_normal_map(meshes.low, meshes.high, settings, settings.threads,
                                       progress.callbacks(), scene);
 
@@ -122,6 +122,9 @@ Json bake_loaded_meshes(const NormalBakeSettings& settings, const BakeMeshes& me
   sink.event(phase_event("write"));
   const Clock::time_point write_start = Clock::now();
   write_maps(run.result, settings);
+  if (extras.write_more) {
+    extras.write_more(run.result);
+  }
   const double write_seconds = seconds_since(write_start);
 
   RunResult summary = run_result(run, meshes, padded, settings);

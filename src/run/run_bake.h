@@ -1,11 +1,14 @@
 // The one-shot bake run: meshes in, maps written, summary out.
 #pragma once
 
+#include <functional>
+
 #include "core/json_line.h"
 #include "core/stopwatch.h"
 #include "mesh/mesh.h"
 #include "normal/normal_bake.h"
 #include "normal/normal_bake_settings.h"
+#include "run/bake_progress.h"
 #include "run/progress_sink.h"
 
 namespace kv::run {
@@ -25,6 +28,14 @@ struct BakeMeshes {
   std::uint64_t high_quads_split = 0;
 };
 
+// What a caller adds to the settings' own outputs: a preview in memory, and
+// more outputs written from the padded maps once the files are written (in
+// the "write" phase; not called when anything before failed).
+struct BakeExtras {
+  const MemoryPreview* preview = nullptr;
+  std::function<void(const NormalBakeResult&)> write_more;
+};
+
 // The bake after the meshes are loaded: bake, pad, write, summarise. The
 // command line and the service both bake through it, so their maps are the
 // same. `start` is when the run began and `load_seconds` what loading took;
@@ -32,6 +43,6 @@ struct BakeMeshes {
 // tracer and receives those the bake built (see bake_normal_map).
 Json bake_loaded_meshes(const NormalBakeSettings& settings, const BakeMeshes& meshes,
                         ProgressSink& sink, Clock::time_point start, double load_seconds,
-                        NormalBakeScene* scene = nullptr);
+                        NormalBakeScene* scene = nullptr, const BakeExtras& extras = {});
 
 }  // namespace kv::run

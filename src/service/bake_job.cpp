@@ -5,6 +5,7 @@
 #include "core/error.h"
 #include "run/bake_options.h"
 #include "run/run_bake.h"
+#include "service/bake_sections.h"
 #include "service/job_budget.h"
 #include "service/job_meshes.h"
 #include "service/job_output.h"
@@ -34,14 +35,26 @@ NormalBakeSettings read_settings(const FieldReader& fields, int threads) {
   return settings;
 }
 
-void read_outputs(const FieldReader& fields, NormalBakeSettings& settings) {
+// The outputs' paths go into the settings, their sections beside them.
+BakeSections read_outputs(const FieldReader& fields, NormalBakeSettings& settings) {
   const Json& outputs = fields.object(fields.at("outputs"), "outputs");
   const FieldReader reader(outputs, fields.context() + ": outputs", fields.id());
   reader.expect({"normal"}, {"opacity"});
-  settings.out_normal = read_output(fields, outputs.at("normal"), "outputs.normal");
+  BakeSections sections;
+  const JobOutput normal = read_job_output(fields, outputs.at("normal"), "outputs.normal");
+  settings.out_normal = normal.path;
+  sections.normal =
+      open_map_section(fields, "outputs.normal", normal, settings.width, settings.height, 3);
   if (outputs.contains("opacity")) {
-    settings.out_opacity = read_output(fields, outputs.at("opacity"), "outputs.opacity");
+    const JobOutput opacity = read_job_output(fields, outputs.at("opacity"), "outputs.opacity");
+    settings.out_opacity = opacity.path;
+    sections.opacity =
+        open_map_section(fields, "outputs.opacity", opacity, settings.width, settings.height, 1);
   }
+  if (fields.has("preview")) {
+    sections.preview = read_preview_section(fields);
+  }
+  return sections;
 }
 
 struct SceneKeys {
@@ -67,16 +80,13 @@ void Service::bake(const Request& request, const FieldReader& fields) {
   const std::string low = read_key(fields, fields.at("low"), "low");
   const std::vector<std::string> high = read_keys(fields, "high");
   NormalBakeSettings settings = read_settings(fields, counts_.threads);
-  read_outputs(fields, settings);
-  if (fields.has("preview")) {
-    fields.fail("preview", "not available in this korvane build");
-  }
+  const BakeSections sections = read_outputs(fields, settings);
   queue_job(request, read_release_after(fields), [=, this](Job& job) {
     const Clock::time_point start = Clock::now();
     JobMeshes found = find_job_meshes(meshes_, job, low, high);
     const StoredMesh& low_mesh = found.first;
     const std::vector<const Mesh*> high_meshes = found.other_meshes();
-    check_budget(job, settings, *low_mesh.mesh, high_meshes);
+    check_budget(job, settings, !sections.opacity.name.empty(), *low_mesh.mesh, high_meshes);
     NormalBakeScene scene;
     const SceneKeys scene_keys = scene_keys_of(settings, low, low_mesh.generation, found.used);
     scene.prep = scenes_.find_prep(scene_keys.prep);
@@ -105,9 +115,15 @@ void Service::bake(const Request& request, const FieldReader& fields) {
     JobSink sink(job, output_, meshes_, std::move(found.used));
     const run::BakeMeshes meshes{*low_mesh.mesh, *high_mesh, low_mesh.stats.quads_split,
                                  high_quads};
+    run::BakeExtras extras;
+    extras.preview = sections.preview ? &sections.preview->preview : nullptr;
+    extras.write_more = [&](const NormalBakeResult& result) {
+      sections.write(result, settings.width, settings.height);
+    };
     Json reply = Json::object();
     try {
-      reply["summary"] = run::bake_loaded_meshes(settings, meshes, sink, start, 0.0, &scene);
+      reply["summary"] =
+          run::bake_loaded_meshes(settings, meshes, sink, start, 0.0, &scene, extras);
     } catch (...) {
       keep_scene();
       throw;
@@ -118,9 +134,10 @@ void Service::bake(const Request& request, const FieldReader& fields) {
 }
 
 // Refuses, before any work, a bake that cannot fit the memory budget.
-void Service::check_budget(const Job& job, const NormalBakeSettings& settings, const Mesh& low,
-                           const std::vector<const Mesh*>& highs) const {
-  refuse_over_budget(job, bake_job_shape(settings, low, highs));
+void Service::check_budget(const Job& job, const NormalBakeSettings& settings, bool opacity_section,
+                           const Mesh& low, const std::vector<const Mesh*>& highs) const {
+  const bool opacity = !settings.out_opacity.empty() || opacity_section;
+  refuse_over_budget(job, bake_job_shape(settings, opacity, low, highs));
 }
 
 void Service::prepare_scene(const Request& request, const FieldReader& fields) {

@@ -40,14 +40,14 @@ TextureShape texture_shape(const std::string& place) {
 
 }  // namespace
 
-JobShape bake_job_shape(const NormalBakeSettings& settings, const Mesh& low,
+JobShape bake_job_shape(const NormalBakeSettings& settings, bool opacity, const Mesh& low,
                         const std::vector<const Mesh*>& highs) {
   JobShape shape{};
   shape.width = static_cast<std::uint32_t>(settings.width);
   shape.height = static_cast<std::uint32_t>(settings.height);
   shape.antialias = static_cast<std::uint32_t>(settings.aa);
   shape.maps = {"normal"};
-  if (!settings.out_opacity.empty()) {
+  if (opacity) {
     shape.maps.push_back("opacity");
   }
   shape.gpu = settings.backend == "gpu";

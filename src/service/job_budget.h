@@ -14,8 +14,8 @@
 namespace kv::service {
 
 // `highs`: the high (or source) meshes, in key order; several are joined
-// into one copy for the job.
-JobShape bake_job_shape(const NormalBakeSettings& settings, const Mesh& low,
+// into one copy for the job. `opacity`: the Opacity map is made too.
+JobShape bake_job_shape(const NormalBakeSettings& settings, bool opacity, const Mesh& low,
                         const std::vector<const Mesh*>& highs);
 
 // Reads every texture's header (nothing decoded) and fails as reading the

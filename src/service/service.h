@@ -72,8 +72,8 @@ class Service {
   // Bakes (bake_job.cpp).
   void bake(const Request& request, const FieldReader& fields);
   void prepare_scene(const Request& request, const FieldReader& fields);
-  void check_budget(const Job& job, const NormalBakeSettings& settings, const Mesh& low,
-                    const std::vector<const Mesh*>& highs) const;
+  void check_budget(const Job& job, const NormalBakeSettings& settings, bool opacity_section,
+                    const Mesh& low, const std::vector<const Mesh*>& highs) const;
 
   // Texture transfers (transfer_job.cpp).
   void transfer(const Request& request, const FieldReader& fields);

@@ -18,23 +18,6 @@ std::filesystem::path as_path(const std::string& place) {
   return std::filesystem::path(std::u8string(place.begin(), place.end()));
 }
 
-platform::SharedSection open_section(const ShmForm& form, bool writable) {
-  int error = 0;
-  std::uint64_t section_bytes = 0;
-  std::optional<platform::SharedSection> section =
-      platform::SharedSection::open(form.section, form.size, writable, &error, &section_bytes);
-  if (!section) {
-    if (error == ERANGE) {
-      throw Error("the shared-memory section " + form.section + " holds " +
-                  std::to_string(section_bytes) + " bytes, fewer than " +
-                  std::to_string(form.size));
-    }
-    throw Error("cannot open the shared-memory section " + form.section + ": " +
-                platform::system_error_text(error));
-  }
-  return std::move(*section);
-}
-
 }  // namespace
 
 std::optional<ShmForm> parse_shm_form(std::string_view place) {
@@ -50,6 +33,23 @@ std::optional<ShmForm> parse_shm_form(std::string_view place) {
     throw pipeline::UsageError("a shared-memory texture is shm:<section>:<size>");
   }
   return ShmForm{std::string(rest.substr(0, colon)), *size};
+}
+
+platform::SharedSection open_section(const ShmForm& form, bool writable) {
+  int error = 0;
+  std::uint64_t section_bytes = 0;
+  std::optional<platform::SharedSection> section =
+      platform::SharedSection::open(form.section, form.size, writable, &error, &section_bytes);
+  if (!section) {
+    if (error == ERANGE) {
+      throw Error("the shared-memory section " + form.section + " holds " +
+                  std::to_string(section_bytes) + " bytes, fewer than " +
+                  std::to_string(form.size));
+    }
+    throw Error("cannot open the shared-memory section " + form.section + ": " +
+                platform::system_error_text(error));
+  }
+  return std::move(*section);
 }
 
 bool is_png_place(std::string_view place) {

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "image/texel_image.h"
+#include "platform/platform.h"
 
 namespace kv::transfer {
 
@@ -23,6 +24,11 @@ struct ShmForm {
 std::optional<ShmForm> parse_shm_form(std::string_view place);
 
 bool is_png_place(std::string_view place);
+
+// Maps the first form.size bytes of the section. Throws kv::Error "cannot
+// open the shared-memory section <name>: <reason>", or "... holds N bytes,
+// fewer than <size>".
+platform::SharedSection open_section(const ShmForm& form, bool writable);
 
 // Reads a source texture from its place.
 TexelImage load_texture(const std::string& place);

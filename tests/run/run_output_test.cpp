@@ -104,6 +104,11 @@ TEST(Preview, FileHoldsTheFinishedRectangles) {
   const auto path = dir / "preview.rgba";
   PreviewFile preview(path, preview_size(3, 10, 10), 10, 10);
   EXPECT_EQ(test::read_text_file(path), std::string(3 * 3 * 4, '\0'));
+  // The same preview in memory: zeroed over its 36 bytes only.
+  std::string memory(40, '\xEE');
+  PreviewMemory in_memory(std::span(reinterpret_cast<std::uint8_t*>(memory.data()), memory.size()),
+                          preview_size(3, 10, 10), 10, 10);
+  EXPECT_EQ(memory, std::string(36, '\0') + std::string(4, '\xEE'));
 
   std::vector<std::uint16_t> codes(10 * 10 * 3);
   std::vector<std::uint8_t> outside(10 * 10, 0);
@@ -116,12 +121,15 @@ TEST(Preview, FileHoldsTheFinishedRectangles) {
   preview.update(4, 0, 1, 10, codes.data(), outside.data());  // maps to no column
   EXPECT_EQ(test::read_text_file(path), std::string(36, '\0'));
   preview.update(6, 0, 4, 4, codes.data(), outside.data());  // column 2, rows 0..1
+  in_memory.update(4, 0, 1, 10, codes.data(), outside.data());
+  in_memory.update(6, 0, 4, 4, codes.data(), outside.data());
   // Pixel (2, 0) shows texel (6, 0), uncovered, and pixel (2, 1) texel (6, 3);
   // every other pixel stays untouched.
   std::string expected(36, '\0');
   expected.replace(8, 4, std::string("\x06\x12\xFF\0", 4));
   expected.replace(20, 4, std::string("\x24\x12\xFF\xFF", 4));
   EXPECT_EQ(test::read_text_file(path), expected);
+  EXPECT_EQ(memory, expected + std::string(4, '\xEE'));
 }
 
 }  // namespace
