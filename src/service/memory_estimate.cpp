@@ -97,6 +97,24 @@ const MapCost& map_cost(const std::string& name) {
   throw Error("unknown map \"" + name + "\"");
 }
 
+// Per texel: the maps kept from the first band to the last write, and the
+// costliest map's padding and writing, which happen one map at a time.
+std::uint64_t map_bytes_per_texel(const std::vector<std::string>& maps) {
+  std::uint64_t kept = 0;
+  std::uint64_t transient = 0;
+  bool normal_result = false;
+  bool mesh_maps = false;
+  for (const std::string& name : maps) {
+    const MapCost& cost = map_cost(name);
+    const bool normal_bake = name == "normal" || name == "opacity";
+    normal_result = normal_result || normal_bake;
+    mesh_maps = mesh_maps || !normal_bake;
+    kept += cost.kept;
+    transient = std::max(transient, cost.transient);
+  }
+  return kept + transient + (normal_result ? kNormalResult : 0) + (mesh_maps ? kMeshMapMasks : 0);
+}
+
 // What the textures and outputs of a transfer hold from the start of the
 // run to its end: decoded, by type and channels, and the outputs' flags.
 std::uint64_t transfer_texture_bytes(const JobShape& shape) {
@@ -170,28 +188,6 @@ std::uint64_t stored_png_file_bytes(const TextureShape& texture) {
   const std::uint64_t rows = texture_bytes(texture) + texture.height;
   return rows + (rows / kStoredBlock + 1) * kBlockHeader + kChunksAndHeaders;
 }
-
-namespace {
-
-// Per texel: the maps kept from the first band to the last write, and the
-// costliest map's padding and writing, which happen one map at a time.
-std::uint64_t map_bytes_per_texel(const std::vector<std::string>& maps) {
-  std::uint64_t kept = 0;
-  std::uint64_t transient = 0;
-  bool normal_result = false;
-  bool mesh_maps = false;
-  for (const std::string& name : maps) {
-    const MapCost& cost = map_cost(name);
-    const bool normal_bake = name == "normal" || name == "opacity";
-    normal_result = normal_result || normal_bake;
-    mesh_maps = mesh_maps || !normal_bake;
-    kept += cost.kept;
-    transient = std::max(transient, cost.transient);
-  }
-  return kept + transient + (normal_result ? kNormalResult : 0) + (mesh_maps ? kMeshMapMasks : 0);
-}
-
-}  // namespace
 
 const std::vector<std::string>& estimate_map_names() {
   static const std::vector<std::string> names = [] {

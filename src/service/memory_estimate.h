@@ -52,7 +52,7 @@ std::uint64_t texture_bytes(const TextureShape& texture);
 std::uint64_t stored_png_file_bytes(const TextureShape& texture);
 
 struct MemoryEstimate {
-  std::uint64_t total_bytes = 0;    // the sum of the parts below
+  std::uint64_t total_bytes = 0;    // the peak: the parts below that live at once
   std::uint64_t texel_bytes = 0;    // per-texel maps, masks and their padding and writing
   std::uint64_t texture_bytes = 0;  // transfer textures, their outputs, other inputs; 0 for bakes
   std::uint64_t mesh_bytes = 0;     // built over the meshes: tracer scene, LowPrep
