@@ -115,9 +115,13 @@ std::uint64_t kvt_file_bytes(const TexelImage& image) {
   return kKvtHeaderBytes + static_cast<std::uint64_t>(image.expected_bytes());
 }
 
-TexelImage read_kvt(const std::filesystem::path& path) {
+namespace {
+
+// Opens the file and checks its header: the image without its texels, the
+// file left just past the header.
+TexelImage open_kvt(const std::filesystem::path& path, platform::File& file) {
   int error = 0;
-  platform::File file = platform::File::open_read(path, &error);
+  file = platform::File::open_read(path, &error);
   if (!file.is_open()) {
     throw Error("cannot open " + path.string() + ": " + platform::system_error_text(error));
   }
@@ -130,12 +134,25 @@ TexelImage read_kvt(const std::filesystem::path& path) {
   if (got < 0) {
     throw Error("cannot read " + path.string() + ": " + platform::system_error_text(error));
   }
-  TexelImage image = check_header(header.data(), static_cast<std::uint64_t>(size));
+  return check_header(header.data(), static_cast<std::uint64_t>(size));
+}
+
+}  // namespace
+
+TexelImage read_kvt_header(const std::filesystem::path& path) {
+  platform::File file;
+  return open_kvt(path, file);
+}
+
+TexelImage read_kvt(const std::filesystem::path& path) {
+  platform::File file;
+  TexelImage image = open_kvt(path, file);
   try {
     image.data.resize(image.expected_bytes());
   } catch (const std::bad_alloc&) {
     throw OutOfMemory(path.string() + ": out of memory while reading the texels");
   }
+  int error = 0;
   if (file.read_full(image.data.data(), image.data.size(), &error) !=
       static_cast<std::int64_t>(image.data.size())) {
     throw Error("cannot read " + path.string());
@@ -143,10 +160,14 @@ TexelImage read_kvt(const std::filesystem::path& path) {
   return image;
 }
 
-TexelImage parse_kvt(std::span<const std::uint8_t> bytes) {
+TexelImage parse_kvt_header(std::span<const std::uint8_t> bytes) {
   std::array<std::uint8_t, kKvtHeaderBytes> header{};
   std::memcpy(header.data(), bytes.data(), std::min<std::size_t>(bytes.size(), header.size()));
-  TexelImage image = check_header(header.data(), bytes.size());
+  return check_header(header.data(), bytes.size());
+}
+
+TexelImage parse_kvt(std::span<const std::uint8_t> bytes) {
+  TexelImage image = parse_kvt_header(bytes);
   image.data.assign(bytes.begin() + kKvtHeaderBytes, bytes.end());
   return image;
 }

@@ -32,6 +32,12 @@ TexelImage read_kvt(const std::filesystem::path& path);
 // The same checks on a texel file held in memory (a shared-memory section).
 TexelImage parse_kvt(std::span<const std::uint8_t> bytes);
 
+// The header checks alone, nothing allocated for the texels: the image's
+// size, channels and type with no data, or the error read_kvt and
+// parse_kvt would give.
+TexelImage read_kvt_header(const std::filesystem::path& path);
+TexelImage parse_kvt_header(std::span<const std::uint8_t> bytes);
+
 // Writes the image through "<path>.tmp" and a rename.
 void write_kvt(const std::filesystem::path& path, const TexelImage& image);
 

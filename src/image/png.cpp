@@ -312,6 +312,32 @@ void check_decode_memory(const std::filesystem::path& path, unsigned width, unsi
   throw Error(std::string("PNG: ") + lodepng_error_text(code));
 }
 
+// Sets the decoded form of the stored colour type: grey, grey with alpha,
+// RGB and RGBA as stored (grey below 8 bits widened to 8), a palette as
+// 8-bit RGBA. Returns whether the file holds a palette.
+bool choose_raw_mode(lodepng::State& state) {
+  const LodePNGColorType stored = state.info_png.color.colortype;
+  const unsigned depth = state.info_png.color.bitdepth;
+  switch (stored) {
+    case LCT_GREY:
+      state.info_raw.colortype = LCT_GREY;
+      state.info_raw.bitdepth = depth < 8 ? 8 : depth;  // k-bit grey widens as v * 255 / (2^k - 1)
+      return false;
+    case LCT_GREY_ALPHA:
+    case LCT_RGB:
+    case LCT_RGBA:
+      state.info_raw.colortype = stored;
+      state.info_raw.bitdepth = depth;
+      return false;
+    case LCT_PALETTE:
+      state.info_raw.colortype = LCT_RGBA;
+      state.info_raw.bitdepth = 8;
+      return true;
+    default:
+      throw Error("PNG: unsupported colour type");
+  }
+}
+
 TexelImage read_png(const std::filesystem::path& path) {
   std::vector<unsigned char> bytes = read_png_bytes(path);
   lodepng::State state;
@@ -321,28 +347,7 @@ TexelImage read_png(const std::filesystem::path& path) {
   if (code != 0) {
     throw_decode_error(path, code);
   }
-  const LodePNGColorType stored = state.info_png.color.colortype;
-  const unsigned depth = state.info_png.color.bitdepth;
-  bool palette = false;
-  switch (stored) {
-    case LCT_GREY:
-      state.info_raw.colortype = LCT_GREY;
-      state.info_raw.bitdepth = depth < 8 ? 8 : depth;  // k-bit grey widens as v * 255 / (2^k - 1)
-      break;
-    case LCT_GREY_ALPHA:
-    case LCT_RGB:
-    case LCT_RGBA:
-      state.info_raw.colortype = stored;
-      state.info_raw.bitdepth = depth;
-      break;
-    case LCT_PALETTE:
-      state.info_raw.colortype = LCT_RGBA;
-      state.info_raw.bitdepth = 8;
-      palette = true;
-      break;
-    default:
-      throw Error("PNG: unsupported colour type");
-  }
+  const bool palette = choose_raw_mode(state);
   check_png_size(path, width, height, state.info_png.color, bytes.size());
   check_decode_memory(path, width, height, state.info_raw);
   std::vector<unsigned char> decoded;
@@ -387,7 +392,48 @@ TexelImage read_png(const std::filesystem::path& path) {
   return image;
 }
 
+// The header of the file and its length, without the rest of the file.
+PngHeader inspect_png(const std::filesystem::path& path) {
+  int error = 0;
+  platform::File file = platform::File::open_read(path, &error);
+  if (!file.is_open()) {
+    throw Error("cannot open " + path.string());
+  }
+  const std::int64_t size = file.size(&error);
+  // Signature, then the IHDR chunk: length, type, 13 bytes and the CRC.
+  std::vector<unsigned char> head(33);
+  const std::int64_t got = size < 0 ? -1 : file.read_full(head.data(), head.size(), &error);
+  if (got < 0) {
+    throw Error("cannot read " + path.string());
+  }
+  head.resize(static_cast<std::size_t>(got));
+  lodepng::State state;
+  unsigned width = 0;
+  unsigned height = 0;
+  const unsigned code = lodepng_inspect(&width, &height, &state, head.data(), head.size());
+  if (code != 0) {
+    throw_decode_error(path, code);
+  }
+  choose_raw_mode(state);
+  check_png_size(path, width, height, state.info_png.color, static_cast<std::uint64_t>(size));
+  PngHeader header;
+  header.shape.width = static_cast<int>(width);
+  header.shape.height = static_cast<int>(height);
+  header.shape.channels = static_cast<int>(lodepng_get_channels(&state.info_raw));
+  header.shape.type = state.info_raw.bitdepth == 16 ? ComponentType::kU16 : ComponentType::kU8;
+  header.file_bytes = static_cast<std::uint64_t>(size);
+  return header;
+}
+
 }  // namespace
+
+PngHeader inspectPng(const std::filesystem::path& path) {
+  try {
+    return inspect_png(path);
+  } catch (const std::bad_alloc&) {
+    throw png_out_of_memory(path);
+  }
+}
 
 TexelImage readPng(const std::filesystem::path& path) {
   try {

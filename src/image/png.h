@@ -30,4 +30,13 @@ std::vector<unsigned char> encodePng(const TexelImage& image, int threads = 0);
 // RGB (or RGBA when the palette has transparency).
 TexelImage readPng(const std::filesystem::path& path);
 
+// What readPng would give, read from the header alone: the image with no
+// data (a palette counted as the RGBA it is decoded into) and the file's
+// length. Fails as readPng fails before it decodes.
+struct PngHeader {
+  TexelImage shape;
+  std::uint64_t file_bytes = 0;
+};
+PngHeader inspectPng(const std::filesystem::path& path);
+
 }  // namespace kv

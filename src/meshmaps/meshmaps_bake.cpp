@@ -99,14 +99,22 @@ EvaluatorSetup evaluator_setup(const Mesh& low, const Mesh& high, const MeshMaps
   return e;
 }
 
+// Every sub-sample casts its secondary rays, so a band of the Normal bake's
+// size can hold the whole bake. At least this many bands keep a cancel (or
+// a release) waiting for a small part of the bake, and progress coming; the
+// maps do not depend on the band size.
+constexpr std::int32_t kMinBands = 16;
+
 std::int32_t plan_band_rows(const MeshMapsSettings& s, std::uint64_t tracer_bytes,
                             const MapRequest& request, MeshMapsRun& run) {
   const std::uint64_t budget = memory_budget_bytes(s.bake.memory_budget_mb);
   run.memory.budget_mb = budget / kMiB;
   const std::uint64_t texels =
       static_cast<std::uint64_t>(s.bake.width) * static_cast<std::uint64_t>(s.bake.height);
-  const BandPlan plan = plan_bands(s.bake.band_samples, s.bake.width, s.bake.height, s.bake.aa,
-                                   budget, tracer_bytes + texels * buffer_bytes_per_texel(request));
+  const std::uint64_t band_samples = band_samples_for_bands(s.bake.band_samples, s.bake.width,
+                                                            s.bake.height, s.bake.aa, kMinBands);
+  const BandPlan plan = plan_bands(band_samples, s.bake.width, s.bake.height, s.bake.aa, budget,
+                                   tracer_bytes + texels * buffer_bytes_per_texel(request));
   if (plan.rows != plan.wanted_rows) {
     run.memory.notices.push_back({"bake", "memory_budget",
                                   static_cast<std::uint64_t>(plan.wanted_rows),

@@ -46,8 +46,15 @@ Json meshmaps_loaded_meshes(const MeshMapsSettings& s, const MeshMapsEnvironment
   bake_extras.noise = extras.noise ? &*extras.noise : nullptr;
   bake_extras.normal_map = extras.normal_map ? &*extras.normal_map : nullptr;
   BandDone band_done;
-  if (hooks.between_bands) {
-    band_done = [&hooks](const TexelRegion&) { hooks.between_bands(); };
+  if (hooks.between_bands || hooks.band_finished) {
+    band_done = [&hooks](const TexelRegion& region) {
+      if (hooks.band_finished) {
+        hooks.band_finished(region);
+      }
+      if (hooks.between_bands) {
+        hooks.between_bands();
+      }
+    };
   }
   MeshMapsRun run = bake_mesh_maps(low, high, s, env, bake_extras, s.bake.threads, band_done);
   // A run ended during its last band writes nothing either.

@@ -13,6 +13,7 @@
 #include "meshmaps/meshmaps_settings.h"
 #include "meshmaps/normal_map_input.h"
 #include "meshmaps/sample_directions.h"
+#include "sampling/band_loop.h"
 
 namespace kv::meshmaps {
 
@@ -32,6 +33,8 @@ MeshMapsExtras read_meshmaps_extras(const MeshMapsSettings& settings, std::strin
 // Where the caller follows the run; both may throw to end it.
 struct MeshMapsHooks {
   std::function<void()> between_bands;
+  // After each band, with the rows it finished (before between_bands).
+  BandDone band_finished;
   MapWritten map_written;
 };
 

@@ -54,14 +54,7 @@ void BakeProgress::region_finished(const TexelRegion& region, const NormalBakeRe
   std::lock_guard guard(lock_);
   done_ += static_cast<std::uint64_t>(region.w) * static_cast<std::uint64_t>(region.h);
   if (sink_.wants_events()) {
-    Json event = make_event("region");
-    event["x"] = region.x;
-    event["y"] = region.y;
-    event["w"] = region.w;
-    event["h"] = region.h;
-    event["done"] = done_;
-    event["total"] = total_;
-    sink_.event(event);
+    sink_.event(region_event(region.x, region.y, region.w, region.h, done_, total_));
   }
   for (const std::unique_ptr<Preview>& preview : previews_) {
     preview->update(region.x, region.y, region.w, region.h, partial.normal.data(),

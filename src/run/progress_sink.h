@@ -38,4 +38,9 @@ Json make_event(std::string_view name);
 // The event that opens a phase of the run.
 Json phase_event(std::string_view phase);
 
+// The event of a finished rectangle of texels: `done` texels of `total` are
+// finished with it.
+Json region_event(std::int32_t x, std::int32_t y, std::int32_t w, std::int32_t h,
+                  std::uint64_t done, std::uint64_t total);
+
 }  // namespace kv::run

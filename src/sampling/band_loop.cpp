@@ -416,6 +416,16 @@ std::int32_t band_rows_for(std::uint64_t band_samples, std::int32_t width, std::
   return static_cast<std::int32_t>(rows);
 }
 
+std::uint64_t band_samples_for_bands(std::uint64_t band_samples, std::int32_t width,
+                                     std::int32_t height, std::int32_t aa, std::int32_t min_bands) {
+  const std::uint64_t row_samples = static_cast<std::uint64_t>(std::max(width, 0)) *
+                                    static_cast<std::uint64_t>(aa) * static_cast<std::uint64_t>(aa);
+  // Whole rows rounded down, so that the bands are never fewer.
+  const std::uint64_t rows = static_cast<std::uint64_t>(std::max(height, 0)) /
+                             static_cast<std::uint64_t>(std::max(min_bands, 1));
+  return std::min(band_samples, std::max<std::uint64_t>(rows, 1) * row_samples);
+}
+
 std::uint64_t band_bytes_per_sample() {
   // The record, its query (held twice while the chunks are joined) and its hit.
   return sizeof(SubSample) + 2 * sizeof(RayQuery) + sizeof(RayHit);

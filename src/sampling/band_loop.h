@@ -149,6 +149,13 @@ BandLoopCounters run_band_loop(const LowPrep& prep, const BandLoopSettings& sett
 std::int32_t band_rows_for(std::uint64_t band_samples, std::int32_t width, std::int32_t height,
                            std::int32_t aa);
 
+// The band size, at most band_samples, that cuts the image into at least
+// min_bands bands of whole rows (every row its own band when it has fewer
+// rows): work checked between bands, a cancel above all, then waits for a
+// part of the image at most.
+std::uint64_t band_samples_for_bands(std::uint64_t band_samples, std::int32_t width,
+                                     std::int32_t height, std::int32_t aa, std::int32_t min_bands);
+
 // Upper bound of the memory one sub-sample of a band takes while it is baked.
 std::uint64_t band_bytes_per_sample();
 

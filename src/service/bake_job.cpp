@@ -6,6 +6,7 @@
 #include "run/bake_options.h"
 #include "run/run_bake.h"
 #include "service/bake_sections.h"
+#include "service/job_budget.h"
 #include "service/job_meshes.h"
 #include "service/job_output.h"
 #include "service/job_sink.h"
@@ -135,27 +136,8 @@ void Service::bake(const Request& request, const FieldReader& fields) {
 // Refuses, before any work, a bake that cannot fit the memory budget.
 void Service::check_budget(const Job& job, const NormalBakeSettings& settings, bool opacity_section,
                            const Mesh& low, const std::vector<const Mesh*>& highs) const {
-  if (budget_bytes_ == 0) {
-    return;
-  }
-  JobShape shape{};
-  shape.width = static_cast<std::uint32_t>(settings.width);
-  shape.height = static_cast<std::uint32_t>(settings.height);
-  shape.antialias = static_cast<std::uint32_t>(settings.aa);
-  shape.maps = {"normal"};
-  if (!settings.out_opacity.empty() || opacity_section) {
-    shape.maps.push_back("opacity");
-  }
-  shape.gpu = settings.backend == "gpu";
-  shape.low_triangles = low.triangles.size();
-  for (const Mesh* high : highs) {
-    shape.high_triangles += high->triangles.size();
-  }
-  const MemoryEstimate estimate = estimate_job_memory(shape);
-  if (estimate.total_bytes > budget_bytes_) {
-    throw ProtocolError(job.id, out_of_memory_message(job.op, estimate.total_bytes),
-                        out_of_memory_fields(estimate.total_bytes));
-  }
+  const bool opacity = !settings.out_opacity.empty() || opacity_section;
+  refuse_over_budget(job, bake_job_shape(settings, opacity, low, highs));
 }
 
 void Service::prepare_scene(const Request& request, const FieldReader& fields) {

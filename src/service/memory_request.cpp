@@ -1,6 +1,9 @@
 // memory.estimate and the out-of-memory refusal of jobs.
+#include <algorithm>
+
 #include "platform/platform.h"
 #include "service/memory_estimate.h"
+#include "service/protocol_error.h"
 #include "service/request_rules.h"
 #include "service/service.h"
 
@@ -41,6 +44,23 @@ std::vector<std::uint64_t> read_sizes(const FieldReader& fields) {
   return sizes;
 }
 
+// Each texture of a transfer's estimate fills an output of its own with its
+// channels and type, with a mask; 8- and 16-bit outputs and the masks are
+// priced as PNG files, the costlier write.
+std::vector<OutputShape> priced_outputs(const std::vector<TextureShape>& textures) {
+  std::vector<OutputShape> outputs;
+  for (const TextureShape& texture : textures) {
+    OutputShape output;
+    output.channels = texture.channels;
+    output.component_bytes = texture.component_bytes;
+    output.png = texture.png_file_bytes != 0;
+    output.mask = true;
+    output.mask_png = true;
+    outputs.push_back(output);
+  }
+  return outputs;
+}
+
 }  // namespace
 
 std::string Service::out_of_memory_message(const std::string& op, std::uint64_t need_bytes) const {
@@ -57,28 +77,57 @@ Json Service::out_of_memory_fields(std::uint64_t need_bytes) const {
   return f;
 }
 
-Json Service::memory_estimate(const FieldReader& fields) {
-  const std::vector<std::uint64_t> sizes = read_sizes(fields);
-  const std::uint32_t antialias = read_antialias(fields);
-  const std::vector<std::string> maps = read_maps(fields);
-  const bool gpu = read_backend_is_gpu(fields);
-  std::uint64_t high_triangles = 0;
+void Service::refuse_over_budget(const Job& job, const JobShape& shape) const {
+  if (budget_bytes_ == 0) {
+    return;
+  }
+  const MemoryEstimate estimate = estimate_job_memory(shape);
+  if (estimate.total_bytes > budget_bytes_) {
+    throw ProtocolError(job.id, out_of_memory_message(job.op, estimate.total_bytes),
+                        out_of_memory_fields(estimate.total_bytes));
+  }
+}
+
+std::uint64_t Service::estimate_high_triangles(const FieldReader& fields) const {
   if (fields.has("high") && fields.has("high_triangles")) {
     fields.fail("high", "give high keys or high_triangles, not both");
   }
+  std::uint64_t high_triangles = 0;
   if (fields.has("high_triangles")) {
     high_triangles = fields.non_negative("high_triangles");
     if (high_triangles > kMaxHighTriangles) {
       fields.fail("high_triangles", "at most 4294967296");
     }
-  } else {
-    for (const std::string& key : read_keys(fields, "high")) {
-      const auto stored = meshes_.find(key);
-      if (!stored) {
-        fields.fail("high", "no mesh is loaded under the key \"" + key + "\"");
-      }
-      high_triangles += stored->mesh->triangles.size();
+    return high_triangles;
+  }
+  for (const std::string& key : read_keys(fields, "high")) {
+    const auto stored = meshes_.find(key);
+    if (!stored) {
+      fields.fail("high", "no mesh is loaded under the key \"" + key + "\"");
     }
+    high_triangles += stored->mesh->triangles.size();
+  }
+  return high_triangles;
+}
+
+Json Service::memory_estimate(const FieldReader& fields) {
+  const std::vector<std::uint64_t> sizes = read_sizes(fields);
+  const std::uint32_t antialias = read_antialias(fields);
+  std::vector<std::string> maps = read_maps(fields);
+  const bool gpu = read_backend_is_gpu(fields);
+  const std::uint64_t high_triangles = estimate_high_triangles(fields);
+  const auto transfer = std::remove(maps.begin(), maps.end(), kTransferMap);
+  std::vector<TextureShape> textures;
+  std::vector<OutputShape> outputs;
+  if (transfer != maps.end()) {
+    if (!fields.has("textures")) {
+      fields.fail_request("missing field \"textures\"");
+    }
+    textures = read_estimate_textures(fields);
+    outputs = priced_outputs(textures);
+    maps.erase(transfer, maps.end());
+  } else if (fields.has("textures")) {
+    fields.fail("textures", "only a transfer reads textures");
   }
   MemoryEstimate total{};
   for (const std::uint64_t size : sizes) {
@@ -88,6 +137,9 @@ Json Service::memory_estimate(const FieldReader& fields) {
     shape.maps = maps;
     shape.gpu = gpu;
     shape.high_triangles = high_triangles;
+    shape.textures = textures;
+    shape.outputs = outputs;
+    shape.source_triangles = outputs.empty() ? 0 : high_triangles;
     const MemoryEstimate one = estimate_job_memory(shape);
     total.texel_bytes += one.texel_bytes;
     total.texture_bytes += one.texture_bytes;

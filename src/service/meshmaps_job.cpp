@@ -6,13 +6,15 @@
 // meshes, the outputs, --report and --cache-dir; "outputs" an object from
 // map name to a path or {"path": ...}, written in the object's key order;
 // optional "stream" (a "map_done" event as each map is written) and
-// "release_after". The final reply carries the command's summary object.
+// "release_after". Each finished band gives a "region" event; the final
+// reply carries the command's summary object.
 #include "core/error.h"
 #include "meshmaps/meshmaps_options.h"
 #include "meshmaps/meshmaps_run.h"
 #include "platform/platform.h"
 #include "run/bake_options.h"
 #include "service/hello.h"
+#include "service/job_budget.h"
 #include "service/job_meshes.h"
 #include "service/job_output.h"
 #include "service/job_sink.h"
@@ -67,11 +69,20 @@ void Service::meshmaps(const Request& request, const FieldReader& fields) {
     const meshmaps::MeshMapsExtras extras =
         meshmaps::read_meshmaps_extras(settings, meshmaps::check_meshmaps_run(settings));
     JobMeshes found = find_job_meshes(meshes_, job, low, high);
+    refuse_over_budget(
+        job, meshmaps_job_shape(settings, extras, *found.first.mesh, found.other_meshes()));
     const std::shared_ptr<const Mesh> high_mesh = joined_others(found);
     JobSink sink(job, output_, meshes_, std::move(found.used));
     sink.event(run::phase_event("bake"));
     meshmaps::MeshMapsHooks hooks;
     hooks.between_bands = [&sink] { sink.check(); };
+    const std::uint64_t total = static_cast<std::uint64_t>(settings.bake.width) *
+                                static_cast<std::uint64_t>(settings.bake.height);
+    std::uint64_t done = 0;
+    hooks.band_finished = [&sink, &done, total](const TexelRegion& region) {
+      done += static_cast<std::uint64_t>(region.w) * static_cast<std::uint64_t>(region.h);
+      sink.event(run::region_event(region.x, region.y, region.w, region.h, done, total));
+    };
     if (stream) {
       hooks.map_written = [&sink](const std::string& map, const std::filesystem::path& path) {
         Json event = run::make_event("map_done");

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <set>
 
+#include "image/texel_image.h"
 #include "service/memory_estimate.h"
 
 namespace kv::service {
@@ -15,6 +16,16 @@ constexpr std::size_t kMaxNameTotal = 262144;
 
 std::string indexed(std::string_view field, std::size_t i) {
   return std::string(field) + "[" + std::to_string(i) + "]";
+}
+
+// A whole number from 1 to `most`, else `text`.
+std::uint64_t read_whole(const FieldReader& t, std::string_view field, std::uint64_t most,
+                         std::string_view text) {
+  const std::uint64_t value = t.non_negative(field);
+  if (value < 1 || value > most) {
+    t.fail(field, text);
+  }
+  return value;
 }
 
 }  // namespace
@@ -140,18 +151,53 @@ bool read_backend_is_gpu(const FieldReader& fields) {
 }
 
 std::vector<std::string> read_maps(const FieldReader& fields) {
-  // The names are those the estimate knows, so an accepted map is priced.
+  // The names are those the estimate knows, so an accepted map is priced;
+  // a transfer is priced by its textures.
   const std::vector<std::string>& known = estimate_map_names();
   std::vector<std::string> maps = fields.strings(fields.at("maps"), "maps");
   if (maps.empty()) {
     fields.fail("maps", "needs at least one map");
   }
   for (const std::string& map : maps) {
-    if (std::find(known.begin(), known.end(), map) == known.end()) {
+    if (map != kTransferMap && std::find(known.begin(), known.end(), map) == known.end()) {
       fields.fail("maps", "unknown map \"" + map + "\"");
     }
   }
   return maps;
+}
+
+std::vector<TextureShape> read_estimate_textures(const FieldReader& fields) {
+  constexpr std::size_t kMostTextures = 64;
+  const Json& value = fields.at("textures");
+  if (value.is_array() && (value.empty() || value.size() > kMostTextures)) {
+    fields.fail("textures", "must be a list of 1 to 64 textures");
+  }
+  const Json& list = fields.objects(value, "textures");
+  std::vector<TextureShape> textures;
+  for (std::size_t i = 0; i < list.size(); ++i) {
+    const FieldReader t(list[i], fields.context() + ": " + indexed("textures", i), fields.id());
+    t.expect({"width", "height", "channels", "type"}, {});
+    TextureShape texture;
+    texture.width = read_whole(t, "width", kMaxImageSide, "must be 1 to 16384 texels");
+    texture.height = read_whole(t, "height", kMaxImageSide, "must be 1 to 16384 texels");
+    texture.channels = read_whole(t, "channels", 4, "must be 1 to 4");
+    const std::string type = t.string("type");
+    for (const ComponentType known :
+         {ComponentType::kU8, ComponentType::kU16, ComponentType::kF16, ComponentType::kF32}) {
+      if (type == component_type_name(known)) {
+        texture.component_bytes = component_bytes(known);
+      }
+    }
+    if (texture.component_bytes == 0) {
+      t.fail("type", "expected u8, u16, f16 or f32");
+    }
+    // 8- and 16-bit textures may come as PNG files, the costlier read.
+    if (type == "u8" || type == "u16") {
+      texture.png_file_bytes = stored_png_file_bytes(texture);
+    }
+    textures.push_back(texture);
+  }
+  return textures;
 }
 
 }  // namespace kv::service

@@ -9,6 +9,7 @@
 
 #include "mesh/obj_reader.h"
 #include "service/field_reader.h"
+#include "service/memory_estimate.h"
 #include "service/section_mesh.h"
 
 namespace kv::service {
@@ -37,6 +38,13 @@ std::vector<SectionObject> read_section_objects(const FieldReader& fields);
 
 std::uint32_t read_antialias(const FieldReader& fields);
 bool read_backend_is_gpu(const FieldReader& fields);
+// The map names of memory.estimate: those of estimate_map_names() and
+// "transfer".
+inline constexpr std::string_view kTransferMap = "transfer";
 std::vector<std::string> read_maps(const FieldReader& fields);
+
+// The "textures" of a transfer's estimate: 1 to 64 objects of "width",
+// "height", "channels" and "type" ("u8", "u16", "f16" or "f32").
+std::vector<TextureShape> read_estimate_textures(const FieldReader& fields);
 
 }  // namespace kv::service

@@ -16,6 +16,7 @@
 #include "service/field_reader.h"
 #include "service/job_runner.h"
 #include "service/line_writer.h"
+#include "service/memory_estimate.h"
 #include "service/mesh_store.h"
 #include "service/request.h"
 #include "service/scene_cache.h"
@@ -46,6 +47,8 @@ class Service {
   Json cache_status() const;
   Json memory_trim(const FieldReader& fields);
   Json memory_estimate(const FieldReader& fields);
+  // "high" (loaded keys) or "high_triangles" of memory.estimate.
+  std::uint64_t estimate_high_triangles(const FieldReader& fields) const;
   Json release(const FieldReader& fields);
   // Releases mesh keys and drops the scenes built from them.
   std::vector<std::string> release_keys(const std::vector<std::string>& keys);
@@ -80,6 +83,8 @@ class Service {
   void meshmaps(const Request& request, const FieldReader& fields);
 
   // The refusal of work that needs more than the budget (memory_request.cpp).
+  // Throws the "out_of_memory" error of a job whose shape does not fit.
+  void refuse_over_budget(const Job& job, const JobShape& shape) const;
   std::string out_of_memory_message(const std::string& op, std::uint64_t need_bytes) const;
   Json out_of_memory_fields(std::uint64_t need_bytes) const;
 

@@ -14,12 +14,14 @@
 // list of source keys joined by commas).
 #include "core/error.h"
 #include "run/bake_options.h"
+#include "service/job_budget.h"
 #include "service/job_meshes.h"
 #include "service/job_sink.h"
 #include "service/request_rules.h"
 #include "service/service.h"
 #include "transfer/transfer_backend.h"
 #include "transfer/transfer_command.h"
+#include "transfer/transfer_modes.h"
 
 namespace kv::service {
 namespace {
@@ -61,6 +63,13 @@ void Service::transfer(const Request& request, const FieldReader& fields) {
     transfer::check_transfer_settings(settings);
     begin.gpu_unavailable = transfer::choose_backend(settings);
     JobMeshes found = find_job_meshes(meshes_, job, target, source);
+    // The meshes' own faults come first, as on the command line; then a
+    // transfer that cannot fit is refused before its textures are read.
+    const std::vector<const Mesh*> sources = found.other_meshes();
+    if (sources.size() == 1) {
+      transfer::check_source_mesh(settings.mode, *found.first.mesh, *sources.front());
+    }
+    refuse_over_budget(job, transfer_job_shape(settings, *found.first.mesh, sources));
     const std::shared_ptr<const Mesh> source_mesh = joined_others(found);
     JobSink sink(job, output_, meshes_, std::move(found.used));
     sink.check();

@@ -73,6 +73,21 @@ TexelImage load_texture(const std::string& place) {
   return read_kvt(as_path(place));
 }
 
+TextureHeader inspect_texture(const std::string& place) {
+  TextureHeader header;
+  if (const std::optional<ShmForm> form = parse_shm_form(place)) {
+    const platform::SharedSection section = open_section(*form, false);
+    header.shape = parse_kvt_header(std::span<const std::uint8_t>(section.data(), section.size()));
+  } else if (is_png_place(place)) {
+    PngHeader png = inspectPng(as_path(place));
+    header.shape = std::move(png.shape);
+    header.png_file_bytes = png.file_bytes;
+  } else {
+    header.shape = read_kvt_header(as_path(place));
+  }
+  return header;
+}
+
 void check_output_place(const std::string& place, const TexelImage& shape) {
   if (const std::optional<ShmForm> form = parse_shm_form(place)) {
     check_kvt_destination(form->size, kvt_file_bytes(shape));

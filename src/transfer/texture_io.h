@@ -33,6 +33,16 @@ platform::SharedSection open_section(const ShmForm& form, bool writable);
 // Reads a source texture from its place.
 TexelImage load_texture(const std::string& place);
 
+// A source texture as its header gives it, nothing decoded: the image with
+// no data (a PNG palette counted as RGBA, as it is decoded), and for a PNG
+// the file's length, which the reader holds beside the texels. Fails as
+// load_texture fails before it reads the texels.
+struct TextureHeader {
+  TexelImage shape;
+  std::uint64_t png_file_bytes = 0;  // 0: not a PNG
+};
+TextureHeader inspect_texture(const std::string& place);
+
 // Before any work: the output's image can be stored at its place (a PNG
 // holds u8 or u16 texels; a section has exactly the image's file size).
 void check_output_place(const std::string& place, const TexelImage& shape);

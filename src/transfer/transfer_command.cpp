@@ -57,14 +57,7 @@ BandDone region_events(run::ProgressSink* sink, const TransferSettings& settings
       static_cast<std::uint64_t>(settings.width) * static_cast<std::uint64_t>(settings.height);
   return [sink, total, &done](const TexelRegion& region) {
     done += static_cast<std::uint64_t>(region.w) * static_cast<std::uint64_t>(region.h);
-    Json event = run::make_event("region");
-    event["x"] = region.x;
-    event["y"] = region.y;
-    event["w"] = region.w;
-    event["h"] = region.h;
-    event["done"] = done;
-    event["total"] = total;
-    sink->event(event);
+    sink->event(run::region_event(region.x, region.y, region.w, region.h, done, total));
   };
 }
 

@@ -13,8 +13,10 @@
 namespace kv::transfer {
 namespace {
 
-// Sub-samples per band, as the Normal bake's default.
+// Sub-samples per band, as the Normal bake's default, and at least this
+// many bands, between which a cancel ends the run.
 constexpr std::uint64_t kBandSamples = 1048576;
+constexpr std::int32_t kMinBands = 16;
 
 bool same_triangle(const Mesh& a, const Mesh& b, std::size_t t) {
   const Triangle& ta = a.triangles[t];
@@ -47,7 +49,9 @@ LowPrepSettings prep_settings(const TransferSettings& s, bool average_normals) {
 
 BandLoopSettings loop_settings(const TransferSettings& s) {
   BandLoopSettings loop;
-  loop.band_rows = band_rows_for(kBandSamples, s.width, s.height, s.aa);
+  loop.band_rows =
+      band_rows_for(band_samples_for_bands(kBandSamples, s.width, s.height, s.aa, kMinBands),
+                    s.width, s.height, s.aa);
   loop.count_stacked = false;
   return loop;
 }

@@ -45,9 +45,15 @@ TexelImage image_of(int w, int h, int c, ComponentType type) {
 
 TEST(KvtFile, EveryHeaderCheckInOrderWithItsMessage) {
   const test::ScratchDir dir;
+  // The header alone, from a file and from memory, fails as the whole read.
   const auto read_bytes = [&](const std::string& bytes) {
     write_text_file(dir / "t.kvt", bytes);
-    return message_of([&] { read_kvt(dir / "t.kvt"); });
+    const std::string message = message_of([&] { read_kvt(dir / "t.kvt"); });
+    EXPECT_EQ(message_of([&] { read_kvt_header(dir / "t.kvt"); }), message);
+    const auto* data = reinterpret_cast<const std::uint8_t*>(bytes.data());
+    EXPECT_EQ(message_of([&] { parse_kvt_header({data, bytes.size()}); }), message);
+    EXPECT_EQ(message_of([&] { parse_kvt({data, bytes.size()}); }), message);
+    return message;
   };
   const std::string texels(2 * 2 * 4 * 2, '\x7f');
   EXPECT_EQ(read_bytes(header(1, 2, 2, 2, 4, 0).substr(0, 31)), ".kvt: not a korvane texel file");
@@ -75,6 +81,10 @@ TEST(KvtFile, EveryHeaderCheckInOrderWithItsMessage) {
   EXPECT_EQ(read_bytes(header(1, 4, 16384, 16384, 4, 0)),
             ".kvt: data size does not match the header");
   EXPECT_EQ(read_bytes(header(1, 2, 2, 2, 4, 0) + texels), "(no error)");
+  const TexelImage shape = read_kvt_header(dir / "t.kvt");
+  EXPECT_EQ(std::tuple(shape.width, shape.height, shape.channels, shape.type, shape.data.size()),
+            std::tuple(2, 2, 4, ComponentType::kU16, std::size_t{0}));
+  EXPECT_EQ(message_of([&] { read_kvt_header(dir / "none.kvt"); }).rfind("cannot open ", 0), 0u);
 }
 
 TEST(KvtFile, TwoByTwoRgbaU16IsSixtyFourBytesAndEveryTypeRoundTripsExactly) {

@@ -289,6 +289,57 @@ TEST(PngReader, HeadersBeyondTheLimitsAreRefusedBeforeDecoding) {
   }
 }
 
+TEST(PngReader, TheHeaderAloneGivesTheShapeAndTheSameRefusals) {
+  test::ScratchDir dir;
+  const fs::path in = dir / "in.png";
+  const auto save = [&](const std::vector<unsigned char>& png) {
+    test::write_text_file(in, std::string(png.begin(), png.end()));
+  };
+  // Every stored kind: the header's shape is the texels' shape; a palette
+  // counts as the RGBA it decodes into, whichever its entries.
+  const std::vector<unsigned char> samples(6 * 5 * 8, 77);
+  for (const auto& [colour, depth] : {std::pair{LCT_GREY, 1u},
+                                      {LCT_GREY, 8u},
+                                      {LCT_GREY_ALPHA, 16u},
+                                      {LCT_RGB, 8u},
+                                      {LCT_RGB, 16u},
+                                      {LCT_RGBA, 8u},
+                                      {LCT_PALETTE, 8u}}) {
+    lodepng::State state;
+    state.info_raw = lodepng_color_mode_make(colour, depth < 8 ? 8 : depth);
+    state.info_png.color = lodepng_color_mode_make(colour, depth);
+    state.encoder.auto_convert = 0;
+    if (colour == LCT_PALETTE) {
+      for (unsigned char v = 0; v < 80; ++v) {
+        lodepng_palette_add(&state.info_png.color, v, v, v, 255);
+        lodepng_palette_add(&state.info_raw, v, v, v, 255);
+      }
+    }
+    std::vector<unsigned char> png;
+    ASSERT_EQ(lodepng::encode(png, samples, 6, 5, state), 0u);
+    save(png);
+    const PngHeader header = inspectPng(in);
+    const TexelImage read = readPng(in);
+    EXPECT_EQ(header.file_bytes, png.size());
+    EXPECT_TRUE(header.shape.data.empty());
+    EXPECT_EQ(std::tuple(header.shape.width, header.shape.height, header.shape.type),
+              std::tuple(read.width, read.height, read.type));
+    EXPECT_EQ(header.shape.channels, colour == LCT_PALETTE ? 4 : read.channels) << colour;
+  }
+  // The refusals that come before decoding are the reader's own.
+  const std::vector<unsigned char> base = encodePng({2, 2, 1, ComponentType::kU8, {0, 1, 2, 3}});
+  for (const std::vector<unsigned char>& png :
+       {with_header(base, 16385, 1, 8, LCT_GREY), with_header(base, 16384, 16384, 16, LCT_RGBA),
+        std::vector<unsigned char>(base.begin(), base.begin() + 20)}) {
+    save(png);
+    const std::string message = error_of([&] { readPng(in); });
+    EXPECT_NE(message, "(no error)");
+    EXPECT_EQ(error_of([&] { inspectPng(in); }), message);
+  }
+  EXPECT_EQ(error_of([&] { inspectPng(dir / "missing.png"); }),
+            error_of([&] { readPng(dir / "missing.png"); }));
+}
+
 TEST(PngReader, RunningOutOfMemoryNamesTheFile) {
 #ifdef __SANITIZE_ADDRESS__
   GTEST_SKIP() << "the sanitizer's allocator ends the process instead of failing the allocation";

@@ -525,18 +525,25 @@ TEST(MeshMapsDeterminism, SameMapsOnAnyThreadCountBandAndBudget) {
   EXPECT_GT(one.buffers.counters.texels_hit, 1500u);
   expect_same_buffers(one.buffers, two.buffers);
 
+  // However large the band size, a bake takes at least sixteen bands.
+  EXPECT_EQ(one.memory.band_rows, 3u);
   MeshMapsSettings banded = s;
-  banded.bake.band_samples = 48 * 4 * 3;  // three rows a band
+  banded.bake.band_samples = 48 * 4 * 2 - 1;  // one row a band
   const MeshMapsRun bands = bake(low, high, banded, 2);
-  EXPECT_EQ(bands.memory.band_rows, 3u);
+  EXPECT_EQ(bands.memory.band_rows, 1u);
   expect_same_buffers(one.buffers, bands.buffers);
 
-  MeshMapsSettings tight = s;
-  tight.bake.memory_budget_mb = 1;  // less than one band of the whole map
+  // A budget below what the maps themselves hold leaves one row a band,
+  // and the bake says so.
+  MeshMapsSettings roomy = settings_for(256, {"world_normal", "position", "id"});
+  MeshMapsSettings tight = roomy;
+  tight.bake.memory_budget_mb = 1;
   const MeshMapsRun budget = bake(low, high, tight, 2);
-  EXPECT_LT(budget.memory.band_rows, 48u);
+  EXPECT_EQ(budget.memory.band_rows, 1u);
   EXPECT_FALSE(budget.memory.notices.empty());
-  expect_same_buffers(one.buffers, budget.buffers);
+  const MeshMapsRun sixteen = bake(low, high, roomy, 2);
+  EXPECT_EQ(sixteen.memory.band_rows, 16u);
+  expect_same_buffers(sixteen.buffers, budget.buffers);
 }
 
 // The bake's tracer with every secondary ray cast alone: nearest hits one

@@ -303,6 +303,26 @@ TEST(BandRows, WholeRowsWithinTheSampleBudget) {
   EXPECT_EQ(band_rows_for(UINT64_MAX, 16384, 16384, 8), 2047);
 }
 
+TEST(BandRows, AtLeastSoManyBandsOfWholeRows) {
+  const auto bands = [](std::int32_t height, std::int32_t min_bands) {
+    const std::int32_t rows =
+        band_rows_for(band_samples_for_bands(1048576, 64, height, 2, min_bands), 64, height, 2);
+    return (height + rows - 1) / rows;
+  };
+  // Rows per band round down, so a height that sixteen does not divide
+  // gives more bands, never fewer.
+  EXPECT_EQ(bands(256, 16), 16);
+  EXPECT_EQ(bands(100, 16), 17);  // 6 rows a band
+  EXPECT_EQ(bands(31, 16), 31);   // 1 row a band
+  EXPECT_EQ(bands(10, 16), 10);   // fewer rows than bands: a row each
+  EXPECT_EQ(bands(256, 1), 1);
+  EXPECT_EQ(bands(256, 0), 1);  // no minimum
+  // The band size given stays the most: large images keep their bands.
+  EXPECT_EQ(band_samples_for_bands(1048576, 4096, 4096, 1, 16), 1048576u);
+  EXPECT_EQ(band_samples_for_bands(1048576, 1024, 1024, 1, 16), 64u * 1024);
+  EXPECT_EQ(band_samples_for_bands(1048576, 1024, 1024, 4, 16), 64u * 1024 * 16);
+}
+
 TEST(BandRows, TheBudgetHalvesBandsUntilTheyFit) {
   const std::uint64_t row = 100 * 2 * 2 * band_bytes_per_sample();  // 100 texels at aa 2
   const auto rows = [](const BandPlan& p) { return std::pair(p.wanted_rows, p.rows); };

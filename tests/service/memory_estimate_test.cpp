@@ -134,6 +134,69 @@ TEST(MemoryEstimate, BoundsARealTracerBuild) {
   EXPECT_GE(estimate.mesh_bytes, tracer.peak_memory_bytes() + tracer.table_bytes());
 }
 
+JobShape transfer_shape(kv::PaddingMode padding, std::int32_t dilation) {
+  JobShape s;
+  s.width = s.height = 256;
+  s.low_triangles = 100;
+  s.textures = {{512, 256, 4, 1, 0}, {64, 64, 1, 4, 0}};
+  s.outputs = {{4, 1, false, false, false}, {1, 4, false, true, false}};
+  s.padding = padding;
+  s.dilation = dilation;
+  return s;
+}
+
+TEST(MemoryEstimate, PricesATransferByItsTexturesOutputsAndSteps) {
+  using kv::PaddingMode;
+  const MemoryEstimate ring = estimate_job_memory(transfer_shape(PaddingMode::ring, 32));
+  // Decoded textures by type and channels, then each output's texels and
+  // valid flags.
+  EXPECT_EQ(ring.texture_bytes, 512u * 256 * 4 + 64 * 64 * 4 + 2 * 256 * 256 * (4 + 1));
+  // The steps come one after another: the total holds each beside what the
+  // transfer keeps, not all of them at once.
+  EXPECT_GE(ring.total_bytes, ring.texture_bytes + ring.texel_bytes);
+  EXPECT_GE(ring.total_bytes, ring.texture_bytes + ring.mesh_bytes + ring.band_bytes);
+  EXPECT_LT(ring.total_bytes,
+            ring.texture_bytes + ring.texel_bytes + ring.mesh_bytes + ring.band_bytes);
+
+  // Padding by mode: the ring mode's lists and means cost the most, a ring
+  // of width 0 pads nothing, as the pass-through mode.
+  const auto texel = [](PaddingMode mode, std::int32_t dilation) {
+    return estimate_job_memory(transfer_shape(mode, dilation)).texel_bytes;
+  };
+  EXPECT_GT(texel(PaddingMode::ring, 32), texel(PaddingMode::diffusion, 32));
+  EXPECT_GT(texel(PaddingMode::diffusion, 32), texel(PaddingMode::infinite, 32));
+  EXPECT_GT(texel(PaddingMode::infinite, 32), texel(PaddingMode::passthrough, 32));
+  EXPECT_EQ(texel(PaddingMode::ring, 0), texel(PaddingMode::passthrough, 32));
+  EXPECT_EQ(texel(PaddingMode::color, 32), texel(PaddingMode::infinite, 32));
+
+  // Writing a PNG output costs more than writing a texel file.
+  JobShape png = transfer_shape(PaddingMode::passthrough, 0);
+  const std::uint64_t plain = estimate_job_memory(png).texel_bytes;
+  png.outputs[0].png = true;
+  EXPECT_GT(estimate_job_memory(png).texel_bytes, plain);
+
+  // Reading a PNG texture holds its file and the decoder's rows beside its
+  // texels: the total grows, the textures' own bytes do not.
+  JobShape read = transfer_shape(PaddingMode::passthrough, 0);
+  read.textures = {{4096, 4096, 4, 1, 0}};
+  const MemoryEstimate kvt = estimate_job_memory(read);
+  read.textures[0].png_file_bytes = kv::service::stored_png_file_bytes(read.textures[0]);
+  const MemoryEstimate from_png = estimate_job_memory(read);
+  EXPECT_EQ(from_png.texture_bytes, kvt.texture_bytes);
+  EXPECT_GE(from_png.total_bytes,
+            kvt.texture_bytes + read.textures[0].png_file_bytes + 2 * 4096ull * 4096 * 4);
+  // The longest PNG: every row stored with its filter byte.
+  EXPECT_GT(read.textures[0].png_file_bytes, 4096ull * 4096 * 4 + 4096);
+
+  // Bindings per source triangle and output, and a joined source copy.
+  JobShape bound = transfer_shape(PaddingMode::ring, 32);
+  bound.source_triangles = 1000;
+  bound.joined_mesh_bytes = 5000;
+  const MemoryEstimate with_sources = estimate_job_memory(bound);
+  EXPECT_EQ(with_sources.mesh_bytes, ring.mesh_bytes + 2 * 1000 * 2 + 5000);
+  EXPECT_GE(with_sources.total_bytes, ring.total_bytes + 2 * 1000 * 2 + 5000);
+}
+
 TEST(MemoryEstimate, AutomaticBudgetIsHalfOfTheFreeMemory) {
   const std::uint64_t free_before = kv::platform::memory_available_bytes();
   const std::uint64_t budget = kv::service::automatic_budget_bytes();
