@@ -38,11 +38,12 @@ void check_finite(const Array& array, std::uint64_t begin, std::uint64_t end, Fi
   }
 }
 
-void check_normal_chunk(Mesh& mesh, bool normalize, std::uint64_t begin, std::uint64_t end,
-                        FirstFailure& failure) {
+// Scales the normals in place when `scaled` is given (the normals of `mesh`).
+void check_normal_chunk(const Mesh& mesh, LargeArray<std::array<float, 3>>* scaled,
+                        std::uint64_t begin, std::uint64_t end, FirstFailure& failure) {
   bool failed = false;
   for (std::uint64_t i = begin; i < std::min<std::uint64_t>(end, mesh.normals.size()); ++i) {
-    auto& n = mesh.normals[i];
+    const auto& n = mesh.normals[i];
     const float x = n[0];
     const float y = n[1];
     const float z = n[2];
@@ -63,11 +64,9 @@ void check_normal_chunk(Mesh& mesh, bool normalize, std::uint64_t begin, std::ui
       }
       continue;
     }
-    if (normalize) {
+    if (scaled != nullptr) {
       const float r = 1.0f / length;
-      n[0] = x * r;
-      n[1] = y * r;
-      n[2] = z * r;
+      (*scaled)[i] = {x * r, y * r, z * r};
     }
   }
 }
@@ -107,8 +106,26 @@ void check_vertex_chunk(Mesh& mesh, bool normalize, std::uint64_t begin, std::ui
   check_finite(mesh.positions, begin, end, finite_float, failures.position);
   check_finite(
       mesh.uvs, begin, end, [](double v) { return double_is_finite(v); }, failures.uv);
-  check_normal_chunk(mesh, normalize, begin, end, failures.normal);
+  check_normal_chunk(mesh, normalize ? &mesh.normals : nullptr, begin, end, failures.normal);
   check_finite(mesh.colors, begin, end, finite_float, failures.color);
+}
+
+void check_range(const Mesh& mesh, CheckedArray array, std::uint64_t begin, std::uint64_t end,
+                 MeshFailures& failures) {
+  const auto finite_float = [](float v) { return float_is_finite(v); };
+  switch (array) {
+    case CheckedArray::positions:
+      return check_finite(mesh.positions, begin, end, finite_float, failures.position);
+    case CheckedArray::uvs:
+      return check_finite(
+          mesh.uvs, begin, end, [](double v) { return double_is_finite(v); }, failures.uv);
+    case CheckedArray::normals:
+      return check_normal_chunk(mesh, nullptr, begin, end, failures.normal);
+    case CheckedArray::colors:
+      return check_finite(mesh.colors, begin, end, finite_float, failures.color);
+    case CheckedArray::triangles:
+      return check_triangle_chunk(mesh, begin, end, failures.triangle);
+  }
 }
 
 void check_vertices(Mesh& mesh, bool normalize, const WorkerPool& pool, MeshFailures& failures) {

@@ -29,6 +29,13 @@ void check_vertices(Mesh& mesh, bool normalize, const WorkerPool& pool, MeshFail
 // Corner, UV, normal and object indices of every triangle, on the pool.
 void check_triangles(const Mesh& mesh, const WorkerPool& pool, MeshFailures& failures);
 
+// The arrays check_range checks, one at a time.
+enum class CheckedArray { positions, uvs, normals, colors, triangles };
+// Checks elements [begin, end) of one array as the two above do, normals
+// left as they are: for checking each part of an array as it arrives.
+void check_range(const Mesh& mesh, CheckedArray array, std::uint64_t begin, std::uint64_t end,
+                 MeshFailures& failures);
+
 // Each throws kv::Error(prefix + what is wrong) for the first fault found.
 // The first failure in the order positions, UVs, normals, colours, triangles.
 void raise_first_failure(const MeshFailures& failures, const std::string& prefix);

@@ -10,6 +10,14 @@
 #include "mesh/mesh_checks.h"
 
 namespace kv::handover {
+
+// One slice of one array: bytes [begin, begin + size) of array `array`.
+struct Slice {
+  int array = 0;
+  std::uint64_t begin = 0;
+  std::uint64_t size = 0;
+};
+
 namespace {
 
 // Copies are cut into slices of this size, spread over the pool.
@@ -105,22 +113,40 @@ class Cursor {
   const std::string& broken_;
 };
 
-// One slice of one array: bytes [begin, begin + size) of array `array`.
-struct Slice {
-  int array = 0;
-  std::uint64_t begin = 0;
-  std::uint64_t size = 0;
-};
-
+// Slices hold whole elements, so that each can be checked as it arrives.
 std::vector<Slice> slices_of(const MeshLayout& layout) {
   std::vector<Slice> slices;
   for (int a = 0; a < kArrayCount; ++a) {
     const std::uint64_t bytes = layout[a].count * kElementBytes[a];
-    for (std::uint64_t begin = 0; begin < bytes; begin += kSliceBytes) {
-      slices.push_back({a, begin, std::min(kSliceBytes, bytes - begin)});
+    const std::uint64_t step = kSliceBytes / kElementBytes[a] * kElementBytes[a];
+    for (std::uint64_t begin = 0; begin < bytes; begin += step) {
+      slices.push_back({a, begin, std::min(step, bytes - begin)});
     }
   }
   return slices;
+}
+
+// The check of each array's elements, where it has one of its own.
+bool checked_array(int array, CheckedArray& checked) {
+  switch (array) {
+    case kPositions:
+      checked = CheckedArray::positions;
+      return true;
+    case kUvs:
+      checked = CheckedArray::uvs;
+      return true;
+    case kNormals:
+      checked = CheckedArray::normals;
+      return true;
+    case kTriangles:
+      checked = CheckedArray::triangles;
+      return true;
+    case kColors:
+      checked = CheckedArray::colors;
+      return true;
+    default:
+      return false;
+  }
 }
 
 std::array<char*, kArrayCount> array_data(Mesh& mesh) {
@@ -271,6 +297,14 @@ void MeshReceiver::size_arrays() {
                    [&](std::uint64_t i, std::uint64_t, std::uint64_t) { fills[i](); });
 }
 
+void MeshReceiver::check_slice(const Slice& slice) {
+  CheckedArray checked;
+  if (checked_array(slice.array, checked)) {
+    const std::uint64_t size = kElementBytes[slice.array];
+    check_range(mesh_, checked, slice.begin / size, (slice.begin + slice.size) / size, failures_);
+  }
+}
+
 bool MeshReceiver::copy_from_process(std::uint32_t pid) {
   const std::vector<Slice> slices = slices_of(layout_);
   const std::array<char*, kArrayCount> data = array_data(mesh_);
@@ -287,10 +321,13 @@ bool MeshReceiver::copy_from_process(std::uint32_t pid) {
   if (first != 0) {
     throw Error(broken_ + "the handover is truncated");
   }
+  check_slice(slices.front());
+  // Each slice checked while it is still in the cache.
   pool_.for_chunks(slices.size() - 1, 1, [&](std::uint64_t i, std::uint64_t, std::uint64_t) {
     if (copy(slices[i + 1]) != 0) {
       throw Error(broken_ + "the handover is truncated");
     }
+    check_slice(slices[i + 1]);
   });
   return true;
 }
@@ -309,14 +346,12 @@ void MeshReceiver::copy_from_file(const platform::File& file) {
         static_cast<std::int64_t>(s.size)) {
       throw Error(broken_ + "the handover is truncated");
     }
+    check_slice(s);
   });
 }
 
 Mesh MeshReceiver::finish() {
-  MeshFailures failures;
-  check_vertices(mesh_, false, pool_, failures);  // normals as the reader left them
-  check_triangles(mesh_, pool_, failures);
-  raise_first_failure(failures, broken_);
+  raise_first_failure(failures_, broken_);
   check_material_indices(mesh_, broken_);
   check_block_indices(mesh_, broken_);
   refuse_duplicate_objects(mesh_, broken_);

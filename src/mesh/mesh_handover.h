@@ -22,6 +22,7 @@
 
 #include "core/parallel.h"
 #include "mesh/mesh.h"
+#include "mesh/mesh_checks.h"
 #include "platform/platform.h"
 
 namespace kv::handover {
@@ -75,6 +76,8 @@ struct Report {
 // at most `max_bytes` (0: any size).
 bool read_report(const platform::File& report, std::uint64_t max_bytes, Report& result);
 
+struct Slice;  // one part of one array, as it is copied
+
 // Builds the parent's Mesh from a mesh report and the child's arrays. Every
 // fault throws kv::Error(broken_prefix + what is wrong).
 class MeshReceiver {
@@ -96,12 +99,14 @@ class MeshReceiver {
  private:
   void check_counts() const;
   void size_arrays();
+  void check_slice(const Slice& slice);
 
   std::string broken_;
   std::uint64_t byte_limit_;
   const WorkerPool& pool_;
   MeshLayout layout_{};
   Mesh mesh_;
+  MeshFailures failures_;
 };
 
 }  // namespace kv::handover
