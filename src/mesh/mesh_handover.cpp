@@ -2,11 +2,9 @@
 
 #include <algorithm>
 #include <cstring>
-#include <functional>
 #include <vector>
 
 #include "core/error.h"
-#include "mesh/array_memory.h"
 #include "mesh/mesh_checks.h"
 
 namespace kv::handover {
@@ -283,18 +281,10 @@ void MeshReceiver::check_counts() const {
 }
 
 void MeshReceiver::size_arrays() {
-  std::vector<ArrayBytes> blocks;
-  std::vector<std::function<void()>> fills;
+  // Sized without a first write: each page is mapped, zeroed and filled by
+  // the copy of its slice, on the pool's threads, while it is in the cache.
   int k = 0;
-  for_each_array(mesh_, [&](auto& array) {
-    const std::uint64_t count = layout_[k++].count;
-    blocks.push_back(reserve_array(array, count));
-    fills.push_back([&array, count] { array.resize(count); });
-  });
-  // Pages mapped on every thread first, then each array filled on a thread.
-  prefault_arrays(blocks, pool_);
-  pool_.for_chunks(fills.size(), 1,
-                   [&](std::uint64_t i, std::uint64_t, std::uint64_t) { fills[i](); });
+  for_each_array(mesh_, [&](auto& array) { resize_for_overwrite(array, layout_[k++].count); });
 }
 
 void MeshReceiver::check_slice(const Slice& slice) {

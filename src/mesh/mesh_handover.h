@@ -83,7 +83,7 @@ struct Slice;  // one part of one array, as it is copied
 class MeshReceiver {
  public:
   // `byte_limit`: the memory the child was allowed (0: no bound); its arrays
-  // cannot have been larger. The pool sizes, copies and checks the arrays.
+  // cannot have been larger. The pool copies and checks the arrays.
   MeshReceiver(std::string broken_prefix, std::uint64_t byte_limit, const WorkerPool& pool);
 
   // Reads the names and the layout, bounds every count and sizes the arrays.
