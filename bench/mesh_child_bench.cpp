@@ -155,18 +155,22 @@ double median(std::vector<double> times) {
   return n % 2 == 1 ? times[n / 2] : 0.5 * (times[n / 2 - 1] + times[n / 2]);
 }
 
-// The 1, 5 and 15 minute load averages, or "unknown".
+// The 1, 5 and 15 minute load averages, or "unknown". (The file reports no
+// size, so it is read up to its end.)
 std::string load_average() {
   int error = 0;
-  const auto text = kv::platform::read_file("/proc/loadavg", &error);
-  if (!text) {
+  kv::platform::File file = kv::platform::File::open_read("/proc/loadavg", &error);
+  std::string text(256, '\0');
+  const std::int64_t got = file.is_open() ? file.read_full(text.data(), text.size(), &error) : -1;
+  if (got <= 0) {
     return "unknown";
   }
+  text.resize(static_cast<std::size_t>(got));
   std::size_t end = 0;
   for (int field = 0; field < 3 && end != std::string::npos; ++field) {
-    end = text->find(' ', end + (field > 0 ? 1 : 0));
+    end = text.find(' ', end + (field > 0 ? 1 : 0));
   }
-  return text->substr(0, end);
+  return text.substr(0, end);
 }
 
 int run(int argc, char** argv) {

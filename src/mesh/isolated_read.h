@@ -35,7 +35,8 @@ IsolationLimits isolation_limits_for(std::uint64_t input_bytes, const MeshReadOp
 // a child that crashes, runs out of memory or does not finish in time
 // becomes "<path>: the FBX reader stopped on signal N", "<path>: the glTF
 // reader ran out of memory" (kv::OutOfMemory) or "<path>: the glTF reader did
-// not finish within N s".
+// not finish within N s"; a mesh handed back that breaks the rules of a Mesh
+// becomes "<path>: the glTF reader handed back a broken mesh: <what>".
 Mesh read_isolated(const std::filesystem::path& path, MeshFormat format,
                    const MeshReadOptions& options, MeshStats* stats);
 Mesh read_isolated(const std::filesystem::path& path, MeshFormat format,
