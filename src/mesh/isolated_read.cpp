@@ -3,8 +3,11 @@
 // The child is a fork() of this process, not a fresh start of the executable:
 // it needs no path to the program, works the same inside a test binary, and
 // starts in about a millisecond with the readers already loaded. It only
-// parses on its one thread (it uses no worker pool) and ends with _exit, so
-// nothing of the parent's state runs twice.
+// parses on its one thread (a fork holds only the forking thread, and the
+// worker pool's threads cannot be started again in it) and ends with _exit,
+// so nothing of the parent's state runs twice. The glTF reader runs on one
+// thread in process too; only the FBX reader's polygon splitting would use
+// more there.
 //
 // Memory: the child's mesh stays the child's; it waits, after its report,
 // while the parent copies the arrays out of it into the parent's own Mesh
