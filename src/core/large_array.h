@@ -7,11 +7,17 @@
 #include <cstddef>
 #include <memory>
 #include <new>
+#include <type_traits>
 #include <vector>
 
 #include "platform/platform.h"
 
 namespace kv {
+
+namespace detail {
+// Set while resize_for_overwrite grows an array.
+inline thread_local bool g_growing_for_overwrite = false;
+}  // namespace detail
 
 template <typename T>
 struct LargeArrayAllocator {
@@ -48,6 +54,16 @@ struct LargeArrayAllocator {
     }
   }
 
+  // Elements made without a value are value-initialised, except those of
+  // resize_for_overwrite, whose bytes the caller fills at once. (Elements
+  // made from values take the standard construction.)
+  template <typename U>
+  void construct(U* p) noexcept(std::is_nothrow_default_constructible_v<U>) {
+    if (!detail::g_growing_for_overwrite) {
+      ::new (static_cast<void*>(p)) U();
+    }
+  }
+
   template <typename U>
   bool operator==(const LargeArrayAllocator<U>&) const noexcept {
     return true;
@@ -56,6 +72,20 @@ struct LargeArrayAllocator {
 
 template <typename T>
 using LargeArray = std::vector<T, LargeArrayAllocator<T>>;
+
+// Sizes an array to `count` elements without writing the new ones, for a
+// caller that fills all their bytes next (a read or a copy straight into them):
+// the write that value-initialising would cost is as large as the read.
+template <typename T>
+void resize_for_overwrite(LargeArray<T>& array, std::size_t count) {
+  static_assert(std::is_trivially_copyable_v<T> && std::is_trivially_destructible_v<T>,
+                "only plain data may be filled by copying bytes");
+  struct Growing {
+    Growing() { detail::g_growing_for_overwrite = true; }
+    ~Growing() { detail::g_growing_for_overwrite = false; }
+  } growing;
+  array.resize(count);
+}
 
 // Uninitialised bytes from the same sources, for a buffer that reads fill.
 class LargeBuffer {

@@ -3,13 +3,22 @@
 // The child is a fork() of this process, not a fresh start of the executable:
 // it needs no path to the program, works the same inside a test binary, and
 // starts in about a millisecond with the readers already loaded. It only
-// parses and writes on its one thread (it uses no worker pool), and it ends
-// with _exit, so nothing of the parent's state runs twice.
+// parses on its one thread (a fork holds only the forking thread, and the
+// worker pool's threads cannot be started again in it) and ends with _exit,
+// so nothing of the parent's state runs twice. The glTF reader runs on one
+// thread in process too; only the FBX reader's polygon splitting would use
+// more there.
+//
+// Memory: the child's mesh stays the child's; it waits, after its report,
+// while the parent copies the arrays out of it into the parent's own Mesh
+// (mesh_handover.h), and ends when the parent answers. The memory files and
+// the link belong to the parent's call and close with it.
 
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <new>
 #include <stdexcept>
@@ -19,7 +28,7 @@
 #include "core/error.h"
 #include "mesh/fbx_reader.h"
 #include "mesh/gltf_reader.h"
-#include "mesh/kvm_file.h"
+#include "mesh/mesh_handover.h"
 #include "platform/platform.h"
 
 namespace kv {
@@ -36,53 +45,15 @@ constexpr std::int64_t kChildMsPerMiB = 1000;
 constexpr int kReportFailedExit = 71;
 
 std::atomic<detail::ChildFault> g_child_fault{detail::ChildFault::none};
+std::atomic<bool> g_read_child_memory{true};
 
-// What the child's report says; the mesh, when there is one, is in the image.
-enum class ReportKind : std::uint32_t { mesh = 1, error = 2, out_of_memory = 3 };
-
-// The report: kind, the four MeshStats counters, the message's length and
-// bytes, all as they lie in memory (parent and child are the same program).
-struct Report {
-  ReportKind kind = ReportKind::error;
-  MeshStats stats;
-  std::string message;
-};
-
-int write_report(platform::File& file, ReportKind kind, const MeshStats& stats,
-                 const std::string& message) {
-  const std::uint64_t length = message.size();
-  std::string bytes(sizeof kind + sizeof stats + sizeof length, '\0');
-  std::memcpy(bytes.data(), &kind, sizeof kind);
-  std::memcpy(bytes.data() + sizeof kind, &stats, sizeof stats);
-  std::memcpy(bytes.data() + sizeof kind + sizeof stats, &length, sizeof length);
-  bytes += message;
-  return file.write_all(bytes.data(), bytes.size()) == 0 ? 0 : kReportFailedExit;
-}
-
-// The report the child left; false when it left none that is whole.
-bool read_report(const platform::File& file, Report& report) {
-  int error = 0;
-  std::uint64_t length = 0;
-  char head[sizeof(ReportKind) + sizeof(MeshStats) + sizeof length];
-  if (file.read_full_at(head, sizeof head, 0, &error) != static_cast<std::int64_t>(sizeof head)) {
-    return false;
-  }
-  std::memcpy(&report.kind, head, sizeof report.kind);
-  std::memcpy(&report.stats, head + sizeof report.kind, sizeof report.stats);
-  std::memcpy(&length, head + sizeof report.kind + sizeof report.stats, sizeof length);
-  const std::int64_t size = file.size(&error);
-  if (size < 0 || length != static_cast<std::uint64_t>(size) - sizeof head) {
-    return false;
-  }
-  report.message.resize(length);
-  return file.read_full_at(report.message.data(), length, sizeof head, &error) ==
-         static_cast<std::int64_t>(length);
+int write_error(platform::File& report, handover::Outcome outcome, const std::string& message) {
+  return handover::write_report(report, outcome, {}, message, Mesh{}, {}) == 0 ? 0
+                                                                               : kReportFailedExit;
 }
 
 void meet_child_fault() {
   switch (g_child_fault.load()) {
-    case detail::ChildFault::none:
-      return;
     case detail::ChildFault::crash:
       std::abort();
     case detail::ChildFault::hang:
@@ -96,36 +67,72 @@ void meet_child_fault() {
         blocks.back()[0] = 1;
       }
     }
+    default:
+      return;
   }
 }
 
-// Every array these readers fill travels in the image: materials when there
-// are any, blocks likewise; UVs as float64 and normals as read.
-std::uint32_t image_flags(const Mesh& mesh) {
-  return kKvmUvDouble | kKvmNormalsAsIs | (mesh.materials.empty() ? 0u : kKvmMaterials) |
-         (mesh.blocks.empty() ? 0u : kKvmBlocks);
+// The faults that corrupt the handover rather than the read: tests only.
+void corrupt_handover(Mesh& mesh, handover::MeshLayout& layout) {
+  switch (g_child_fault.load()) {
+    case detail::ChildFault::index_out_of_range:
+      mesh.triangles.back().corners[1].position = static_cast<std::uint32_t>(mesh.positions.size());
+      return;
+    case detail::ChildFault::overstated_count:
+      layout[handover::kTriangles].count += std::uint64_t{1} << 28;
+      return;
+    case detail::ChildFault::truncated_block: {
+      // The triangles copied to the end of a mapping, the last one past it.
+      const std::size_t bytes = mesh.triangles.size() * sizeof(Triangle);
+      const std::size_t room = (bytes / (2 * kMiB) + 1) * 2 * kMiB;
+      auto* block = static_cast<char*>(platform::map_large_block(2 * room));
+      if (block != nullptr) {
+        platform::unmap_large_block(block + room, room);
+        char* start = block + room - (bytes - sizeof(Triangle));
+        std::memcpy(start, mesh.triangles.data(), bytes - sizeof(Triangle));
+        layout[handover::kTriangles].address = reinterpret_cast<std::uintptr_t>(start);
+      }
+      return;
+    }
+    default:
+      return;
+  }
 }
 
-// The child's whole work: read, write the image, report. Returns its exit code.
+// The answers of the parent to a child that reported a mesh.
+constexpr char kArraysCopied = 'c';
+constexpr char kWriteArrays = 'w';
+
+// The child's whole work: read, report, hand the mesh over. Returns its exit
+// code.
 int read_in_child(const std::filesystem::path& path, MeshFormat format, MeshReadOptions options,
-                  platform::File& report, platform::File& image) {
+                  platform::File& report, platform::File& arrays, platform::ChildLink& link) {
   options.threads = 1;  // the forking thread is the child's only one
   MeshStats stats;
+  Mesh mesh;
+  handover::MeshLayout layout;
   try {
     meet_child_fault();
-    const Mesh mesh = format == MeshFormat::Fbx ? read_fbx(path, options, &stats)
-                                                : read_gltf(path, options, &stats);
-    write_kvm(image, path, mesh, image_flags(mesh));
+    mesh = format == MeshFormat::Fbx ? read_fbx(path, options, &stats)
+                                     : read_gltf(path, options, &stats);
+    layout = handover::layout_of(mesh);
+    corrupt_handover(mesh, layout);
+    if (handover::write_report(report, handover::Outcome::mesh, stats, {}, mesh, layout) != 0) {
+      return kReportFailedExit;
+    }
   } catch (const std::bad_alloc&) {
     return platform::kChildOutOfMemoryExit;
   } catch (const std::length_error&) {
     return platform::kChildOutOfMemoryExit;
   } catch (const OutOfMemory& e) {
-    return write_report(report, ReportKind::out_of_memory, {}, e.what());
+    return write_error(report, handover::Outcome::out_of_memory, e.what());
   } catch (const std::exception& e) {
-    return write_report(report, ReportKind::error, {}, e.what());
+    return write_error(report, handover::Outcome::error, e.what());
   }
-  return write_report(report, ReportKind::mesh, stats, {});
+  if (link.ready_and_wait() == kWriteArrays) {
+    handover::write_arrays(arrays, layout);
+  }
+  return 0;
 }
 
 // "12 s", or "1.5 s" for a limit that is not whole seconds.
@@ -213,33 +220,63 @@ Mesh read_isolated(const std::filesystem::path& path, MeshFormat format,
   const std::string reader = format == MeshFormat::Fbx ? "FBX reader" : "glTF reader";
   int error = 0;
   platform::File report = platform::create_memory_file("korvane-mesh-report", &error);
-  platform::File image = platform::create_memory_file("korvane-mesh-image", &error);
-  if (!report.is_open() || !image.is_open()) {
+  platform::File arrays = platform::create_memory_file("korvane-mesh-arrays", &error);
+  platform::ChildLink link;
+  error = link.error() != 0 ? link.error() : error;
+  if (!report.is_open() || !arrays.is_open() || link.error() != 0) {
     throw Error(prefix + "cannot start the " + reader + ": " + platform::system_error_text(error));
   }
   platform::ChildLimits child;
   child.memory_bytes = limits.memory_bytes;
   child.stack_bytes = limits.stack_bytes;
   child.timeout_ms = limits.timeout_ms;
+
+  const WorkerPool pool(options.threads);
+  handover::MeshReceiver receiver(
+      prefix + "the " + reader + " handed back a broken mesh: ", limits.memory_bytes, pool);
+  handover::Report result;
+  bool collected = false;
+  bool through_file = false;
+  std::exception_ptr collect_failure;
+  // Runs while the child waits: everything it may throw waits until the
+  // child's own end is known, which names a crash better.
+  const auto collect = [&](std::uint32_t pid) {
+    try {
+      collected = handover::read_report(report, limits.memory_bytes, result) &&
+                  result.outcome == handover::Outcome::mesh;
+      if (collected) {
+        receiver.take_report(result.mesh_part);
+        through_file = !g_read_child_memory.load() || !receiver.copy_from_process(pid);
+      }
+    } catch (...) {
+      collect_failure = std::current_exception();
+    }
+    link.answer(through_file ? kWriteArrays : kArraysCopied);
+  };
   const platform::ChildOutcome outcome = platform::run_in_child(
-      [&] { return read_in_child(path, format, options, report, image); }, child);
-  Report result;
+      [&] { return read_in_child(path, format, options, report, arrays, link); }, child, link,
+      collect);
+
   if (outcome.end != platform::ChildEnd::exited || outcome.value != 0 ||
-      !read_report(report, result)) {
+      (!collected && !handover::read_report(report, limits.memory_bytes, result))) {
     fail_by_outcome(prefix, reader, outcome, limits.timeout_ms);
   }
-  if (result.kind == ReportKind::out_of_memory) {
+  if (collect_failure) {
+    std::rethrow_exception(collect_failure);
+  }
+  if (result.outcome == handover::Outcome::out_of_memory) {
     throw OutOfMemory(result.message);
   }
-  if (result.kind != ReportKind::mesh) {
-    throw Error(result.message);
+  if (result.outcome != handover::Outcome::mesh || !collected) {
+    if (result.outcome == handover::Outcome::error) {
+      throw Error(result.message);
+    }
+    fail_by_outcome(prefix, reader, outcome, limits.timeout_ms);
   }
-  const int rewound = image.rewind();
-  if (rewound != 0) {
-    throw Error(prefix + "cannot read the mesh from the " + reader + ": " +
-                platform::system_error_text(rewound));
+  if (through_file) {
+    receiver.copy_from_file(arrays);
   }
-  Mesh mesh = read_kvm(image, path, options.threads);
+  Mesh mesh = receiver.finish();
   if (stats != nullptr) {
     *stats = result.stats;
   }
@@ -250,6 +287,10 @@ namespace detail {
 
 void set_child_fault(ChildFault fault) {
   g_child_fault.store(fault);
+}
+
+void set_read_child_memory(bool allowed) {
+  g_read_child_memory.store(allowed);
 }
 
 }  // namespace detail

@@ -3,9 +3,9 @@
 // the stack, or spend minutes and gigabytes on a few kilobytes. In a child
 // with memory, stack and time limits such a file costs one error naming it,
 // and the program (a service holding meshes and queued jobs, or a bake) goes
-// on. The child hands the mesh back as a .kvm image in a memory file, read
-// with the same reader as a .kvm on disk, so the mesh is the one an
-// in-process read gives, byte for byte.
+// on. The parent copies the mesh's arrays out of the child as they are
+// (mesh_handover.h), so the mesh is the one an in-process read gives, byte
+// for byte, and checks it before it trusts it.
 #pragma once
 
 #include <cstdint>
@@ -35,7 +35,8 @@ IsolationLimits isolation_limits_for(std::uint64_t input_bytes, const MeshReadOp
 // a child that crashes, runs out of memory or does not finish in time
 // becomes "<path>: the FBX reader stopped on signal N", "<path>: the glTF
 // reader ran out of memory" (kv::OutOfMemory) or "<path>: the glTF reader did
-// not finish within N s".
+// not finish within N s"; a mesh handed back that breaks the rules of a Mesh
+// becomes "<path>: the glTF reader handed back a broken mesh: <what>".
 Mesh read_isolated(const std::filesystem::path& path, MeshFormat format,
                    const MeshReadOptions& options, MeshStats* stats);
 Mesh read_isolated(const std::filesystem::path& path, MeshFormat format,
@@ -43,10 +44,24 @@ Mesh read_isolated(const std::filesystem::path& path, MeshFormat format,
 
 namespace detail {
 
-// A failure every child started afterwards meets before it reads, so that
-// tests can watch the parent handle it. Tests only.
-enum class ChildFault { none, crash, hang, exhaust_memory };
+// A failure every child started afterwards meets, so that tests can watch
+// the parent handle it. Tests only. The first three happen before the read;
+// the others corrupt what the child hands back: the last triangle's index,
+// the triangle count, the triangles' last bytes.
+enum class ChildFault {
+  none,
+  crash,
+  hang,
+  exhaust_memory,
+  index_out_of_range,
+  overstated_count,
+  truncated_block
+};
 void set_child_fault(ChildFault fault);
+// Whether the parent takes the arrays straight from the child's memory (the
+// default) or, as where the system forbids that, from a file the child
+// writes. Tests only.
+void set_read_child_memory(bool allowed);
 
 }  // namespace detail
 

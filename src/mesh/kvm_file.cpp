@@ -2,18 +2,17 @@
 
 #include <algorithm>
 #include <bit>
-#include <cmath>
 #include <cstring>
 #include <functional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "core/error.h"
 #include "core/parallel.h"
 #include "image/temp_file.h"
 #include "mesh/array_memory.h"
+#include "mesh/mesh_checks.h"
 #include "platform/platform.h"
 
 namespace kv {
@@ -24,10 +23,10 @@ static_assert(std::endian::native == std::endian::little,
 static_assert(sizeof(std::array<float, 3>) == 12 && sizeof(std::array<double, 2>) == 16,
               "vector elements must match the file's element sizes");
 
-constexpr std::uint64_t kMaxElements = 2147483647;
-constexpr std::uint32_t kMaxNameBytes = 65536;
-constexpr std::uint64_t kValidationChunk = 65536;
-constexpr float kSmallestNormalFloat = 1.1754944e-38f;
+constexpr std::uint64_t kMaxElements = kMaxMeshElements;
+constexpr std::uint32_t kMaxNameBytes = kMaxMeshNameBytes;
+// Chunk of the narrowing of float64 UVs on writing.
+constexpr std::uint64_t kNarrowChunk = 65536;
 
 [[noreturn]] void fail(const std::filesystem::path& path, std::string_view message) {
   throw Error(path.string() + ": " + std::string(message));
@@ -183,125 +182,6 @@ Table read_table(Reader& reader, const std::filesystem::path& path, std::uint64_
   return table;
 }
 
-bool float_is_finite(float value) {
-  return (std::bit_cast<std::uint32_t>(value) & 0x7f800000u) != 0x7f800000u;
-}
-
-bool double_is_finite(double value) {
-  return (std::bit_cast<std::uint64_t>(value) & 0x7ff0000000000000ull) != 0x7ff0000000000000ull;
-}
-
-// The first failing index of each array, as the checks find them.
-struct Failures {
-  FirstFailure position, uv, normal, triangle;
-};
-
-// Checks the positions, UVs and normals of one chunk and, unless normals are
-// kept as stored, scales each valid normal to unit length in the same pass.
-void check_vertex_chunk(Mesh& mesh, bool normalize, std::uint64_t begin, std::uint64_t end,
-                        Failures& failures) {
-  for (std::uint64_t i = begin; i < std::min<std::uint64_t>(end, mesh.positions.size()); ++i) {
-    const auto& p = mesh.positions[i];
-    if (!(float_is_finite(p[0]) & float_is_finite(p[1]) & float_is_finite(p[2]))) {
-      failures.position.record(i);
-      break;
-    }
-  }
-  for (std::uint64_t i = begin; i < std::min<std::uint64_t>(end, mesh.uvs.size()); ++i) {
-    const auto& t = mesh.uvs[i];
-    if (!(double_is_finite(t[0]) & double_is_finite(t[1]))) {
-      failures.uv.record(i);
-      break;
-    }
-  }
-  bool normal_failed = false;
-  for (std::uint64_t i = begin; i < std::min<std::uint64_t>(end, mesh.normals.size()); ++i) {
-    auto& n = mesh.normals[i];
-    const float x = n[0];
-    const float y = n[1];
-    const float z = n[2];
-    const float yy = y * y;
-    const float xx = x * x;
-    const float zz = z * z;
-    const float length_squared = (yy + xx) + zz;
-    const float length = std::sqrt(length_squared);
-    // A non-finite component makes the squared length NaN or infinite, which
-    // the checks below refuse as well.
-    const bool ok = float_is_finite(x) & float_is_finite(y) & float_is_finite(z) &
-                    (length_squared >= kSmallestNormalFloat) & (length > 0.0f) &
-                    float_is_finite(length);
-    if (!ok) {
-      if (!normal_failed) {
-        failures.normal.record(i);
-        normal_failed = true;
-      }
-      continue;
-    }
-    if (normalize) {
-      const float r = 1.0f / length;
-      n[0] = x * r;
-      n[1] = y * r;
-      n[2] = z * r;
-    }
-  }
-}
-
-void check_triangle_chunk(const Mesh& mesh, std::uint64_t begin, std::uint64_t end,
-                          Failures& failures) {
-  // An index of -1 or 0..count-1 is exactly one whose value + 1, taken as
-  // unsigned, is at most the count; the counts fit 32 bits.
-  const auto position_count = static_cast<std::uint32_t>(mesh.positions.size());
-  const auto uv_limit = static_cast<std::uint32_t>(mesh.uvs.size());
-  const auto normal_limit = static_cast<std::uint32_t>(mesh.normals.size());
-  const auto object_count = static_cast<std::uint32_t>(mesh.objects.size());
-  for (std::uint64_t i = begin; i < std::min<std::uint64_t>(end, mesh.triangles.size()); ++i) {
-    const Triangle& t = mesh.triangles[i];
-    bool ok = t.object < object_count;
-    for (const Corner& c : t.corners) {
-      ok &= c.position < position_count;
-      ok &= static_cast<std::uint32_t>(c.uv) + 1u <= uv_limit;
-      ok &= static_cast<std::uint32_t>(c.normal) + 1u <= normal_limit;
-    }
-    if (!ok) {
-      failures.triangle.record(i);
-      break;
-    }
-  }
-}
-
-// The vertex arrays in fixed chunks, one after another on the calling thread.
-void check_vertices(Mesh& mesh, bool normalize, Failures& failures) {
-  const std::uint64_t span =
-      std::max({mesh.positions.size(), mesh.uvs.size(), mesh.normals.size()});
-  for (std::uint64_t begin = 0; begin < span; begin += kValidationChunk) {
-    check_vertex_chunk(mesh, normalize, begin, begin + kValidationChunk, failures);
-  }
-}
-
-void check_triangles(const Mesh& mesh, const WorkerPool& pool, Failures& failures) {
-  pool.for_chunks(mesh.triangles.size(), kValidationChunk,
-                  [&](std::uint64_t, std::uint64_t begin, std::uint64_t end) {
-                    check_triangle_chunk(mesh, begin, end, failures);
-                  });
-}
-
-// The first failure in the order positions, UVs, normals, triangles.
-void raise_first_failure(const Failures& failures, const std::filesystem::path& path) {
-  if (failures.position.failed()) {
-    fail(path, "position " + std::to_string(failures.position.first()) + " is not finite");
-  }
-  if (failures.uv.failed()) {
-    fail(path, "uv " + std::to_string(failures.uv.first()) + " is not finite");
-  }
-  if (failures.normal.failed()) {
-    fail(path, "normal " + std::to_string(failures.normal.first()) + " has no direction");
-  }
-  if (failures.triangle.failed()) {
-    fail(path,
-         "triangle " + std::to_string(failures.triangle.first()) + " has an index out of range");
-  }
-}
-
 // Reads the positions, UVs and normals, which come before the triangles.
 void read_vertex_arrays(Reader& reader, Mesh& mesh, const Header& h) {
   mesh.positions.resize(h.positions);
@@ -326,7 +206,7 @@ void read_vertex_arrays(Reader& reader, Mesh& mesh, const Header& h) {
 // other thread checks the vertex arrays. The file itself is read in its
 // order, one array at a time.
 void read_arrays(Reader& reader, Mesh& mesh, const Header& h, const WorkerPool& pool,
-                 Failures& failures) {
+                 MeshFailures& failures) {
   prefault_arrays(
       {reserve_array(mesh.positions, h.positions), reserve_array(mesh.uvs, h.uvs),
        reserve_array(mesh.normals, h.normals), reserve_array(mesh.triangles, h.triangles)},
@@ -342,36 +222,12 @@ void read_arrays(Reader& reader, Mesh& mesh, const Header& h, const WorkerPool& 
     if (task == 0) {
       reader.read(mesh.triangles.data(), h.triangles * sizeof(Triangle));
     } else {
-      check_vertices(mesh, (h.flags & kKvmNormalsAsIs) == 0, failures);
+      check_vertices(mesh, (h.flags & kKvmNormalsAsIs) == 0, WorkerPool::serial(), failures);
     }
   });
 }
 
-void refuse_duplicate_objects(const Mesh& mesh, const std::filesystem::path& path) {
-  std::unordered_map<std::string_view, std::uint32_t> seen;
-  seen.reserve(mesh.objects.size());
-  for (const std::string& name : mesh.objects) {
-    ++seen[name];
-  }
-  for (const std::string& name : mesh.objects) {
-    if (seen[name] > 1) {
-      fail(path, "duplicate object name '" + name + "'");
-    }
-  }
-}
-
-}  // namespace
-
-Mesh read_kvm(const std::filesystem::path& path, int threads) {
-  int error = 0;
-  platform::File file = platform::File::open_read(path, &error);
-  if (!file.is_open()) {
-    throw Error("cannot open mesh file: " + path.string());
-  }
-  return read_kvm(file, path, threads);
-}
-
-Mesh read_kvm(platform::File& file, const std::filesystem::path& path, int threads) {
+Mesh read_kvm_file(platform::File& file, const std::filesystem::path& path, int threads) {
   int error = 0;
   Reader reader(file, path);
   const Header h = read_header(reader, path);
@@ -383,38 +239,40 @@ Mesh read_kvm(platform::File& file, const std::filesystem::path& path, int threa
 
   Mesh mesh;
   const WorkerPool pool(threads);
-  Failures failures;
+  MeshFailures failures;
   read_arrays(reader, mesh, h, pool, failures);
   mesh.objects = read_names(reader, path, h.objects, "object name too long");
 
+  const std::string prefix = path.string() + ": ";
   if (h.flags & kKvmMaterials) {
     Table table = read_table(reader, path, h.triangles, "material");
-    const std::uint64_t count = table.names.size();
-    for (std::size_t i = 0; i < table.indices.size(); ++i) {
-      if (table.indices[i] >= count) {
-        fail(path, "triangle " + std::to_string(i) + " has a material index out of range");
-      }
-    }
     mesh.materials = std::move(table.names);
     mesh.triangle_materials = std::move(table.indices);
+    check_material_indices(mesh, prefix);
   }
   if (h.flags & kKvmBlocks) {
     Table table = read_table(reader, path, h.objects, "block");
-    const std::uint64_t count = table.names.size();
-    for (std::uint32_t index : table.indices) {
-      if (index >= count) {
-        fail(path, "an object has a block index out of range");
-      }
-    }
     mesh.blocks = std::move(table.names);
     mesh.object_blocks = std::move(table.indices);
+    check_block_indices(mesh, prefix);
   }
 
   // Reading errors come first, then the first bad element of each array.
   check_triangles(mesh, pool, failures);
-  raise_first_failure(failures, path);
-  refuse_duplicate_objects(mesh, path);
+  raise_first_failure(failures, prefix);
+  refuse_duplicate_objects(mesh, prefix);
   return mesh;
+}
+
+}  // namespace
+
+Mesh read_kvm(const std::filesystem::path& path, int threads) {
+  int error = 0;
+  platform::File file = platform::File::open_read(path, &error);
+  if (!file.is_open()) {
+    throw Error("cannot open mesh file: " + path.string());
+  }
+  return read_kvm_file(file, path, threads);
 }
 
 }  // namespace kv
@@ -422,7 +280,7 @@ Mesh read_kvm(platform::File& file, const std::filesystem::path& path, int threa
 namespace kv {
 namespace {
 
-// Where the image's bytes go: a temporary file, or an open file.
+// Where the image's bytes go.
 using WriteBytes = std::function<void(const void* data, std::size_t size)>;
 
 // Collects the many small fields (name lengths and names) so that they reach
@@ -522,8 +380,8 @@ void write_image(const WriteBytes& write, const Mesh& mesh, std::uint32_t flags)
   } else {
     // Narrowed through one reusable buffer: no second full-size copy.
     std::vector<std::array<float, 2>> narrow;
-    for (std::size_t begin = 0; begin < mesh.uvs.size(); begin += kValidationChunk) {
-      const std::size_t end = std::min<std::size_t>(begin + kValidationChunk, mesh.uvs.size());
+    for (std::size_t begin = 0; begin < mesh.uvs.size(); begin += kNarrowChunk) {
+      const std::size_t end = std::min<std::size_t>(begin + kNarrowChunk, mesh.uvs.size());
       narrow.resize(end - begin);
       for (std::size_t i = begin; i < end; ++i) {
         narrow[i - begin] = {static_cast<float>(mesh.uvs[i][0]),
@@ -561,19 +419,6 @@ void write_kvm(const std::filesystem::path& path, const Mesh& mesh, std::uint32_
   TempFile file = TempFile::create(path, path.string() + ": ");
   write_image([&file](const void* data, std::size_t size) { file.write(data, size); }, mesh, flags);
   file.commit();
-}
-
-void write_kvm(platform::File& file, const std::filesystem::path& path, const Mesh& mesh,
-               std::uint32_t flags) {
-  check_before_writing(mesh, flags, path);
-  write_image(
-      [&](const void* data, std::size_t size) {
-        const int error = file.write_all(data, size);
-        if (error != 0) {
-          fail(path, "could not write the mesh: " + platform::system_error_text(error));
-        }
-      },
-      mesh, flags);
 }
 
 }  // namespace kv

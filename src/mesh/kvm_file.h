@@ -6,7 +6,6 @@
 #include <filesystem>
 
 #include "mesh/mesh.h"
-#include "platform/platform.h"
 
 namespace kv {
 
@@ -24,17 +23,8 @@ inline constexpr std::uint64_t kKvmHeaderBytes = 56;
 // "cannot open mesh file: <path>") and produces no mesh on any fault.
 Mesh read_kvm(const std::filesystem::path& path, int threads);
 
-// The same, from an open file (a .kvm image in memory, say) read from its
-// current position; `path` names it in messages.
-Mesh read_kvm(platform::File& file, const std::filesystem::path& path, int threads);
-
 // Writes the mesh with the given flags through a temporary file that replaces
 // the destination only once complete. Throws kv::Error ("<path>: <message>").
 void write_kvm(const std::filesystem::path& path, const Mesh& mesh, std::uint32_t flags);
-
-// The same image written straight into an open file at its position, with no
-// temporary file; `path` names it in messages.
-void write_kvm(platform::File& file, const std::filesystem::path& path, const Mesh& mesh,
-               std::uint32_t flags);
 
 }  // namespace kv

@@ -89,6 +89,8 @@ int remove_file(const std::filesystem::path& path);
 
 // True for errors that may pass when the operation is retried soon.
 bool is_transient_rename_error(int error);
+// True for errors that say this process may not do what it asked.
+bool is_access_denied_error(int error);
 
 void sleep_ms(int milliseconds);
 
@@ -265,6 +267,40 @@ inline constexpr int kChildUncaughtExit = 70;
 // inherits the open files (memory files pass results back) and must not use
 // threads: only the forking thread exists in it.
 ChildOutcome run_in_child(const std::function<int()>& body, const ChildLimits& limits);
+
+// Two pipes between a parent and a child that hands its result over while it
+// still lives: the child says it is ready and waits; the parent, having taken
+// what it needs (read_process_memory), answers with one byte.
+class ChildLink {
+ public:
+  ChildLink();
+  ~ChildLink();
+  ChildLink(const ChildLink&) = delete;
+  ChildLink& operator=(const ChildLink&) = delete;
+
+  // 0, or the error number when the pipes could not be made.
+  int error() const { return error_; }
+  // In the child: tells the parent it is ready, then waits for the answer;
+  // 0 when the parent ends without one.
+  char ready_and_wait();
+  // In the parent: the byte the waiting child gets; 0 or the error number.
+  int answer(char byte);
+
+ private:
+  friend ChildOutcome run_in_child(const std::function<int()>&, const ChildLimits&, ChildLink&,
+                                   const std::function<void(std::uint32_t)>&);
+  int ready_[2] = {-1, -1};
+  int answer_[2] = {-1, -1};
+  int error_ = 0;
+};
+
+// run_in_child for a child that calls link.ready_and_wait(): when it does
+// before it ends, `collect` runs in the parent with the child's process id,
+// the child waiting meanwhile (the time limit does not run while the parent
+// collects), and the child then has limits.timeout_ms more to end. A collect
+// that throws kills the child before the exception goes on.
+ChildOutcome run_in_child(const std::function<int()>& body, const ChildLimits& limits,
+                          ChildLink& link, const std::function<void(std::uint32_t pid)>& collect);
 
 // ---- the resident service ------------------------------------------------
 

@@ -269,6 +269,11 @@ bool is_transient_rename_error(int error) {
   return error == EBUSY || error == ETXTBSY;
 }
 
+bool is_access_denied_error(int error) {
+  // ENOSYS: a sandbox that filters the call out refuses it this way.
+  return error == EPERM || error == EACCES || error == ENOSYS;
+}
+
 void sleep_ms(int milliseconds) {
   std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
@@ -887,44 +892,33 @@ void exit_on_allocation_report(const char* report) {
   ::_exit(code);
 }
 
-// Waits on the process descriptor until the child ends (true) or the time
-// runs out (false).
-bool wait_for_end(int process_fd, std::int64_t timeout_ms) {
+enum class Waited { ended, ready, out_of_time };
+
+// Waits on the process descriptor until the child ends, `ready_fd` (when not
+// -1) becomes readable, or the time runs out. A child that ended wins over
+// one that also said it was ready: what it left is then all there is.
+Waited wait_for_child(int process_fd, int ready_fd, std::int64_t timeout_ms) {
   using Clock = std::chrono::steady_clock;
   const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   for (;;) {
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    pollfd ready{process_fd, POLLIN, 0};
-    const int n = ::poll(&ready, 1, static_cast<int>(std::clamp<std::int64_t>(left, 0, 1 << 30)));
+    pollfd ready[2] = {{process_fd, POLLIN, 0}, {ready_fd, POLLIN, 0}};
+    const int n = ::poll(ready, ready_fd >= 0 ? 2 : 1,
+                         static_cast<int>(std::clamp<std::int64_t>(left, 0, 1 << 30)));
     if (n > 0) {
-      return true;
+      return ready[0].revents != 0 ? Waited::ended : Waited::ready;
     }
     // A wait that cannot be made ends like one that ran out: the child is
     // killed rather than waited for without a bound.
     if ((n < 0 && errno != EINTR) || (n == 0 && left <= 0)) {
-      return false;
+      return Waited::out_of_time;
     }
   }
 }
 
-}  // namespace
-
-ChildOutcome run_in_child(const std::function<int()>& body, const ChildLimits& limits) {
-  const pid_t pid = ::fork();
-  if (pid < 0) {
-    return {ChildEnd::not_started, errno};
-  }
-  if (pid == 0) {
-    run_child_body(body, limits);
-  }
-  const int process_fd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
-  const int open_error = errno;
-  bool ended =
-      process_fd >= 0 && wait_for_end(process_fd, std::max<std::int64_t>(limits.timeout_ms, 1));
-  if (process_fd >= 0) {
-    ::close(process_fd);
-  }
+// Reaps the child, killing it first when it has not ended.
+ChildOutcome reap_child(pid_t pid, bool ended) {
   int status = 0;
   if (!ended && ::waitpid(pid, &status, WNOHANG) == pid) {
     ended = true;  // it ended just as the time ran out
@@ -936,14 +930,107 @@ ChildOutcome run_in_child(const std::function<int()>& body, const ChildLimits& l
     }
   }
   if (!ended) {
-    return process_fd >= 0 ? ChildOutcome{ChildEnd::timed_out, 0}
-                           : ChildOutcome{ChildEnd::not_started, open_error};
+    return {ChildEnd::timed_out, 0};
   }
   if (WIFSIGNALED(status)) {
     return {ChildEnd::signalled, WTERMSIG(status)};
   }
   const int code = WEXITSTATUS(status);
   return {code == kChildOutOfMemoryExit ? ChildEnd::out_of_memory : ChildEnd::exited, code};
+}
+
+void close_if_open(int& fd) {
+  if (fd >= 0) {
+    ::close(fd);
+    fd = -1;
+  }
+}
+
+// Forks, waits and, when the child says it is ready (ready_fd), collects.
+ChildOutcome fork_and_wait(const std::function<int()>& body, const ChildLimits& limits,
+                           int ready_fd, const std::function<void(std::uint32_t)>& collect) {
+  const pid_t pid = ::fork();
+  if (pid < 0) {
+    return {ChildEnd::not_started, errno};
+  }
+  if (pid == 0) {
+    run_child_body(body, limits);
+  }
+  int process_fd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+  if (process_fd < 0) {
+    const int open_error = errno;
+    const ChildOutcome outcome = reap_child(pid, false);
+    return outcome.end == ChildEnd::timed_out ? ChildOutcome{ChildEnd::not_started, open_error}
+                                              : outcome;
+  }
+  const std::int64_t timeout_ms = std::max<std::int64_t>(limits.timeout_ms, 1);
+  Waited waited = wait_for_child(process_fd, ready_fd, timeout_ms);
+  if (waited == Waited::ready) {
+    try {
+      collect(static_cast<std::uint32_t>(pid));
+    } catch (...) {
+      close_if_open(process_fd);
+      reap_child(pid, false);
+      throw;
+    }
+    waited = wait_for_child(process_fd, -1, timeout_ms);
+  }
+  close_if_open(process_fd);
+  return reap_child(pid, waited == Waited::ended);
+}
+
+}  // namespace
+
+ChildOutcome run_in_child(const std::function<int()>& body, const ChildLimits& limits) {
+  return fork_and_wait(body, limits, -1, {});
+}
+
+ChildLink::ChildLink() {
+  if (::pipe2(ready_, O_CLOEXEC) != 0 || ::pipe2(answer_, O_CLOEXEC) != 0) {
+    error_ = errno;
+  }
+}
+
+ChildLink::~ChildLink() {
+  for (int* fd : {&ready_[0], &ready_[1], &answer_[0], &answer_[1]}) {
+    close_if_open(*fd);
+  }
+}
+
+char ChildLink::ready_and_wait() {
+  // The child's own copies of the parent's ends go first: a parent that ends
+  // must leave the child reading the end of the pipe, not waiting for good.
+  close_if_open(ready_[0]);
+  close_if_open(answer_[1]);
+  const char ready = 1;
+  while (::write(ready_[1], &ready, 1) < 0 && errno == EINTR) {
+  }
+  char byte = 0;
+  for (;;) {
+    const ssize_t got = ::read(answer_[0], &byte, 1);
+    if (got >= 0 || errno != EINTR) {
+      return got == 1 ? byte : 0;
+    }
+  }
+}
+
+int ChildLink::answer(char byte) {
+  for (;;) {
+    if (::write(answer_[1], &byte, 1) == 1) {
+      return 0;
+    }
+    if (errno != EINTR) {
+      return errno;
+    }
+  }
+}
+
+ChildOutcome run_in_child(const std::function<int()>& body, const ChildLimits& limits,
+                          ChildLink& link, const std::function<void(std::uint32_t pid)>& collect) {
+  if (link.error_ != 0) {
+    return {ChildEnd::not_started, link.error_};
+  }
+  return fork_and_wait(body, limits, link.ready_[0], collect);
 }
 
 // ---- the resident service ------------------------------------------------

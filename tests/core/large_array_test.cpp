@@ -49,6 +49,34 @@ TEST(LargeArray, KeepsContentsAcrossTheBlockThreshold) {
   EXPECT_EQ(zeros.back(), 7u);
 }
 
+// Growing for overwrite keeps the old elements and leaves the new ones as
+// the memory holds them; every other growth, before and after, still
+// value-initialises (a default member of -1 shows it).
+TEST(LargeArray, GrowingForOverwriteLeavesOnlyThoseElementsUnwritten) {
+  struct Plain {
+    std::int32_t index = -1;
+    float weight = 0.5f;
+  };
+  LargeArray<Plain> a(3);
+  a[1].index = 9;
+  a.reserve(100);
+  std::memset(static_cast<void*>(a.data() + 3), 0x11, 97 * sizeof(Plain));
+  kv::resize_for_overwrite(a, 100);
+  ASSERT_EQ(a.size(), 100u);
+  EXPECT_EQ(a[0].index, -1);
+  EXPECT_EQ(a[1].index, 9);
+  EXPECT_EQ(a[50].index, 0x11111111);
+  EXPECT_EQ(a[99].index, 0x11111111);
+
+  a.resize(3);
+  a.resize(100);
+  EXPECT_EQ(a[50].index, -1);
+  EXPECT_EQ(a[99].weight, 0.5f);
+  LargeArray<Plain> b;
+  b.resize(kThreshold / sizeof(Plain) + 10);
+  EXPECT_EQ(b.back().index, -1);
+}
+
 // A buffer of uninitialised bytes: every byte writable, large ones on a
 // huge-page boundary, none at all for zero bytes.
 TEST(LargeArray, BufferSizesAndBlocks) {

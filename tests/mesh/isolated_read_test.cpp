@@ -62,27 +62,61 @@ void expect_same_stats(const MeshStats& a, const MeshStats& b) {
 }
 
 // Reads the file both ways; every array and counter must agree bit for bit.
-void expect_read_alike(const std::filesystem::path& path) {
+void expect_read_alike(const std::filesystem::path& path, const MeshReadOptions& options = {}) {
   SCOPED_TRACE(path.string());
   MeshStats here{1, 2, 3, 4}, there{5, 6, 7, 8};
-  const Mesh in_process = read_mesh_in_process(path, {}, &here);
-  const Mesh isolated = read_mesh(path, {}, &there);
+  const Mesh in_process = read_mesh_in_process(path, options, &here);
+  const Mesh isolated = read_mesh(path, options, &there);
   test::expect_same_mesh(in_process, isolated);
   EXPECT_EQ(in_process.object_alt_names, isolated.object_alt_names);
   EXPECT_TRUE(test::same_bytes(in_process.polygroups, isolated.polygroups));
+  EXPECT_TRUE(test::same_bytes(in_process.colors, isolated.colors));
+  EXPECT_EQ(in_process.blocks, isolated.blocks);
+  EXPECT_TRUE(test::same_bytes(in_process.object_blocks, isolated.object_blocks));
   expect_same_stats(here, there);
 }
 
-TEST(IsolatedRead, MeshesAreTheInProcessMeshesByteForByte) {
+// Starts each test with children that read normally and a parent that may
+// read their memory, and leaves it so.
+class IsolatedFaults : public ::testing::Test {
+ protected:
+  void SetUp() override { reset(); }
+  void TearDown() override { reset(); }
+  static void reset() {
+    detail::set_child_fault(detail::ChildFault::none);
+    detail::set_read_child_memory(true);
+  }
+};
+
+// One mesh without UVs, one without normals, one with neither.
+test::GltfBuilder partly_bare_meshes() {
+  test::GltfBuilder b;
+  const int p = b.vec3({0, 0, 0, 1, 0, 0, 1, 1, 0.1f, 0, 1, 0.3f});
+  const int n = b.vec3({0, 0, 1, 0, 0.6f, 0.8f, 0.3f, 0.4f, 0.5f, 0, 0, 1});
+  const int t = b.vec2({0.1f, 0.2f, 0.9f, 1.0f / 3, 0.5f, 0.5f, 0, 1});
+  b.mesh("NoUvs", p, n, -1, b.indices_u32({0, 1, 2}));
+  b.mesh("NoNormals", p, -1, t, b.indices_u32({0, 2, 3}));
+  b.mesh("Bare", p, -1, -1, b.indices_u32({1, 2, 3, 0, 1, 3}));
+  b.scene_of_meshes();
+  return b;
+}
+
+TEST_F(IsolatedFaults, MeshesAreTheInProcessMeshesByteForByte) {
   ScratchDir dir;
   const test::GltfBuilder gltf = two_placed_meshes();
   test::write_text_file(dir / "scene.gltf", gltf.gltf_text());
   test::write_text_file(dir / "scene.glb", gltf.glb_bytes());
+  test::write_text_file(dir / "bare.glb", partly_bare_meshes().glb_bytes());
   ASSERT_EQ(test::write_fbx(fbx_parts(), dir / "parts.fbx"), "");
-  for (const char* name : {"scene.gltf", "scene.glb", "parts.fbx"}) {
-    expect_read_alike(dir / name);
+  // Straight from the child's memory, then through the file it writes.
+  for (const bool from_memory : {true, false}) {
+    SCOPED_TRACE(from_memory ? "from the child's memory" : "through a file");
+    detail::set_read_child_memory(from_memory);
+    for (const char* name : {"scene.gltf", "scene.glb", "bare.glb", "parts.fbx"}) {
+      expect_read_alike(dir / name);
+    }
   }
-  // The counters and names came through, not only empty arrays.
+  // The counters, names and missing arrays came through, not only arrays.
   MeshStats stats;
   const Mesh fbx = read_mesh(dir / "parts.fbx", {}, &stats);
   EXPECT_EQ(stats.quads_split, 1u);
@@ -91,6 +125,12 @@ TEST(IsolatedRead, MeshesAreTheInProcessMeshesByteForByte) {
   EXPECT_EQ(glb.objects, (std::vector<std::string>{"A", "A.1", "Spike"}));
   EXPECT_EQ(glb.materials, (std::vector<std::string>{"paint", "metal"}));
   EXPECT_EQ(glb.triangles.size(), 5u);
+  const Mesh bare = read_mesh(dir / "bare.glb", {});
+  EXPECT_EQ(bare.objects.size(), 3u);
+  EXPECT_EQ(bare.triangles[0].corners[0].uv, -1);
+  EXPECT_EQ(bare.triangles[1].corners[0].normal, -1);
+  EXPECT_FALSE(bare.uvs.empty());
+  EXPECT_FALSE(bare.normals.empty());
 }
 
 TEST(IsolatedRead, TheReadersOwnErrorsArriveUnchanged) {
@@ -110,13 +150,6 @@ TEST(IsolatedRead, TheReadersOwnErrorsArriveUnchanged) {
   EXPECT_EQ(test::message_of([&] { read_mesh(dir / "empty.glb", {}); }),
             (dir / "empty.glb").string() + ": mesh has no faces");
 }
-
-// Starts each test with children that read normally, and leaves it so.
-class IsolatedFaults : public ::testing::Test {
- protected:
-  void SetUp() override { detail::set_child_fault(detail::ChildFault::none); }
-  void TearDown() override { detail::set_child_fault(detail::ChildFault::none); }
-};
 
 TEST_F(IsolatedFaults, CrashHangAndExhaustionEachGiveOneErrorAndReadingGoesOn) {
   ScratchDir dir;
@@ -163,8 +196,55 @@ TEST_F(IsolatedFaults, AReaderThatNeedsMoreThanTheLimitRunsOutOfMemory) {
   EXPECT_EQ(test::message_of<OutOfMemory>(
                 [&] { read_isolated(path, MeshFormat::Gltf, {}, nullptr, limits); }),
             path.string() + ": the glTF reader ran out of memory");
-  // With the default limits (32 bytes per byte of the file) it reads.
-  EXPECT_EQ(read_mesh(path, {}).positions.size(), 3000000u);
+  // With the default limits (32 bytes per byte of the file) it reads, the
+  // same on one thread as on two (the arrays are copied in many slices).
+  MeshReadOptions one, two;
+  one.threads = 1;
+  two.threads = 2;
+  const Mesh on_one = read_mesh(path, one);
+  EXPECT_EQ(on_one.positions.size(), 3000000u);
+  test::expect_same_mesh(on_one, read_mesh(path, two));
+  detail::set_read_child_memory(false);
+  test::expect_same_mesh(on_one, read_mesh(path, two));
+}
+
+TEST_F(IsolatedFaults, ACorruptedHandoverIsRefusedAndReadingGoesOn) {
+  ScratchDir dir;
+  const auto glb = dir / "scene.glb";
+  const auto fbx = dir / "parts.fbx";
+  test::write_text_file(glb, two_placed_meshes().glb_bytes());
+  ASSERT_EQ(test::write_fbx(fbx_parts(), fbx), "");
+  const Mesh mesh = read_mesh_in_process(glb, {});
+  const std::string broken = glb.string() + ": the glTF reader handed back a broken mesh: ";
+  const IsolationLimits limits = isolation_limits_for(1000, {});
+  // What the arrays would take with 2^28 triangles more than there are.
+  const std::uint64_t overstated_bytes =
+      12 * mesh.positions.size() + 16 * mesh.uvs.size() + 12 * mesh.normals.size() +
+      40 * (mesh.triangles.size() + (std::uint64_t{1} << 28)) + 4 * mesh.triangle_materials.size();
+  const auto read = [&](const std::filesystem::path& path, MeshFormat format) {
+    return test::message_of([&] { read_isolated(path, format, {}, nullptr, limits); });
+  };
+  for (const bool from_memory : {true, false}) {
+    SCOPED_TRACE(from_memory ? "from the child's memory" : "through a file");
+    detail::set_read_child_memory(from_memory);
+    detail::set_child_fault(detail::ChildFault::index_out_of_range);
+    EXPECT_EQ(read(glb, MeshFormat::Gltf), broken + "triangle " +
+                                               std::to_string(mesh.triangles.size() - 1) +
+                                               " has an index out of range");
+    EXPECT_EQ(read(fbx, MeshFormat::Fbx),
+              fbx.string() + ": the FBX reader handed back a broken mesh: triangle " +
+                  std::to_string(read_mesh_in_process(fbx, {}).triangles.size() - 1) +
+                  " has an index out of range");
+    detail::set_child_fault(detail::ChildFault::overstated_count);
+    EXPECT_EQ(read(glb, MeshFormat::Gltf), broken + "its arrays take " +
+                                               std::to_string(overstated_bytes) +
+                                               " bytes, more than the reader's memory limit of " +
+                                               std::to_string(limits.memory_bytes));
+    detail::set_child_fault(detail::ChildFault::truncated_block);
+    EXPECT_EQ(read(glb, MeshFormat::Gltf), broken + "the handover is truncated");
+    detail::set_child_fault(detail::ChildFault::none);
+    expect_read_alike(glb);
+  }
 }
 
 TEST(IsolatedRead, LimitsGrowWithTheInputAndHonourTheMemoryLimit) {

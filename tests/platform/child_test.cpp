@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <new>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -78,6 +80,58 @@ TEST(RunInChild, MemoryFilesCarryResultsBack) {
   std::string text(32, '\0');
   text.resize(static_cast<std::size_t>(shared.read_full(text.data(), text.size(), &error)));
   EXPECT_EQ(text, "from the child");
+}
+
+TEST(RunInChild, ALinkedChildWaitsWhileTheParentReadsItsMemory) {
+  ChildLimits limits;
+  limits.timeout_ms = 60000;
+  // The child's value, read out of it while it waits; it ends with the
+  // parent's answer as its exit code.
+  ChildLink link;
+  ASSERT_EQ(link.error(), 0) << system_error_text(link.error());
+  std::uint64_t value = 0;
+  std::uint64_t seen = 0;
+  int read_error = -1;
+  const ChildOutcome outcome = run_in_child(
+      [&] {
+        value = 0x1234567890abcdefull;
+        return static_cast<int>(link.ready_and_wait());
+      },
+      limits, link,
+      [&](std::uint32_t pid) {
+        read_error =
+            read_process_memory(pid, reinterpret_cast<std::uintptr_t>(&value), &seen, sizeof seen);
+        EXPECT_EQ(link.answer(7), 0);
+      });
+  EXPECT_TRUE(same(outcome, ChildEnd::exited, 7));
+  EXPECT_EQ(read_error, 0) << system_error_text(read_error);
+  EXPECT_EQ(seen, 0x1234567890abcdefull);
+  EXPECT_EQ(value, 0u);
+
+  // A child that ends without saying it is ready is not collected.
+  ChildLink quiet;
+  bool collected = false;
+  EXPECT_TRUE(
+      same(run_in_child([] { return 5; }, limits, quiet, [&](std::uint32_t) { collected = true; }),
+           ChildEnd::exited, 5));
+  EXPECT_FALSE(collected);
+
+  // A collect that throws ends the waiting child and the exception goes on;
+  // the child, which would otherwise wait out the minute, is gone.
+  ChildLink failing;
+  EXPECT_THROW(run_in_child([&] { return static_cast<int>(failing.ready_and_wait()); }, limits,
+                            failing, [](std::uint32_t) { throw std::runtime_error("collect"); }),
+               std::runtime_error);
+
+  // A child that crashes after saying it is ready is named by its signal.
+  ChildLink crashing;
+  EXPECT_TRUE(same(run_in_child(
+                       [&]() -> int {
+                         crashing.ready_and_wait();
+                         std::abort();
+                       },
+                       limits, crashing, [&](std::uint32_t) { crashing.answer(1); }),
+                   ChildEnd::signalled, 6));
 }
 
 }  // namespace
