@@ -108,6 +108,15 @@ Output::Output() : write_([](std::string_view text) { return platform::write_std
 
 void Output::write_line(std::string_view text) {
   std::lock_guard guard(lock_);
+  write_locked(text);
+}
+
+void Output::write_line_built(const std::function<std::string()>& build) {
+  std::lock_guard guard(lock_);
+  write_locked(build());
+}
+
+void Output::write_locked(std::string_view text) {
   if (failed_.load()) {
     return;
   }

@@ -46,9 +46,16 @@ class Output {
   // Writes the line and its newline whole under the lock; a failed write
   // sets the failed flag and later lines are not attempted.
   void write_line(std::string_view text);
+  // Builds the line under the lock, then writes it: a line that another
+  // thread writes because of what `build` did (a job ending on the cancel
+  // flag it set) comes after this one. An exception from `build` writes
+  // nothing. Nothing else may take the output lock inside `build`.
+  void write_line_built(const std::function<std::string()>& build);
   bool failed() const { return failed_.load(); }
 
  private:
+  void write_locked(std::string_view text);
+
   WriteFn write_;
   std::mutex lock_;
   std::atomic<bool> failed_{false};

@@ -72,7 +72,9 @@ void Service::dispatch(const Request& request) {
   } else if (op == "cache.status") {
     output_.write_line(success_reply(request.id, cache_status()));
   } else if (op == "cancel") {
-    output_.write_line(success_reply(request.id, cancel(fields)));
+    // The job that the flag ends answers after this reply, never before:
+    // the flag is set while the output lock is held (output, then runner's).
+    output_.write_line_built([&] { return success_reply(request.id, cancel(fields)); });
   } else if (op == "mesh.release") {
     output_.write_line(success_reply(request.id, release(fields)));
   } else if (op == "memory.trim") {

@@ -2,6 +2,13 @@
 // on a character boundary, invalid UTF-8 replaced, oversized lines replaced.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
 #include "core/utf8.h"
 #include "service/line_writer.h"
 #include "support/message_of.h"
@@ -89,6 +96,43 @@ TEST(LineWriter, OversizedLinesAreReplacedKeepingTheirIdentity) {
   EXPECT_EQ(success_reply(1, Json{{"d", fits}}).size(), kReplyLimit);
   EXPECT_EQ(Json::parse(success_reply(1, Json{{"d", fits + "y"}}))["error"],
             "the engine's reply was longer than 1048576 bytes");
+}
+
+// A line built under the output lock comes before any line that another
+// thread writes because of what the builder did; a builder that throws
+// writes nothing.
+TEST(LineWriter, ALineBuiltUnderTheLockPrecedesWhatItSetsInMotion) {
+  std::vector<std::string> lines;
+  Output output([&](std::string_view line) {
+    lines.emplace_back(line);
+    return true;
+  });
+  std::atomic<bool> flag{false};
+  std::atomic<bool> writing{false};
+  std::thread other([&] {
+    while (!flag.load()) {
+      std::this_thread::yield();
+    }
+    writing = true;
+    output.write_line("job ended");
+  });
+  output.write_line_built([&] {
+    flag = true;
+    // Let the other thread reach its write before this line is returned.
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (!writing.load() && std::chrono::steady_clock::now() < limit) {
+      std::this_thread::yield();
+    }
+    return std::string("cancelling");
+  });
+  other.join();
+  EXPECT_EQ(lines, (std::vector<std::string>{"cancelling\n", "job ended\n"}));
+
+  EXPECT_THROW(output.write_line_built([]() -> std::string { throw std::runtime_error("no"); }),
+               std::runtime_error);
+  output.write_line("after");
+  EXPECT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines.back(), "after\n");
 }
 
 }  // namespace
