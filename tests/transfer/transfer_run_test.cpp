@@ -161,6 +161,18 @@ TEST(TransferRun, MeshToMeshOntoANearbyCopyEqualsTheInputAndDumpsItsHits) {
     EXPECT_NEAR(record.u, expected[s][0], 1e-6) << s;
     EXPECT_NEAR(record.v, expected[s][1], 1e-6) << s;
   }
+
+  // An output that cannot be written fails the run, and the dump stays
+  // unwritten with it.
+  const std::string blocked = (dir / "in.kvt" / "out.kvt").string();
+  EXPECT_EQ(message_of([&] {
+              transfer({"--mode", "m2m", "--target", low.string(), "--high", high.string(),
+                        "--size", "8", "--texture", (dir / "in.kvt").string(), "--out", blocked,
+                        "--dump-hits", (dir / "hits3.bin").string()});
+            }),
+            "cannot create " + blocked + ".tmp");
+  EXPECT_FALSE(std::filesystem::exists(dir / "hits3.bin"));
+  EXPECT_FALSE(std::filesystem::exists(dir / "hits3.bin.tmp"));
 }
 
 TEST(TransferRun, MasksAndPaddingPerOutput) {
