@@ -24,21 +24,22 @@ Mesh load_mesh(const std::filesystem::path& path, int threads) {
 }
 
 ModeRun run_mode(const TransferSettings& settings, const Mesh& target, const Mesh& source,
-                 std::vector<OutputBuffer>& buffers, const WorkerPool& pool,
+                 std::vector<OutputBuffer>& buffers, const WorkerPool& pool, HitDump* dump,
                  const BandDone& band_done) {
   if (settings.mode == TransferMode::uv2uv) {
     return run_uv2uv(target, source, settings, buffers, pool, band_done);
   }
-  std::unique_ptr<HitDump> dump;
-  if (!settings.dump_hits.empty()) {
-    dump =
-        std::make_unique<HitDump>(settings.dump_hits, settings.width, settings.height, settings.aa);
+  return run_m2m(target, source, settings, buffers, pool, dump, band_done);
+}
+
+// The hit dump is kept as a temporary file until every output is written:
+// a run that fails leaves no dump behind.
+std::unique_ptr<HitDump> open_hit_dump(const TransferSettings& settings) {
+  if (settings.mode != TransferMode::m2m || settings.dump_hits.empty()) {
+    return nullptr;
   }
-  ModeRun run = run_m2m(target, source, settings, buffers, pool, dump.get(), band_done);
-  if (dump) {
-    dump->finish();
-  }
-  return run;
+  return std::make_unique<HitDump>(settings.dump_hits, settings.width, settings.height,
+                                   settings.aa);
 }
 
 void send_phase(run::ProgressSink* sink, std::string_view phase) {
@@ -92,8 +93,9 @@ Json transfer_loaded_meshes(const TransferSettings& settings, const Mesh& target
   const WorkerPool pool(settings.threads);
   send_phase(sink, "transfer");
   std::uint64_t done = 0;
+  const std::unique_ptr<HitDump> dump = open_hit_dump(settings);
   try {
-    result.run = run_mode(settings, target, source, prepared.buffers, pool,
+    result.run = run_mode(settings, target, source, prepared.buffers, pool, dump.get(),
                           region_events(sink, settings, done));
   } catch (const std::bad_alloc&) {
     throw OutOfMemory("transfer: out of memory while transferring");
@@ -110,6 +112,9 @@ Json transfer_loaded_meshes(const TransferSettings& settings, const Mesh& target
   send_phase(sink, "write");
   step = Clock::now();
   write_outputs(settings, prepared.buffers);
+  if (dump) {
+    dump->finish();
+  }
   result.seconds.write = seconds_since(step);
   for (const OutputBuffer& buffer : prepared.buffers) {
     result.outputs.push_back(&buffer.image);

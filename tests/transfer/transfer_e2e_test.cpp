@@ -2,6 +2,8 @@
 // messages of each kind of failure, the summary line and the report file.
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "support/test_support.h"
 #include "transfer_test_util.h"
 
@@ -16,9 +18,23 @@ TEST(TransferCommand, HelpUsageErrorsAndErrorsExitAsTheRestOfTheProgram) {
   const platform::ProcessResult help = run_korvane({"transfer", "--help"});
   EXPECT_EQ(help.exit_code, 0);
   EXPECT_EQ(help.out.rfind("korvane 0.4.0 transfer: ", 0), 0u);
-  for (const char* option : {"--source-tile", "--bind-material", "--out-padding-color", "--weights",
-                             "--dump-hits", "--raster-object", "--backend"}) {
-    EXPECT_NE(help.out.find(option), std::string::npos) << option;
+  // Every option of the command is listed.
+  const std::string options =
+      "--mode --target --source-uvs --high --size --height --texture --bind --bind-object "
+      "--bind-material --source-tile --out --out-mask --out-srgb --out-padding-color --aa "
+      "--filter --address --weights --snap --dilation --padding --padding-color --udim --threads "
+      "--backend --front --rear --relative-scale --average-normals --ignore-backface --match "
+      "--raster-material --raster-object --low-suffix --high-suffix --dump-hits --report --help";
+  std::istringstream words(options);
+  for (std::string option; words >> option;) {
+    // Its own entry ("\n  --x <value>", "\n  --x, -h") or the second of a pair ("--y, --x <d>").
+    bool listed = false;
+    for (const std::string before : {"\n  ", ", "}) {
+      for (const char after : {' ', ','}) {
+        listed = listed || help.out.find(before + option + after) != std::string::npos;
+      }
+    }
+    EXPECT_TRUE(listed) << option;
   }
   EXPECT_EQ(help.err, "");
 

@@ -141,6 +141,38 @@ TEST(TransferRun, MeshToMeshOntoANearbyCopyEqualsTheInputAndDumpsItsHits) {
   EXPECT_EQ(bottom.triangle, 0);
   EXPECT_NEAR(bottom.u, 0.125, 1e-6);  // (x, y) = (3/16, 1/16) = u (1, 0) + v (1, 1)
   EXPECT_NEAR(bottom.v, 0.0625, 1e-6);
+
+  // With 2 x 2 sub-samples the records of a texel run row by row, the top
+  // row first: texel (1, 7) holds (5/32, 3/32), (7/32, 3/32), (5/32, 1/32),
+  // (7/32, 1/32), all in the first high triangle.
+  transfer({"--mode", "m2m", "--target", low.string(), "--high", high.string(), "--size", "8",
+            "--aa", "2", "--texture", (dir / "in.kvt").string(), "--out",
+            (dir / "out.kvt").string(), "--dump-hits", (dir / "hits2.bin").string()});
+  const std::string dump2 = test::read_text_file(dir / "hits2.bin");
+  ASSERT_EQ(dump2.size(), transfer::kHitDumpHeaderBytes + 256 * 12);
+  std::memcpy(fields, dump2.data() + 8, sizeof fields);
+  EXPECT_EQ(fields[3], 2u);
+  const double expected[4][2] = {
+      {2.0 / 32, 3.0 / 32}, {4.0 / 32, 3.0 / 32}, {4.0 / 32, 1.0 / 32}, {6.0 / 32, 1.0 / 32}};
+  for (std::size_t s = 0; s < 4; ++s) {
+    transfer::HitRecord record;
+    std::memcpy(&record, dump2.data() + 32 + ((7 * 8 + 1) * 4 + s) * 12, 12);
+    EXPECT_EQ(record.triangle, 0) << s;
+    EXPECT_NEAR(record.u, expected[s][0], 1e-6) << s;
+    EXPECT_NEAR(record.v, expected[s][1], 1e-6) << s;
+  }
+
+  // An output that cannot be written fails the run, and the dump stays
+  // unwritten with it.
+  const std::string blocked = (dir / "in.kvt" / "out.kvt").string();
+  EXPECT_EQ(message_of([&] {
+              transfer({"--mode", "m2m", "--target", low.string(), "--high", high.string(),
+                        "--size", "8", "--texture", (dir / "in.kvt").string(), "--out", blocked,
+                        "--dump-hits", (dir / "hits3.bin").string()});
+            }),
+            "cannot create " + blocked + ".tmp");
+  EXPECT_FALSE(std::filesystem::exists(dir / "hits3.bin"));
+  EXPECT_FALSE(std::filesystem::exists(dir / "hits3.bin.tmp"));
 }
 
 TEST(TransferRun, MasksAndPaddingPerOutput) {
@@ -491,6 +523,19 @@ TEST(TransferRun, SurfaceMismatchAndMeshChecks) {
             "positions or their order)");
   EXPECT_EQ(uv2uv(one),
             "transfer: the source UV mesh differs from the target at triangle 2 (object, corner "
+            "positions or their order)");
+  auto renamed_halves = two_halves(0.0f, false);
+  renamed_halves[1].object = "c";
+  EXPECT_EQ(uv2uv(write_obj(dir, "renamed.obj", renamed_halves)),
+            "transfer: the source UV mesh differs from the target at triangle 2 (object, corner "
+            "positions or their order)");
+  // The same corners, each triangle's listed from its second corner on.
+  std::string rotated = test::quads_obj(two_halves(0.0f, false));
+  const std::size_t last_face = rotated.rfind("f ");
+  rotated.replace(last_face, std::string::npos, "f 7/7 8/8 5/5\n");
+  test::write_text_file(dir / "rotated.obj", rotated);
+  EXPECT_EQ(uv2uv(dir / "rotated.obj"),
+            "transfer: the source UV mesh differs from the target at triangle 3 (object, corner "
             "positions or their order)");
   EXPECT_EQ(uv2uv(target), "(no error)");
   // Mesh files that hold no triangles are refused by their readers; a high
