@@ -17,6 +17,10 @@ Json parse_fields(std::string_view text) {
   } catch (const Json::parse_error& error) {
     throw Error("reply fields are not valid JSON: " + std::string(error.what()));
   }
+  // Only empty text means no fields; a parsed null is not an object.
+  if (!fields.is_object()) {
+    throw Error("reply fields must be a JSON object");
+  }
   return fields;
 }
 

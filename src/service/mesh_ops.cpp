@@ -178,9 +178,15 @@ void Service::load_section(const Request& request, const FieldReader& fields) {
       fields.fail("size", "must be positive");
     }
   } else {
-    const std::int64_t value =
-        fields.integer(fields.at("pid"), "pid", std::numeric_limits<std::int64_t>::min(),
-                       std::numeric_limits<std::int64_t>::max());
+    // Any whole number outside 1 to 2^32 - 1 is out of range, also one too
+    // large for the integer reader's own range.
+    const Json& raw = fields.at("pid");
+    if (raw.is_number_unsigned() &&
+        raw.get<std::uint64_t>() > std::numeric_limits<std::uint32_t>::max()) {
+      fields.fail("pid", "out of range");
+    }
+    const std::int64_t value = fields.integer(raw, "pid", std::numeric_limits<std::int64_t>::min(),
+                                              std::numeric_limits<std::int64_t>::max());
     if (value < 1 || value > std::numeric_limits<std::uint32_t>::max()) {
       fields.fail("pid", "out of range");
     }

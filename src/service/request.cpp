@@ -83,7 +83,8 @@ Request parse_request(std::string_view line) {
     throw ProtocolError(std::nullopt, error.what());
   }
   const FieldReader reader(body, "request", request.id);
-  request.op = reader.string(reader.at("op"), "op");
+  // An empty op is one that no operation names, like any other.
+  request.op = reader.string(reader.at("op"), "op", false);
   const OpFields* fields = find_op(request.op);
   if (fields == nullptr) {
     reader.fail_request("unknown op \"" + request.op + "\"");

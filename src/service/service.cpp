@@ -189,10 +189,14 @@ Json Service::memory_trim(const FieldReader& fields) {
   return f;
 }
 
+ProtocolError Service::already_active(const Request& request) {
+  return ProtocolError(request.id, request.op + ": job " + std::to_string(request.id) +
+                                       " is already queued or running");
+}
+
 void Service::refuse_running_id(const Request& request) const {
   if (runner_.is_active(request.id)) {
-    throw ProtocolError(request.id, request.op + ": job " + std::to_string(request.id) +
-                                        " is already queued or running");
+    throw already_active(request);
   }
 }
 
@@ -201,8 +205,10 @@ void Service::queue(const Request& request, JobLane lane, std::function<std::str
   job->id = request.id;
   job->op = request.op;
   job->run = std::move(run);
+  // Refused on the runner's own answer: the other job may end before a
+  // second look, and the request would then go without a reply.
   if (!runner_.submit(job, lane)) {
-    refuse_running_id(request);
+    throw already_active(request);
   }
 }
 

@@ -18,6 +18,7 @@
 #include "service/line_writer.h"
 #include "service/memory_estimate.h"
 #include "service/mesh_store.h"
+#include "service/protocol_error.h"
 #include "service/request.h"
 #include "service/scene_cache.h"
 #include "service/serve_options.h"
@@ -55,6 +56,7 @@ class Service {
   Json cancel(const FieldReader& fields);
   void queue(const Request& request, JobLane lane, std::function<std::string(Job&)> run);
   // "<op>: job <id> is already queued or running".
+  static ProtocolError already_active(const Request& request);
   void refuse_running_id(const Request& request) const;
   // Answers {"queued":true} and queues a bake-lane job that releases the
   // keys of release_after when it ends, however it ends.

@@ -33,6 +33,10 @@ TEST(LineWriter, FixedFieldsComeFirstAndFieldsKeepTheirOrder) {
 TEST(LineWriter, ReplyFieldsThatAreNotAnObjectOrReuseAFixedKeyAreRefused) {
   EXPECT_EQ(test::message_of([] { success_reply_text(1, "[1]"); }),
             "reply fields must be a JSON object");
+  EXPECT_EQ(test::message_of([] { success_reply_text(1, "null"); }),
+            "reply fields must be a JSON object");
+  EXPECT_EQ(test::message_of([] { success_reply_text(1, "\"x\""); }),
+            "reply fields must be a JSON object");
   EXPECT_EQ(test::message_of([] { success_reply_text(1, "{\"ok\":false}"); }),
             "reply field \"ok\" is reserved");
   EXPECT_EQ(test::message_of([] {

@@ -52,6 +52,8 @@ TEST(Request, EnvelopeErrorsCarryTheIdOnlyOnceItWasRead) {
             "request: id: expected an integer, got number");
   EXPECT_EQ(parse_error("{\"id\":-9223372036854775808,\"op\":\"bogus\"}").message,
             "request: unknown op \"bogus\"");
+  EXPECT_EQ(parse_error("{\"id\":2,\"op\":\"\"}").message, "request: unknown op \"\"");
+  EXPECT_EQ(parse_error("{\"id\":2,\"op\":\"\"}").id, std::optional<std::int64_t>(2));
   EXPECT_EQ(parse_error("{\"id\":2,\"op\":7}").message,
             "request: op: expected a string, got number");
   EXPECT_EQ(parse_error("{\"id\":2,\"op\":\"hello\",\"x\":1}").message,

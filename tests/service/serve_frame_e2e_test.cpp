@@ -120,6 +120,16 @@ TEST(ServeFrame, EnvelopeAndReaderMessagesThroughTheService) {
        "(--parent-pid)\"}"},
       {"{\"id\":10,\"op\":\"mesh.load_process\",\"key\":\"k\",\"pid\":4294967296,\"objects\":[]}",
        "{\"id\":10,\"ok\":false,\"error\":\"mesh.load_process: pid: out of range\"}"},
+      {"{\"id\":10,\"op\":\"mesh.load_process\",\"key\":\"k\",\"pid\":18446744073709551615,"
+       "\"objects\":[]}",
+       "{\"id\":10,\"ok\":false,\"error\":\"mesh.load_process: pid: out of range\"}"},
+      {"{\"id\":10,\"op\":\"mesh.load_process\",\"key\":\"k\",\"pid\":0,\"objects\":[]}",
+       "{\"id\":10,\"ok\":false,\"error\":\"mesh.load_process: pid: out of range\"}"},
+      {"{\"id\":10,\"op\":\"mesh.load_process\",\"key\":\"k\",\"pid\":1.5,\"objects\":[]}",
+       "{\"id\":10,\"ok\":false,\"error\":\"mesh.load_process: pid: expected an integer, got "
+       "number\"}"},
+      {"{\"id\":19,\"op\":\"\"}",
+       "{\"id\":19,\"ok\":false,\"error\":\"request: unknown op \\\"\\\"\"}"},
       {"{\"id\":11,\"op\":\"memory.estimate\",\"size\":64,\"antialias\":3,\"maps\":[\"normal\"],"
        "\"backend\":\"cpu\",\"high_triangles\":5}",
        "{\"id\":11,\"ok\":false,\"error\":\"memory.estimate: antialias: expected 1, 2, 4 or 8\"}"},
