@@ -134,7 +134,7 @@ void Service::bake(const Request& request, const FieldReader& fields) {
 }
 
 // Refuses, before any work, a bake that cannot fit the memory budget.
-void Service::check_budget(const Job& job, const NormalBakeSettings& settings, bool opacity_section,
+void Service::check_budget(Job& job, const NormalBakeSettings& settings, bool opacity_section,
                            const Mesh& low, const std::vector<const Mesh*>& highs) const {
   const bool opacity = !settings.out_opacity.empty() || opacity_section;
   refuse_over_budget(job, bake_job_shape(settings, opacity, low, highs));

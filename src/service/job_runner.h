@@ -24,6 +24,9 @@ struct Job {
   std::int64_t id = 0;
   std::string op;
   std::atomic<bool> cancel{false};
+  // What the job's memory estimate came to, once it made one (its own thread
+  // writes it, and reads it when the job fails).
+  std::uint64_t need_bytes = 0;
   // Runs the work (writing its events) and returns its final reply line;
   // throws to end with an error reply instead.
   std::function<std::string(Job&)> run;

@@ -77,11 +77,12 @@ Json Service::out_of_memory_fields(std::uint64_t need_bytes) const {
   return f;
 }
 
-void Service::refuse_over_budget(const Job& job, const JobShape& shape) const {
+void Service::refuse_over_budget(Job& job, const JobShape& shape) const {
+  const MemoryEstimate estimate = estimate_job_memory(shape);
+  job.need_bytes = estimate.total_bytes;
   if (budget_bytes_ == 0) {
     return;
   }
-  const MemoryEstimate estimate = estimate_job_memory(shape);
   if (estimate.total_bytes > budget_bytes_) {
     throw ProtocolError(job.id, out_of_memory_message(job.op, estimate.total_bytes),
                         out_of_memory_fields(estimate.total_bytes));

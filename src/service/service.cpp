@@ -1,7 +1,9 @@
 #include "service/service.h"
 
 #include <algorithm>
+#include <new>
 
+#include "core/error.h"
 #include "gpu/gpu_probe.h"
 #include "platform/platform.h"
 #include "service/hello.h"
@@ -234,6 +236,11 @@ std::string Service::job_failure(const Job& job, std::exception_ptr error) const
     return error_reply(job.id, job.op + ": cancelled", Json{{"code", "cancelled"}});
   } catch (const ProtocolError& protocol) {
     return error_reply(job.id, protocol.what(), protocol.extra());
+  } catch (const OutOfMemory& failure) {
+    // Failed, not refused, for lack of memory: the same code and numbers.
+    return error_reply(job.id, failure.what(), out_of_memory_fields(job.need_bytes));
+  } catch (const std::bad_alloc&) {
+    return error_reply(job.id, job.op + ": out of memory", out_of_memory_fields(job.need_bytes));
   } catch (const std::exception& failure) {
     return error_reply(job.id, failure.what());
   } catch (...) {

@@ -77,7 +77,7 @@ class Service {
   // Bakes (bake_job.cpp).
   void bake(const Request& request, const FieldReader& fields);
   void prepare_scene(const Request& request, const FieldReader& fields);
-  void check_budget(const Job& job, const NormalBakeSettings& settings, bool opacity_section,
+  void check_budget(Job& job, const NormalBakeSettings& settings, bool opacity_section,
                     const Mesh& low, const std::vector<const Mesh*>& highs) const;
 
   // Texture transfers (transfer_job.cpp).
@@ -86,7 +86,7 @@ class Service {
 
   // The refusal of work that needs more than the budget (memory_request.cpp).
   // Throws the "out_of_memory" error of a job whose shape does not fit.
-  void refuse_over_budget(const Job& job, const JobShape& shape) const;
+  void refuse_over_budget(Job& job, const JobShape& shape) const;
   std::string out_of_memory_message(const std::string& op, std::uint64_t need_bytes) const;
   Json out_of_memory_fields(std::uint64_t need_bytes) const;
 

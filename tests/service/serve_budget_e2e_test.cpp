@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <optional>
 
 #include "image/png.h"
 #include "service/service_client.h"
+#include "support/address_space_limit.h"
 #include "support/test_support.h"
 #include "transfer/transfer_test_util.h"
 
@@ -239,6 +241,40 @@ TEST(ServeBudget, AMeshmapsJobRunsInBandsThatACancelEnds) {
   }
   EXPECT_FALSE(std::filesystem::exists(dir / "cancelled.png"));
   EXPECT_EQ(client.finish(), 0);
+}
+
+// A job that passes the budget but then runs out of memory answers with the
+// same code and numbers as a refusal, its estimate as the need; the service
+// goes on.
+TEST(ServeBudget, AJobThatRunsOutOfMemoryCarriesTheCode) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "the sanitizer's allocator ends the process instead of failing the allocation";
+#endif
+  ScratchDir dir;
+  std::optional<ServiceClient> client;
+  {
+    // The service inherits the lowered limit; this process gets its own back.
+    test::AddressSpaceLimit limit(std::uint64_t{2} << 30);
+    ASSERT_TRUE(limit.applied());
+    client.emplace(std::vector<std::string>{"--memory-budget-mb", "1000000"});
+  }
+  ASSERT_EQ(client->request(load(1, "low", kLow))["ok"], true);
+  ASSERT_EQ(client->request(load(2, "high", kHigh))["ok"], true);
+  Json bake = make_request(3, "bake");
+  bake["low"] = "low";
+  bake["high"] = "high";
+  bake["settings"] = {"--size", "16384", "--aa", "4"};
+  bake["outputs"] = {{"normal", (dir / "n.exr").string()}};
+  const Json failed = client->request(bake);
+  EXPECT_EQ(failed["ok"], false) << failed.dump();
+  EXPECT_EQ(failed["code"], "out_of_memory") << failed.dump();
+  EXPECT_NE(failed.value("error", "").find("out of memory"), std::string::npos);
+  EXPECT_GT(failed.value("need_mb", 0), 4096);  // 16384^2 texels at 4 samples each
+  EXPECT_EQ(failed["limit_mb"], 1000000);
+  EXPECT_TRUE(failed.contains("available_mb"));
+  EXPECT_FALSE(std::filesystem::exists(dir / "n.exr"));
+  EXPECT_EQ(client->request(make_request(4, "hello"))["ok"], true);
+  EXPECT_EQ(client->finish(), 0);
 }
 
 }  // namespace
