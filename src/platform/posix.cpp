@@ -22,6 +22,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <initializer_list>
 #include <limits>
 #include <thread>
 #include <utility>
@@ -664,15 +665,61 @@ std::optional<MappedFile> MappedFile::open(const std::filesystem::path& path, in
 
 // ---- child processes -----------------------------------------------------
 
+namespace {
+
+// The parent's ends of a started child's standard input, output and error.
+struct ChildPipes {
+  int in = -1;
+  int out = -1;
+  int err = -1;
+};
+
+// Starts argv[0] with new pipes as its standard streams. Returns 0 and the
+// parent's ends, or an error number with nothing left open.
+int spawn_with_pipes(const std::vector<std::string>& argv, char* const* envp, pid_t* pid,
+                     ChildPipes* pipes) {
+  int in_pipe[2] = {-1, -1}, out_pipe[2] = {-1, -1}, err_pipe[2] = {-1, -1};
+  const auto close_ends = [](std::initializer_list<int> fds) {
+    for (const int fd : fds) {
+      if (fd >= 0) {
+        ::close(fd);
+      }
+    }
+  };
+  if (::pipe2(in_pipe, O_CLOEXEC) != 0 || ::pipe2(out_pipe, O_CLOEXEC) != 0 ||
+      ::pipe2(err_pipe, O_CLOEXEC) != 0) {
+    const int error = errno;
+    close_ends({in_pipe[0], in_pipe[1], out_pipe[0], out_pipe[1], err_pipe[0], err_pipe[1]});
+    return error;
+  }
+  std::vector<std::string> args = argv;
+  std::vector<char*> argp;
+  for (auto& a : args) {
+    argp.push_back(a.data());
+  }
+  argp.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, in_pipe[0], STDIN_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, out_pipe[1], STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, err_pipe[1], STDERR_FILENO);
+  const int rc = ::posix_spawn(pid, argp[0], &actions, nullptr, argp.data(), envp);
+  posix_spawn_file_actions_destroy(&actions);
+  close_ends({in_pipe[0], out_pipe[1], err_pipe[1]});
+  if (rc != 0) {
+    close_ends({in_pipe[1], out_pipe[0], err_pipe[0]});
+    return rc;
+  }
+  *pipes = {in_pipe[1], out_pipe[0], err_pipe[0]};
+  return 0;
+}
+
+}  // namespace
+
 ProcessResult run_process(const std::vector<std::string>& argv, std::string_view stdin_text,
                           const std::vector<std::string>& env_set,
                           const std::vector<std::string>& env_unset) {
   ProcessResult result;
-  int in_pipe[2], out_pipe[2], err_pipe[2];
-  if (::pipe2(in_pipe, O_CLOEXEC) != 0 || ::pipe2(out_pipe, O_CLOEXEC) != 0 ||
-      ::pipe2(err_pipe, O_CLOEXEC) != 0) {
-    return result;
-  }
   std::vector<std::string> env_strings;
   for (char** e = environ; *e != nullptr; ++e) {
     const std::string entry = *e;
@@ -694,34 +741,16 @@ ProcessResult run_process(const std::vector<std::string>& argv, std::string_view
     envp.push_back(s.data());
   }
   envp.push_back(nullptr);
-  std::vector<std::string> args = argv;
-  std::vector<char*> argp;
-  for (auto& s : args) {
-    argp.push_back(s.data());
-  }
-  argp.push_back(nullptr);
-
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, in_pipe[0], STDIN_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, out_pipe[1], STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, err_pipe[1], STDERR_FILENO);
   pid_t pid = -1;
-  const int rc = ::posix_spawn(&pid, argp[0], &actions, nullptr, argp.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  ::close(in_pipe[0]);
-  ::close(out_pipe[1]);
-  ::close(err_pipe[1]);
+  ChildPipes pipes;
+  const int rc = spawn_with_pipes(argv, envp.data(), &pid, &pipes);
   if (rc != 0) {
-    ::close(in_pipe[1]);
-    ::close(out_pipe[0]);
-    ::close(err_pipe[0]);
     result.err = system_error_text(rc);
     return result;
   }
   // Feed stdin and drain both outputs together so no pipe fills up.
   std::size_t fed = 0;
-  int in_fd = in_pipe[1];
+  int in_fd = pipes.in;
   if (stdin_text.empty()) {
     ::close(in_fd);
     in_fd = -1;
@@ -732,7 +761,7 @@ ProcessResult run_process(const std::vector<std::string>& argv, std::string_view
   }, previous{};
   ignore.sa_handler = SIG_IGN;
   ::sigaction(SIGPIPE, &ignore, &previous);
-  int out_fd = out_pipe[0], err_fd = err_pipe[0];
+  int out_fd = pipes.out, err_fd = pipes.err;
   char buffer[65536];
   while (out_fd >= 0 || err_fd >= 0) {
     pollfd fds[3];
@@ -1174,40 +1203,17 @@ ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept {
 }
 
 std::optional<ChildProcess> ChildProcess::spawn(const std::vector<std::string>& argv, int* error) {
-  int in_pipe[2], out_pipe[2], err_pipe[2];
-  if (::pipe2(in_pipe, O_CLOEXEC) != 0) {
-    *error = errno;
-    return std::nullopt;
-  }
-  if (::pipe2(out_pipe, O_CLOEXEC) != 0 || ::pipe2(err_pipe, O_CLOEXEC) != 0) {
-    *error = errno;
-    return std::nullopt;
-  }
-  std::vector<std::string> args = argv;
-  std::vector<char*> argp;
-  for (auto& a : args) {
-    argp.push_back(a.data());
-  }
-  argp.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, in_pipe[0], STDIN_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, out_pipe[1], STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, err_pipe[1], STDERR_FILENO);
   pid_t pid = -1;
-  const int rc = ::posix_spawn(&pid, argp[0], &actions, nullptr, argp.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  ::close(in_pipe[0]);
-  ::close(out_pipe[1]);
-  ::close(err_pipe[1]);
-  ChildProcess child;
-  child.in_ = in_pipe[1];
-  child.out_ = out_pipe[0];
-  child.err_ = err_pipe[0];
+  ChildPipes pipes;
+  const int rc = spawn_with_pipes(argv, environ, &pid, &pipes);
   if (rc != 0) {
     *error = rc;
     return std::nullopt;
   }
+  ChildProcess child;
+  child.in_ = pipes.in;
+  child.out_ = pipes.out;
+  child.err_ = pipes.err;
   child.pid_ = pid;
   child.process_ = open_pidfd(pid);
   // Our own writes to a child that died must fail, not end the test.
