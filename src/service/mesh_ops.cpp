@@ -73,13 +73,15 @@ bool has_uvs(const Mesh& mesh) {
 
 }  // namespace
 
-bool Service::reuse_loaded(const Request& request, const std::string& key, const std::string& token,
-                           const std::string& hash) {
+std::optional<std::uint64_t> Service::begin_load(const Request& request, const std::string& key,
+                                                 const std::string& token,
+                                                 const std::string& hash) {
+  refuse_running_id(request);
   const auto stored = meshes_.find(key);
   const bool same = stored && ((!hash.empty() && stored->hash == hash) ||
                                (hash.empty() && !token.empty() && stored->token == token));
   if (!same) {
-    return false;
+    return meshes_.begin_load(key);
   }
   Json reply = Json::object();
   reply["key"] = key;
@@ -89,7 +91,7 @@ bool Service::reuse_loaded(const Request& request, const std::string& key, const
   reply["has_uvs"] = has_uvs(*stored->mesh);
   reply["reused"] = true;
   output_.write_line(success_reply(request.id, reply));
-  return true;
+  return std::nullopt;
 }
 
 std::string Service::finish_load(Job& job, const std::string& key, std::uint64_t generation,
@@ -122,11 +124,11 @@ void Service::load_file(const Request& request, const FieldReader& fields) {
   const bool progress = optional_flag(fields, "progress", false);
   const bool keep_uvs = optional_flag(fields, "uvs", true);
 
-  refuse_running_id(request);
-  if (reuse_loaded(request, key, token, hash)) {
+  const std::optional<std::uint64_t> started = begin_load(request, key, token, hash);
+  if (!started) {
     return;
   }
-  const std::uint64_t generation = meshes_.begin_load(key);
+  const std::uint64_t generation = *started;
   queue(request, JobLane::load, [=, this](Job& job) {
     const PendingLoad pending(meshes_, key, generation);
     check_cancel(job);
@@ -199,11 +201,11 @@ void Service::load_section(const Request& request, const FieldReader& fields) {
   std::vector<SectionObject> objects = read_section_objects(fields);
   const std::string token = optional_text(fields, "token");
   const std::string hash = optional_text(fields, "hash");
-  refuse_running_id(request);
-  if (reuse_loaded(request, key, token, hash)) {
+  const std::optional<std::uint64_t> started = begin_load(request, key, token, hash);
+  if (!started) {
     return;
   }
-  const std::uint64_t generation = meshes_.begin_load(key);
+  const std::uint64_t generation = *started;
   queue(request, JobLane::load, [=, this](Job& job) {
     const PendingLoad pending(meshes_, key, generation);
     check_cancel(job);

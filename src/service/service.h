@@ -67,9 +67,11 @@ class Service {
   void load_file(const Request& request, const FieldReader& fields);
   void load_section(const Request& request, const FieldReader& fields);
   void list_objects(const Request& request, const FieldReader& fields);
-  // Answers at once when the key holds the mesh of that hash (or token).
-  bool reuse_loaded(const Request& request, const std::string& key, const std::string& token,
-                    const std::string& hash);
+  // Starts a load under the key: refuses an id still at work, answers at
+  // once (nullopt) when the key holds the mesh of that hash (or token), else
+  // returns the generation the load fills.
+  std::optional<std::uint64_t> begin_load(const Request& request, const std::string& key,
+                                          const std::string& token, const std::string& hash);
   std::string finish_load(Job& job, const std::string& key, std::uint64_t generation, Mesh&& mesh,
                           const MeshStats& stats, const std::string& token,
                           const std::string& hash);
